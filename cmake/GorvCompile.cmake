@@ -1,0 +1,25 @@
+# Compiler and linker options that every target of this project shares.
+
+function(gorv_compile_options target)
+    set_target_properties(${target} PROPERTIES
+        CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF
+        CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
+        POSITION_INDEPENDENT_CODE ON)
+    target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wformat=2)
+    if(GORV_WERROR)
+        target_compile_options(${target} PRIVATE -Werror)
+    endif()
+endfunction()
+
+# The library itself: its calls to its own functions skip the symbol table, only the listed symbols leave it,
+# and libssl stays a dependency although nothing in it is called.
+function(gorv_library_options target)
+    set(map "${PROJECT_SOURCE_DIR}/cmake/gorvUtil.map")
+    target_compile_options(${target} PRIVATE -fno-semantic-interposition)
+    target_link_options(${target} PRIVATE "LINKER:--version-script=${map}" "LINKER:-z,now,-z,relro")
+    if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
+        target_link_options(${target} PRIVATE "LINKER:-z,defs")
+    endif()
+    target_link_libraries(${target} PRIVATE "-Wl,--push-state,--no-as-needed" OpenSSL::SSL "-Wl,--pop-state")
+    set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS "${map}")
+endfunction()

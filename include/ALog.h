@@ -1,0 +1,90 @@
+#pragma once
+
+#include "GorvApi.h"
+#include "Monitor.h"
+
+#include <cstdarg>
+#include <cstdio>
+
+/// A text log: one line a call to one stdio stream, each line with an optional date-time stamp, the log's name
+/// and a printf-style message. Levels are accepted and change nothing.
+///
+/// The program creates the log, hands it by reference to the objects that report, and lets it outlive them.
+/// Printing is safe from any thread, and lines never mix. setOutputFile(), setShowTimestamp(),
+/// setEchoToConsole() and flush() take no lock: set a log up before threads share it.
+///
+/// A line reads "MM/DD/YYYY HH:MM:SS NAME -MESSAGE", day padded with a blank. The log adds no line end: the
+/// format carries its own "\n". A line has at most 2047 characters; the rest is cut off.
+///
+/// @code
+/// ALog log("consoled", stderr);
+/// log.print("listening on port %d\n", port);
+/// @endcode
+class GORV_API ALog {
+public:
+    static const int INFO = 1;    ///< Level of progress lines.
+    static const int WARNING = 2; ///< Level of warnings.
+    static const int ERROR = 3;   ///< Level of failures.
+    static const int TRACE = 4;   ///< Level of debugging lines.
+
+    /// A log that is switched off and has no stream. @p name is copied; null counts as "".
+    explicit ALog(const char* name);
+
+    /// A log that writes to @p file, which stays the caller's and is never closed here. With @p file null the
+    /// first line opens "debug.log" in the working directory, emptying it. @p name is copied; null counts as "".
+    ALog(const char* name, FILE* file);
+
+    /// Neither flushes nor closes the stream.
+    virtual ~ALog();
+
+    ALog(const ALog&) = delete;
+    ALog& operator=(const ALog&) = delete;
+
+    /// Write to the file at @p path from now on, emptying it. The previous stream is closed if the log opened
+    /// it and left alone if the caller handed it in. Does not switch the log on. No other thread may print.
+    /// @return 0, or -1 when the file can't be opened: then the next line opens "debug.log".
+    int setOutputFile(const char* path);
+
+    /// Choose whether the log writes anything at all. Safe from any thread.
+    void setEnabled(bool enabled);
+    /// @return whether the log writes.
+    bool getEnabled();
+
+    /// Choose whether lines start with the date and time. On in a new log.
+    void setShowTimestamp(bool show);
+    /// @return whether lines start with the date and time.
+    bool getShowTimestamp();
+
+    /// Choose whether each line also goes to standard output, which is flushed. Off in a new log.
+    void setEchoToConsole(bool echo);
+    /// @return whether each line also goes to standard output.
+    bool getEchoToConsole();
+
+    /// Write one line and flush the stream. Nothing is reported: a line that can't be written is dropped.
+    void print(const char* format, ...) GORV_PRINTF(2, 3);
+    /// The same; @p level changes nothing.
+    void print(int level, const char* format, ...) GORV_PRINTF(3, 4);
+
+    /// Write one line and leave it in the stream's buffer.
+    void vprint(const char* format, va_list args) GORV_PRINTF(2, 0);
+    /// The same; @p level changes nothing.
+    void vprint(int level, const char* format, va_list args) GORV_PRINTF(3, 0);
+
+    /// Flush the stream, and standard output too while lines are echoed to it.
+    void flush();
+
+private:
+    GORV_LOCAL bool openDefaultFile();
+    GORV_LOCAL void composeLine(const char* format, va_list args) GORV_PRINTF(2, 0);
+    GORV_LOCAL void flushFile();
+
+    FILE* m_file;
+    bool m_enabled;
+    bool m_showTimestamp;
+    bool m_echoToConsole;
+    bool m_ownsFile; // the log opened m_file itself
+    char* m_name;
+    Monitor m_monitor;
+    char* m_buffer;
+    int m_bufferSize;
+};

@@ -1,0 +1,65 @@
+#pragma once
+
+#include "GorvApi.h"
+#include "MonitorLock.h"
+
+#include <pthread.h>
+
+class AComponentLog;
+class ALog;
+
+/// The id that the most recently constructed Monitor took. Starts at 1, so the first monitor of a process has
+/// id 2. Ids are unique; nothing depends on it.
+extern GORV_API int NextMonitorId;
+
+/// A recursive lock with a condition variable.
+///
+/// Any thread may call any operation. The thread that holds the lock may take it again; every lock needs its
+/// own release. No operation throws or reports a result. Neither copied nor moved.
+///
+/// @code
+/// MonitorLock lock = monitor.acquireLock();  // released at the end of the scope
+/// while (queue.empty())
+///     monitor.wait(500);
+/// @endcode
+class GORV_API Monitor {
+public:
+    Monitor();
+
+    /// The lock must be free and nobody may be waiting.
+    virtual ~Monitor();
+
+    Monitor(const Monitor&) = delete;
+    Monitor& operator=(const Monitor&) = delete;
+
+    /// Lets the monitor's reports reach @p log, which stays the caller's and must outlive the monitor.
+    void setLog(ALog& log);
+
+    /// Take the lock, blocking until it is free. Pair each call with releaseLock().
+    void fastLock();
+
+    /// Give one level of the lock back. Only the thread that holds it may call this.
+    void releaseLock();
+
+    /// Take the lock as fastLock() does.
+    /// @return the guard that holds it; letting the guard go at once releases the lock at once.
+    MonitorLock acquireLock();
+
+    /// Wait, without a limit, until notify() wakes this thread. The caller holds the lock exactly once; it is
+    /// free during the wait and held again on return. Wake-ups can be spurious: check your condition again.
+    void wait();
+
+    /// Wait as wait() does, but no longer than @p timeoutMs milliseconds (less than 0 counts as 0) of the
+    /// realtime clock. The caller can't tell a time-out from a wake-up. An unexpected result of the system's
+    /// wait is printed through the monitor's log as " pthread_cond_timedwait returned: %i\n".
+    void wait(int timeoutMs);
+
+    /// Wake at most one waiting thread. May be called with or without the lock.
+    void notify();
+
+private:
+    pthread_mutex_t m_mutex;
+    pthread_cond_t m_condition;
+    int m_id;
+    AComponentLog* m_log; // owned
+};

@@ -1,0 +1,16 @@
+#pragma once
+
+#include "Monitor.h"
+
+/// Holds a monitor through fastLock() and releaseLock() for one scope.
+class FastLock {
+public:
+    explicit FastLock(Monitor& monitor) : m_monitor(monitor) { m_monitor.fastLock(); }
+    ~FastLock() { m_monitor.releaseLock(); }
+
+    FastLock(const FastLock&) = delete;
+    FastLock& operator=(const FastLock&) = delete;
+
+private:
+    Monitor& m_monitor;
+};
