@@ -6,8 +6,8 @@
 #include <cstdarg>
 #include <cstdio>
 
-/// A text log: one line a call to one stdio stream, each line with an optional date-time stamp, the log's name
-/// and a printf-style message. Levels are accepted and change nothing.
+/// A text log: one line a call to one stdio stream, each line with an optional date-time stamp, the log's
+/// name and a printf-style message. Levels are accepted and change nothing.
 ///
 /// The program creates the log, hands it by reference to the objects that report, and lets it outlive them.
 /// Printing is safe from any thread, and lines never mix. setOutputFile(), setShowTimestamp(),
@@ -31,7 +31,8 @@ public:
     explicit ALog(const char* name);
 
     /// A log that writes to @p file, which stays the caller's and is never closed here. With @p file null the
-    /// first line opens "debug.log" in the working directory, emptying it. @p name is copied; null counts as "".
+    /// first line opens "debug.log" in the working directory, emptying it. @p name is copied; null counts as
+    /// "".
     ALog(const char* name, FILE* file);
 
     /// Neither flushes nor closes the stream.

@@ -6,7 +6,8 @@ class Monitor;
 
 /// Holds one level of a Monitor's lock and gives it back when it goes out of scope.
 ///
-/// Made by Monitor::acquireLock(). A guard belongs to the thread that took the lock. Neither copied nor moved.
+/// Made by Monitor::acquireLock(). A guard belongs to the thread that took the lock. Neither copied nor
+/// moved.
 class GORV_API MonitorLock {
 public:
     /// Adopt one level of @p monitor's lock that the calling thread already holds. Does not lock. The monitor

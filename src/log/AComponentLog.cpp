@@ -10,12 +10,12 @@ const int AComponentLog::WARNING;
 const int AComponentLog::ERROR;
 const int AComponentLog::TRACE;
 
-AComponentLog::AComponentLog() : AComponentLog(nullptr) {}
+AComponentLog::AComponentLog() : AComponentLog(nullptr)
+{}
 
 AComponentLog::AComponentLog(const char* name)
     : m_baseLog(nullptr), m_enabled(true), m_name(name == nullptr ? "" : name)
-{
-}
+{}
 
 AComponentLog::AComponentLog(const char* name, ALog& baseLog) : AComponentLog(name)
 {

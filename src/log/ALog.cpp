@@ -83,7 +83,8 @@ ALog::~ALog()
 
 int ALog::setOutputFile(const char* path)
 {
-    // The old stream is closed first: were it the same file, its buffered lines would land in the emptied one.
+    // The old stream is closed first: were it the same file, its buffered lines would land in the emptied
+    // one.
     if (m_ownsFile && m_file != nullptr)
         std::fclose(m_file);
     m_ownsFile = true;

@@ -2,8 +2,8 @@
 
 #include "sync/SharedField.h"
 
-// The C library looks at TZ and the zone file in every localtime and strftime, which costs more than the rest of
-// a log line. A text that was formatted for one second is therefore kept, and these variables, which tzset
+// The C library looks at TZ and the zone file in every localtime and strftime, which costs more than the rest
+// of a log line. A text that was formatted for one second is therefore kept, and these variables, which tzset
 // changes, tell whether the zone is still the one that the text was made for.
 
 LocalTimeKey localTimeKey(std::time_t second)

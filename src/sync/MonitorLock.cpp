@@ -2,7 +2,8 @@
 
 #include "Monitor.h"
 
-MonitorLock::MonitorLock(Monitor& monitor) : m_monitor(&monitor), m_released(0) {}
+MonitorLock::MonitorLock(Monitor& monitor) : m_monitor(&monitor), m_released(0)
+{}
 
 MonitorLock::~MonitorLock()
 {

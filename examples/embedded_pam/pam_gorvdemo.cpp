@@ -1,0 +1,164 @@
+// A small PAM module that serves the examples and the tests without touching the machine's accounts.
+//
+// Arguments:  accounts=FILE   one account a line: name:hash:account status:session id[:open status[:close
+// status]]
+//             record=FILE     append a line for each step: its name, user, client address and PAM environment
+//
+// The hash is crypt's, the statuses are PAM's numbers. The session id is published as the PAM variable
+// SESSION_ID: a text as it stands, "auto" for a new number each time, or nothing for no variable.
+
+#include <array>
+#include <atomic>
+#include <charconv>
+#include <crypt.h>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <openssl/crypto.h>
+#include <security/pam_ext.h>
+#include <security/pam_modules.h>
+#include <string>
+#include <string_view>
+
+namespace {
+
+enum Field : std::size_t { Name, Hash, AccountStatus, SessionId, OpenStatus, CloseStatus, FieldCount };
+
+using Account = std::array<std::string, FieldCount>;
+using Stream = std::unique_ptr<FILE, decltype(&std::fclose)>;
+
+std::string argument(int argc, const char** argv, std::string_view name)
+{
+    for (int i = 0; i < argc; ++i) {
+        const std::string_view text = argv[i];
+        if (text.substr(0, name.size()) == name)
+            return std::string(text.substr(name.size()));
+    }
+    return {};
+}
+
+Account parseAccount(std::string_view line)
+{
+    Account account;
+    for (std::string& field : account) {
+        const std::size_t end = line.find(':');
+        field = line.substr(0, end);
+        if (end == std::string_view::npos)
+            break;
+        line.remove_prefix(end + 1);
+    }
+    return account;
+}
+
+bool findAccount(const std::string& path, const char* user, Account& result)
+{
+    const Stream file(std::fopen(path.c_str(), "re"), &std::fclose);
+    if (file == nullptr)
+        return false;
+    char line[512];
+    while (std::fgets(line, sizeof line, file.get()) != nullptr) {
+        line[std::strcspn(line, "\n")] = '\0';
+        result = parseAccount(line);
+        if (result[Name] == user)
+            return true;
+    }
+    return false;
+}
+
+int statusOf(const std::string& text)
+{
+    int status = PAM_SUCCESS;
+    std::from_chars(text.data(), text.data() + text.size(), status);
+    return status;
+}
+
+bool matches(const std::string& hash, const char* password)
+{
+    const auto work = std::make_unique<crypt_data>();
+    const char* result = crypt_r(password, hash.c_str(), work.get());
+    const bool same = result != nullptr && hash == result;
+    OPENSSL_cleanse(work.get(), sizeof *work);
+    return same;
+}
+
+void record(const std::string& path, const char* step, pam_handle_t* handle)
+{
+    if (path.empty())
+        return;
+    const Stream file(std::fopen(path.c_str(), "ae"), &std::fclose);
+    if (file == nullptr)
+        return;
+    const void* user = nullptr;
+    const void* host = nullptr;
+    pam_get_item(handle, PAM_USER, &user);
+    pam_get_item(handle, PAM_RHOST, &host);
+    std::fprintf(file.get(), "%s user=%s rhost=%s", step, static_cast<const char*>(user),
+                 host == nullptr ? "" : static_cast<const char*>(host));
+    char** variables = pam_getenvlist(handle);
+    for (char** variable = variables; variable != nullptr && *variable != nullptr; ++variable) {
+        std::fprintf(file.get(), " %s", *variable);
+        std::free(*variable);
+    }
+    std::free(variables);
+    std::fputc('\n', file.get());
+}
+
+/// Records the step and looks the user up.
+int beginStep(pam_handle_t* handle, int argc, const char** argv, const char* step, Account& account)
+{
+    const char* user = nullptr;
+    if (pam_get_user(handle, &user, nullptr) != PAM_SUCCESS || user == nullptr)
+        return PAM_USER_UNKNOWN;
+    record(argument(argc, argv, "record="), step, handle);
+    return findAccount(argument(argc, argv, "accounts="), user, account) ? PAM_SUCCESS : PAM_USER_UNKNOWN;
+}
+
+} // namespace
+
+#define MODULE_ENTRY extern "C" __attribute__((visibility("default"))) int
+
+MODULE_ENTRY pam_sm_authenticate(pam_handle_t* handle, int, int argc, const char** argv)
+{
+    Account account;
+    const int found = beginStep(handle, argc, argv, "authenticate", account);
+    const char* password = nullptr;
+    const int asked = pam_get_authtok(handle, PAM_AUTHTOK, &password, nullptr);
+    if (asked != PAM_SUCCESS)
+        return asked;
+    return found == PAM_SUCCESS && matches(account[Hash], password) ? PAM_SUCCESS : PAM_AUTH_ERR;
+}
+
+MODULE_ENTRY pam_sm_setcred(pam_handle_t*, int, int, const char**)
+{
+    return PAM_SUCCESS;
+}
+
+MODULE_ENTRY pam_sm_acct_mgmt(pam_handle_t* handle, int, int argc, const char** argv)
+{
+    Account account;
+    const int found = beginStep(handle, argc, argv, "account", account);
+    return found == PAM_SUCCESS ? statusOf(account[AccountStatus]) : found;
+}
+
+MODULE_ENTRY pam_sm_open_session(pam_handle_t* handle, int, int argc, const char** argv)
+{
+    static std::atomic<int> s_lastSession = 0;
+    Account account;
+    const int found = beginStep(handle, argc, argv, "open", account);
+    if (found != PAM_SUCCESS)
+        return found;
+    std::string& id = account[SessionId];
+    if (id == "auto")
+        id = std::to_string(++s_lastSession);
+    if (!id.empty())
+        pam_putenv(handle, ("SESSION_ID=" + id).c_str());
+    return statusOf(account[OpenStatus]);
+}
+
+MODULE_ENTRY pam_sm_close_session(pam_handle_t* handle, int, int argc, const char** argv)
+{
+    Account account;
+    const int found = beginStep(handle, argc, argv, "close", account);
+    return found == PAM_SUCCESS ? statusOf(account[CloseStatus]) : found;
+}

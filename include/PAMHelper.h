@@ -1,0 +1,179 @@
+#pragma once
+
+#include "GorvApi.h"
+#include "Monitor.h"
+
+#include <map>
+#include <security/pam_appl.h>
+#include <string>
+
+/// One login of one user through PAM, without a terminal, and the process-wide registry of such logins.
+///
+/// A helper answers PAM's password prompt from memory, hands the modules the client's address and the address
+/// of the interface that the client reached, and keeps the PAM status of its last step. It writes no log and
+/// throws nothing of its own.
+///
+/// Create a helper with new, one per login, and give it up with dispose(), which deletes it. Every PAM step
+/// of every helper runs under one process-wide monitor, and so do the registry operations: they are safe from
+/// any thread. A helper that a look-up returns stays its creator's, who may dispose of it at any time: hold
+/// getMonitor() while you use one that isn't yours.
+///
+/// @code
+/// auto* login = new PAMHelper("::ffff:192.168.1.20", "192.168.1.1");
+/// bool skipAuth = false;
+/// if (login->authenticate(service, user, password, skipAuth) == PAM_SUCCESS && login->startSession())
+///     login->setSessionId(key);
+/// // ... later, perhaps on another thread
+/// login->dispose();
+/// @endcode
+class GORV_API PAMHelper {
+public:
+    /// Guards instanceMap and serialises the PAM steps of all helpers.
+    static Monitor instanceMapMonitor;
+    /// The registered helpers by session id. Owns none of them.
+    static std::map<std::string, PAMHelper*> instanceMap;
+    /// Guards instanceFwMap and the firmware flags.
+    static Monitor instanceFwMapMonitor;
+    /// For each flag value, the helper that last set either firmware flag to it. Owns none of them.
+    static std::map<bool, PAMHelper*> instanceFwMap;
+
+    /// A login that has not authenticated yet. Either address may be null, which leaves it empty; both are
+    /// reduced as setRemoteIP() says.
+    PAMHelper(const char* remoteIP, const char* interfaceIP);
+
+    /// Take the helper out of the registries and end its PAM transaction. Hosts call dispose() instead.
+    virtual ~PAMHelper();
+
+    PAMHelper(const PAMHelper&) = delete;
+    PAMHelper& operator=(const PAMHelper&) = delete;
+
+    /// @name Authentication
+    /// The forms with a service start the helper's PAM transaction, authenticate and check the account. Call
+    /// one of them once per helper: a second call starts a new transaction and never ends the first. With
+    /// @p skipAuth true the password isn't checked, the account is.
+    ///
+    /// Arguments are only read. The helper's copy of the password is wiped before the call returns, on every
+    /// path; what PAM keeps and the caller's own string are not.
+    ///
+    /// @return the PAM status of the last step taken: 0 (PAM_SUCCESS), 12 (PAM_NEW_AUTHTOK_REQD) for an
+    /// account that must change its password, 7 (PAM_AUTH_ERR) when PAM could not be started, or PAM's own
+    /// status.
+    /// @{
+
+    /// Check the password of a login again, without an account check: for the helper's own user on its own
+    /// transaction, for another user on a temporary one. The helper keeps its user.
+    int authenticate(std::string& user, std::string& password, bool& skipAuth);
+
+    /// Authenticate without extra variables in the PAM environment.
+    int authenticate(std::string& service, std::string& user, std::string& password, bool& skipAuth);
+
+    /// Authenticate with "JEXTOKEN" set to @p token.
+    int authenticate(std::string& service, std::string& user, std::string& password, std::string& token,
+                     bool& skipAuth);
+
+    /// Authenticate with @p envName set to @p envValue and "CONTEXT_ID" set to the password. PAM keeps that
+    /// variable as long as the transaction.
+    int authenticate(std::string& service, std::string& user, std::string& password, std::string& envName,
+                     std::string& envValue, bool& skipAuth);
+
+    /// Authenticate with @p envName set to @p envValue and, if @p envName is "OIDC_LOGIN", "CONTEXT_ID" set
+    /// to
+    /// @p contextId.
+    int authenticate(std::string& service, std::string& user, std::string& password, std::string& contextId,
+                     std::string& envName, std::string& envValue, bool& skipAuth);
+    /// @}
+
+    /// @return the PAM status of the last step; 9 (PAM_AUTHINFO_UNAVAIL) before any. Safe from any thread.
+    int getAuthResult();
+
+    /// Set the client's address, handed to PAM as PAM_RHOST by the next authentication. Null changes nothing.
+    /// Of an IPv4 address in IPv6-mapped form, "::ffff:10.20.30.40", only the IPv4 part is kept.
+    void setRemoteIP(const char* address);
+    /// Set the address of the interface that the client reached, handed to PAM as "INTERFACE_IP". Null and
+    /// mapped addresses as with setRemoteIP().
+    void setInterfaceIP(const char* address);
+    /// @return the client's address, as long as the helper lives.
+    std::string& getRemoteIP();
+
+    /// Put @p name = @p value (neither null) into the PAM environment; an empty value is kept as such.
+    /// @return PAM's status; 0, without effect, before a transaction was started.
+    int setEnv(const char* name, const char* value);
+    /// @return the PAM variable @p name, or null. The text is PAM's and valid until the variable changes or
+    /// the helper is disposed of.
+    const char* getEnv(const char* name);
+
+    /// The PAM conversation of every transaction that a helper starts; @p appdata_ptr is the helper. Only PAM
+    /// calls it. Answers a prompt without echo that asks for the password from memory, a prompt with echo
+    /// from standard input, and writes errors to standard error and information to standard output.
+    /// @return PAM_SUCCESS with @p resp set to replies that PAM frees, else PAM_CONV_ERR or PAM_BUF_ERR.
+    static int converse(int num_msg, const struct pam_message** msg, struct pam_response** resp,
+                        void* appdata_ptr);
+
+    /// Open the PAM session and take its numeric id from the PAM variable "SESSION_ID" (decimal, 0x, 0b or
+    /// octal; 0 if the variable is absent, unchanged if it is no number).
+    /// @return whether the session is open; false, without a call to PAM, unless the last status is 0 or 12.
+    bool startSession();
+    /// Close the PAM session if it is open, store PAM's status for getAuthResult(), and remove the registry
+    /// entry under this helper's session id. Does nothing before a transaction was started.
+    /// @return 0
+    int stopSession();
+    /// @return whether the PAM session is open. Safe from any thread.
+    bool isValid();
+
+    /// Register this helper under @p sessionId (which may be empty), replacing whoever is registered under
+    /// it, and give up the registration under an earlier id.
+    void setSessionId(const std::string& sessionId);
+    /// @return the session id, empty before setSessionId().
+    std::string& getSessionId();
+    /// @return the numeric session id, 0 before startSession(). Safe from any thread.
+    int getKEPSessionId();
+
+    /// @return the helper registered under @p sessionId, or null.
+    static PAMHelper* instanceForSessionId(const std::string& sessionId);
+    /// @return the registered helper with the numeric id @p id, or null. Of several, the one with the
+    /// smallest session id. Looks at every registered helper.
+    static PAMHelper* instanceForKEPId(unsigned int id);
+    /// @return the monitor that guards the registry and the PAM steps, not locked. It is recursive: hold it
+    /// across several calls.
+    static Monitor* getMonitor();
+
+    /// Close the session if need be, take the helper out of the registries, end the transaction and delete
+    /// the helper. Of threads that call it at once one does the work and the others return.
+    void dispose();
+
+    /// Record that a firmware update of this login is in progress or not.
+    void setFwInProgress(bool flag);
+    /// Record that this login holds the firmware semaphore or not.
+    void setFWSemaphoreLock(bool flag);
+    /// @return what setFwInProgress() recorded. Safe from any thread.
+    bool isFwInProgress();
+    /// @return what setFWSemaphoreLock() recorded. Safe from any thread.
+    bool isFwSemLocked();
+
+private:
+    GORV_LOCAL void attachConversation();
+    GORV_LOCAL int startTransaction(const std::string& service, const std::string& user,
+                                    const std::string& password);
+    GORV_LOCAL int checkUserAndAccount(int startStatus, bool skipAuth);
+    GORV_LOCAL int checkOwnUser(const std::string& user, const std::string& password, bool skipAuth);
+    GORV_LOCAL int checkOtherUser(const std::string& user, const std::string& password, bool skipAuth);
+    GORV_LOCAL void setAuthResult(int status);
+    GORV_LOCAL void readKEPSessionId();
+    GORV_LOCAL void setFlag(bool& field, bool flag);
+    GORV_LOCAL void leaveRegistries();
+
+    struct pam_conv m_conv;
+    pam_handle_t* m_pamHandle; // owned
+    int m_kepSessionId;
+    std::string m_sessionId;
+    int m_authResult;
+    std::string m_service;
+    std::string m_user;
+    std::string m_password; // zero bytes between two authentications
+    std::string m_remoteIP;
+    std::string m_interfaceIP;
+    bool m_fwInProgress;
+    bool m_fwSemLocked;
+    bool m_sessionOpen;
+    bool m_disposed;
+};
