@@ -4,18 +4,18 @@
 // status]]
 //             record=FILE     append a line for each step: its name, user, client address and PAM environment
 //
-// The hash is crypt's, the statuses are PAM's numbers. The session id is published as the PAM variable
+// The statuses are PAM's numbers. The session id is published as the PAM variable
 // SESSION_ID: a text as it stands, "auto" for a new number each time, or nothing for no variable.
 
 #include <array>
 #include <atomic>
 #include <charconv>
-#include <crypt.h>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <openssl/crypto.h>
+#include <openssl/evp.h>
 #include <security/pam_ext.h>
 #include <security/pam_modules.h>
 #include <string>
@@ -73,13 +73,22 @@ int statusOf(const std::string& text)
     return status;
 }
 
-bool matches(const std::string& hash, const char* password)
+/// A stored hash is a salt, a dollar sign and the hexadecimal PBKDF2-SHA256 of the password.
+bool matches(std::string_view stored, const char* password)
 {
-    const auto work = std::make_unique<crypt_data>();
-    const char* result = crypt_r(password, hash.c_str(), work.get());
-    const bool same = result != nullptr && hash == result;
-    OPENSSL_cleanse(work.get(), sizeof *work);
-    return same;
+    constexpr int kRounds = 1000;
+    const std::string salt(stored.substr(0, stored.find('$')));
+    std::array<unsigned char, 32> key{};
+    if (PKCS5_PBKDF2_HMAC(password, -1, reinterpret_cast<const unsigned char*>(salt.data()),
+                          static_cast<int>(salt.size()), kRounds, EVP_sha256(), key.size(), key.data()) != 1)
+        return false;
+    std::string computed = salt + '$';
+    for (const unsigned char byte : key) {
+        computed += "0123456789abcdef"[byte >> 4];
+        computed += "0123456789abcdef"[byte & 15];
+    }
+    return stored.size() == computed.size() &&
+           CRYPTO_memcmp(stored.data(), computed.data(), computed.size()) == 0;
 }
 
 void record(const std::string& path, const char* step, pam_handle_t* handle)

@@ -1,5 +1,6 @@
 #include "PAMHelper.h"
 
+#include "auth/PamCalls.h"
 #include "log/IntegerText.h"
 #include "sync/FastLock.h"
 #include "sync/SharedField.h"
@@ -174,7 +175,7 @@ PAMHelper::~PAMHelper()
 {
     leaveRegistries();
     if (m_pamHandle != nullptr)
-        pam_end(m_pamHandle, m_authResult);
+        pamEnd(m_pamHandle, m_authResult);
 }
 
 int PAMHelper::authenticate(std::string& user, std::string& password, bool& skipAuth)
@@ -282,7 +283,7 @@ bool PAMHelper::startSession()
     const FastLock lock(instanceMapMonitor);
     writeShared(m_sessionOpen, false);
     const bool mayOpen = m_authResult == PAM_SUCCESS || m_authResult == PAM_NEW_AUTHTOK_REQD;
-    if (!mayOpen || pam_open_session(m_pamHandle, 0) != PAM_SUCCESS)
+    if (!mayOpen || pamOpenSession(m_pamHandle, 0) != PAM_SUCCESS)
         return false;
     writeShared(m_sessionOpen, true);
     readKEPSessionId();
@@ -411,13 +412,13 @@ int PAMHelper::startTransaction(const std::string& service, const std::string& u
 /// The steps that every full form ends with, once its own variables are put.
 int PAMHelper::checkUserAndAccount(int startStatus, bool skipAuth)
 {
-    pam_set_item(m_pamHandle, PAM_RHOST, m_remoteIP.c_str());
+    pamSetItem(m_pamHandle, PAM_RHOST, m_remoteIP.c_str());
     setEnv(kInterfaceVariable, m_interfaceIP.c_str());
     if (startStatus != PAM_SUCCESS) {
         setAuthResult(PAM_AUTH_ERR);
         return PAM_AUTH_ERR;
     }
-    int status = skipAuth ? PAM_SUCCESS : pam_authenticate(m_pamHandle, 0);
+    int status = skipAuth ? PAM_SUCCESS : pamAuthenticate(m_pamHandle, 0);
     setAuthResult(status);
     if (status == PAM_SUCCESS) {
         status = pam_acct_mgmt(m_pamHandle, 0);
@@ -430,7 +431,7 @@ int PAMHelper::checkOwnUser(const std::string& user, const std::string& password
 {
     m_user = user;
     m_password = password;
-    const int status = skipAuth ? PAM_SUCCESS : pam_authenticate(m_pamHandle, 0);
+    const int status = skipAuth ? PAM_SUCCESS : pamAuthenticate(m_pamHandle, 0);
     setAuthResult(status);
     return status;
 }
@@ -442,13 +443,13 @@ int PAMHelper::checkOtherUser(const std::string& user, const std::string& passwo
     m_user.swap(otherUser); // nothing below can throw before the helper's own user is back
     pam_handle_t* temporary = nullptr;
     const int startStatus = pam_start(m_service.c_str(), user.c_str(), &m_conv, &temporary);
-    pam_set_item(temporary, PAM_RHOST, m_remoteIP.c_str());
+    pamSetItem(temporary, PAM_RHOST, m_remoteIP.c_str());
     putVariable(temporary, kInterfaceVariable, m_interfaceIP.c_str());
     int status = PAM_AUTH_ERR;
     if (startStatus == PAM_SUCCESS)
-        status = skipAuth ? PAM_SUCCESS : pam_authenticate(temporary, 0);
+        status = skipAuth ? PAM_SUCCESS : pamAuthenticate(temporary, 0);
     setAuthResult(status);
-    pam_end(temporary, status);
+    pamEnd(temporary, status);
     m_user.swap(otherUser);
     return status;
 }

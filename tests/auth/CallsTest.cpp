@@ -1,0 +1,425 @@
+#include "PAMHelper.h"
+#include "support/Files.h"
+#include "support/LockProbe.h"
+#include "support/ProcessMemory.h"
+
+#include <functional>
+#include <gtest/gtest.h>
+#include <openssl/crypto.h>
+#include <vector>
+
+struct pam_handle {
+    int number = 0;
+    pam_conv conversation{};
+};
+
+namespace {
+
+/// What the PAM functions below answer and record.
+struct FakePam {
+    int startStatus = PAM_SUCCESS;
+    int authStatus = PAM_SUCCESS;
+    int accountStatus = PAM_SUCCESS;
+    int openStatus = PAM_SUCCESS;
+    int closeStatus = PAM_SUCCESS;
+    const char* sessionIdText = nullptr;
+    std::function<int(const pam_conv&)> onAuthenticate;
+    std::function<void(const std::string&)> onStep;
+    std::vector<std::string> calls;
+    int handles = 0;
+    pam_conv lastConversation{};
+
+    int step(const pam_handle_t* handle, const std::string& call, int status)
+    {
+        calls.push_back((handle == nullptr ? "-" : std::to_string(handle->number)) + " " + call);
+        if (onStep)
+            onStep(call);
+        return status;
+    }
+};
+
+FakePam s_pam;
+
+} // namespace
+
+#define FAKE extern "C" __attribute__((visibility("default")))
+
+FAKE int pam_start(const char* service, const char* user, const pam_conv* conversation, pam_handle_t** handle)
+{
+    s_pam.lastConversation = *conversation;
+    *handle = s_pam.startStatus == PAM_SUCCESS ? new pam_handle{++s_pam.handles, *conversation} : nullptr;
+    return s_pam.step(*handle, std::string("start ") + service + " " + user, s_pam.startStatus);
+}
+
+FAKE int pam_end(pam_handle_t* handle, int status)
+{
+    s_pam.step(handle, "end " + std::to_string(status), 0);
+    delete handle;
+    return PAM_SUCCESS;
+}
+
+FAKE int pam_set_item(pam_handle_t* handle, int item, const void* value)
+{
+    return s_pam.step(handle,
+                      (item == PAM_RHOST ? "rhost " : "? ") + std::string(static_cast<const char*>(value)),
+                      PAM_SYSTEM_ERR); // not looked at
+}
+
+FAKE int pam_putenv(pam_handle_t* handle, const char* text)
+{
+    const bool isSecret = std::string_view(text).starts_with("CONTEXT_ID=");
+    return s_pam.step(handle, isSecret ? "context" : text, PAM_BUF_ERR); // not looked at
+}
+
+FAKE const char* pam_getenv(pam_handle_t*, const char* name)
+{
+    return std::string_view(name) == "SESSION_ID" ? s_pam.sessionIdText : nullptr;
+}
+
+FAKE int pam_authenticate(pam_handle_t* handle, int flags)
+{
+    s_pam.step(handle, "authenticate " + std::to_string(flags), 0);
+    return s_pam.onAuthenticate ? s_pam.onAuthenticate(handle->conversation) : s_pam.authStatus;
+}
+
+FAKE int pam_acct_mgmt(pam_handle_t* handle, int flags)
+{
+    return s_pam.step(handle, "account " + std::to_string(flags), s_pam.accountStatus);
+}
+
+FAKE int pam_open_session(pam_handle_t* handle, int flags)
+{
+    return s_pam.step(handle, "open " + std::to_string(flags), s_pam.openStatus);
+}
+
+FAKE int pam_close_session(pam_handle_t* handle, int flags)
+{
+    return s_pam.step(handle, "close " + std::to_string(flags), s_pam.closeStatus);
+}
+
+namespace {
+
+using Calls = std::vector<std::string>;
+using Message = std::pair<int, const char*>;
+
+class PamCallsTest : public testing::Test {
+protected:
+    PamCallsTest() : m_helper(new PAMHelper("::ffff:10.0.0.9", nullptr)) { s_pam = {}; }
+    ~PamCallsTest() override
+    {
+        s_pam.onStep = nullptr;
+        m_helper->dispose();
+    }
+
+    int logIn(bool skip = false) { return m_helper->authenticate(m_service, m_user, m_password, skip); }
+    int checkAgain(std::string user, bool skip = false)
+    {
+        return m_helper->authenticate(user, m_password, skip);
+    }
+    static Calls takeCalls() { return std::exchange(s_pam.calls, {}); }
+
+    /// Hold a conversation. Returns its status and, on success, the replies ("-" for none).
+    static int converse(const pam_conv& conversation, const std::vector<Message>& messages,
+                        std::vector<std::string>* replies = nullptr)
+    {
+        std::vector<pam_message> records;
+        std::vector<const pam_message*> pointers;
+        for (const auto& [style, text] : messages)
+            records.push_back({style, text});
+        for (const pam_message& record : records)
+            pointers.push_back(&record);
+        pam_response* const untouched = reinterpret_cast<pam_response*>(&records);
+        pam_response* response = untouched;
+        const int status = conversation.conv(static_cast<int>(messages.size()), pointers.data(), &response,
+                                             conversation.appdata_ptr);
+        if (status != PAM_SUCCESS) {
+            EXPECT_EQ(response, untouched);
+            return status;
+        }
+        for (std::size_t i = 0; i < messages.size(); ++i) {
+            EXPECT_EQ(response[i].resp_retcode, 0);
+            if (replies != nullptr)
+                replies->emplace_back(response[i].resp == nullptr ? "-" : response[i].resp);
+            std::free(response[i].resp);
+        }
+        std::free(response);
+        return status;
+    }
+
+    PAMHelper* m_helper;
+    std::string m_service = "svc", m_user = "alice", m_password = "pass word";
+};
+
+TEST_F(PamCallsTest, EachFormCallsPamInItsOrder)
+{
+    std::string token = "t", context = "c", name = "NAME", value = "v", trigger = "OIDC_LOGIN",
+                lower = "oidc_login";
+    bool skip = false;
+    const struct {
+        std::function<int()> authenticate;
+        Calls variables;
+    } forms[] = {
+        {[&] { return m_helper->authenticate(m_service, m_user, m_password, skip); }, {}},
+        {[&] { return m_helper->authenticate(m_service, m_user, m_password, token, skip); }, {"JEXTOKEN=t"}},
+        {[&] { return m_helper->authenticate(m_service, m_user, m_password, name, value, skip); },
+         {"NAME=v", "context"}},
+        {[&] { return m_helper->authenticate(m_service, m_user, m_password, context, trigger, value, skip); },
+         {"OIDC_LOGIN=v", "context"}},
+        {[&] { return m_helper->authenticate(m_service, m_user, m_password, context, lower, value, skip); },
+         {"oidc_login=v"}},
+    };
+    s_pam.accountStatus = PAM_PERM_DENIED;
+    for (const auto& form : forms) {
+        m_helper->dispose();
+        m_helper = new PAMHelper("::ffff:10.0.0.9", nullptr);
+        s_pam.handles = 0;
+        takeCalls();
+        EXPECT_EQ(form.authenticate(), PAM_PERM_DENIED);
+        Calls expected = {"1 start svc alice"};
+        for (const std::string& variable : form.variables)
+            expected.push_back("1 " + variable);
+        for (const char* call : {"1 rhost 10.0.0.9", "1 INTERFACE_IP=", "1 authenticate 0", "1 account 0"})
+            expected.emplace_back(call);
+        EXPECT_EQ(takeCalls(), expected);
+    }
+}
+
+TEST_F(PamCallsTest, LaterStepsAreLeftOutAfterAFailureOrOnRequest)
+{
+    s_pam.startStatus = PAM_ABORT;
+    EXPECT_EQ(logIn(), PAM_AUTH_ERR);
+    EXPECT_EQ(takeCalls(), (Calls{"- start svc alice", "- rhost 10.0.0.9"}));
+    s_pam.startStatus = PAM_SUCCESS;
+    EXPECT_EQ(logIn(true), PAM_SUCCESS);
+    EXPECT_EQ(takeCalls().back(), "1 account 0");
+    m_helper->dispose();
+    m_helper = new PAMHelper(nullptr, nullptr);
+    s_pam.authStatus = PAM_MAXTRIES;
+    takeCalls();
+    EXPECT_EQ(logIn(), PAM_MAXTRIES);
+    EXPECT_EQ(takeCalls().back(), "2 authenticate 0");
+}
+
+TEST_F(PamCallsTest, CheckOfAnotherUserUsesItsOwnTransactionOnly)
+{
+    m_helper->setInterfaceIP("::ffff:10.0.0.1");
+    logIn();
+    takeCalls();
+    s_pam.authStatus = PAM_AUTH_ERR;
+    EXPECT_EQ(checkAgain("bob"), PAM_AUTH_ERR);
+    EXPECT_EQ(takeCalls(), (Calls{"2 start svc bob", "2 rhost 10.0.0.9", "2 INTERFACE_IP=10.0.0.1",
+                                  "2 authenticate 0", "2 end 7"}));
+    EXPECT_EQ(checkAgain("bob", true), PAM_SUCCESS);
+    EXPECT_EQ(takeCalls().back(), "3 end 0");
+    s_pam.startStatus = PAM_BUF_ERR;
+    EXPECT_EQ(checkAgain("bob"), PAM_AUTH_ERR);
+    EXPECT_EQ(takeCalls(), (Calls{"- start svc bob", "- rhost 10.0.0.9", "- end 7"}));
+    EXPECT_EQ(m_helper->getAuthResult(), PAM_AUTH_ERR);
+    EXPECT_EQ(checkAgain("alice", true), PAM_SUCCESS);
+    EXPECT_EQ(takeCalls(), Calls{});
+}
+
+TEST_F(PamCallsTest, DisposeClosesAndEndsWithTheStatusOfTheClose)
+{
+    logIn();
+    ASSERT_TRUE(m_helper->startSession());
+    s_pam.closeStatus = PAM_SESSION_ERR;
+    takeCalls();
+    m_helper->dispose();
+    EXPECT_EQ(takeCalls(), (Calls{"1 close 0", "1 end 14"}));
+    m_helper = new PAMHelper(nullptr, nullptr);
+    EXPECT_EQ(m_helper->stopSession(), 0); // no transaction, no call
+    EXPECT_EQ(takeCalls(), Calls{});
+}
+
+TEST_F(PamCallsTest, EveryStepButTheCloseHoldsTheMonitor)
+{
+    std::vector<std::unique_ptr<LockProbe>> probes;
+    s_pam.onStep = [&](const std::string& call) {
+        probes.push_back(std::make_unique<LockProbe>(*PAMHelper::getMonitor()));
+        if (call == "close 0")
+            EXPECT_TRUE(probes.back()->gotIt());
+        else
+            EXPECT_TRUE(probes.back()->isKeptOut()) << call;
+    };
+    logIn();
+    checkAgain("bob");
+    ASSERT_TRUE(m_helper->startSession());
+    m_helper->stopSession();
+    s_pam.onStep = nullptr;
+    for (const auto& probe : probes)
+        EXPECT_TRUE(probe->gotIt()); // nothing keeps the lock
+}
+
+TEST_F(PamCallsTest, TwoThreadsCloseASessionOnce)
+{
+    logIn();
+    ASSERT_TRUE(m_helper->startSession());
+    takeCalls();
+    s_pam.onStep = [&](const std::string&) {
+        s_pam.onStep = nullptr;
+        EXPECT_FALSE(m_helper->isValid());
+        std::thread([&] { m_helper->stopSession(); }).join();
+    };
+    m_helper->stopSession();
+    EXPECT_EQ(takeCalls(), Calls{"1 close 0"});
+}
+
+TEST_F(PamCallsTest, SessionIdTextGivesTheNumericId)
+{
+    const struct {
+        const char* text;
+        int id;
+    } cases[] = {{"7", 7},          {"0x1F", 31},
+                 {"017", 15},       {"42abc", 42},
+                 {"abc", 42},       {"-1", -1},
+                 {"", -1},          {"0b101", 5},
+                 {" \t+9", 9},      {"- 5", 9},
+                 {"4294967297", 1}, {nullptr, 0},
+                 {"-0X1f", -31},    {"99999999999999999999", -1}};
+    logIn();
+    for (const auto& test : cases) { // one after another on one helper: what is no number changes nothing
+        s_pam.sessionIdText = test.text;
+        ASSERT_TRUE(m_helper->startSession());
+        EXPECT_EQ(m_helper->getKEPSessionId(), test.id) << (test.text == nullptr ? "absent" : test.text);
+    }
+    s_pam.openStatus = PAM_SESSION_ERR;
+    EXPECT_FALSE(m_helper->startSession());
+    EXPECT_EQ(m_helper->getAuthResult(), PAM_SUCCESS);
+}
+
+TEST_F(PamCallsTest, AddressInMappedFormIsReduced)
+{
+    const struct {
+        const char* given;
+        const char* kept;
+    } cases[] = {{"::ffff:10.20.30.40", "10.20.30.40"},
+                 {nullptr, "10.20.30.40"},
+                 {"10.20.30.40", "10.20.30.40"},
+                 {"fe80::1", "fe80::1"},
+                 {":10.0.0.1", ":10.0.0.1"},
+                 {"10.0.0.1:", ""},
+                 {"a.b:c", "c"},
+                 {"", ""}};
+    for (const auto& test : cases) {
+        m_helper->setRemoteIP(test.given);
+        EXPECT_EQ(m_helper->getRemoteIP(), test.kept);
+    }
+}
+
+TEST_F(PamCallsTest, ConversationAnswersOnlyPasswordPrompts)
+{
+    const struct {
+        std::vector<Message> messages;
+        int status;
+        std::vector<std::string> replies;
+        const char* output;
+        const char* errors;
+    } cases[] = {
+        {{{PAM_PROMPT_ECHO_OFF, "Password: "}}, PAM_SUCCESS, {"pass word"}, "", ""},
+        {{{PAM_PROMPT_ECHO_OFF, "New password: "}}, PAM_SUCCESS, {"pass word"}, "", ""},
+        {{{PAM_PROMPT_ECHO_OFF, "New password: again"}}, PAM_SUCCESS, {"pass word"}, "", ""},
+        {{{PAM_PROMPT_ECHO_OFF, "Password:"}}, PAM_CONV_ERR, {}, "", ""},
+        {{{PAM_PROMPT_ECHO_OFF, "New Password: "}}, PAM_CONV_ERR, {}, "", ""},
+        {{{PAM_PROMPT_ECHO_OFF, "PIN: "}}, PAM_CONV_ERR, {}, "", ""},
+        {{{PAM_PROMPT_ECHO_OFF, nullptr}}, PAM_CONV_ERR, {}, "", ""},
+        {{{PAM_ERROR_MSG, "bad"}, {PAM_ERROR_MSG, "worse\n"}, {PAM_ERROR_MSG, ""}, {PAM_ERROR_MSG, nullptr}},
+         PAM_SUCCESS,
+         {"-", "-", "-", "-"},
+         "",
+         "bad\nworse\n"},
+        {{{PAM_TEXT_INFO, "note"}, {PAM_TEXT_INFO, ""}, {PAM_PROMPT_ECHO_OFF, "Password: "}},
+         PAM_SUCCESS,
+         {"-", "-", "pass word"},
+         "note\n",
+         ""},
+        {{{PAM_TEXT_INFO, "shown"}, {99, "odd"}, {PAM_TEXT_INFO, "not shown"}},
+         PAM_CONV_ERR,
+         {},
+         "shown\n",
+         ""},
+        {{}, PAM_CONV_ERR, {}, "", ""},
+        {std::vector<Message>(33, {PAM_PROMPT_ECHO_OFF, "Password: "}), PAM_CONV_ERR, {}, "", ""},
+        {std::vector<Message>(32, {PAM_PROMPT_ECHO_OFF, "Password: "}), PAM_SUCCESS,
+         std::vector<std::string>(32, "pass word"), "", ""},
+    };
+    for (const auto& test : cases) {
+        CapturedStream output(stdout);
+        CapturedStream errors(stderr);
+        std::vector<std::string> replies;
+        s_pam.onAuthenticate = [&](const pam_conv& conversation) {
+            return converse(conversation, test.messages, &replies);
+        };
+        const int status = logIn();
+        EXPECT_EQ(errors.text(), test.errors);
+        EXPECT_EQ(output.text(), test.output);
+        EXPECT_EQ(status, test.status);
+        EXPECT_EQ(replies, test.replies);
+        m_helper->dispose();
+        m_helper = new PAMHelper(nullptr, nullptr);
+    }
+}
+
+TEST_F(PamCallsTest, PromptWithEchoIsAnsweredFromStandardInputUntilItEnds)
+{
+    FILE* input = std::tmpfile();
+    std::fputs(("Liddell\n" + std::string(600, 'x') + "\nlast").c_str(), input);
+    std::rewind(input);
+    FILE* const saved = std::exchange(stdin, input);
+    CapturedStream errors(stderr);
+    std::vector<std::string> replies;
+    s_pam.onAuthenticate = [&](const pam_conv& conversation) {
+        const std::vector<Message> ask(4, {PAM_PROMPT_ECHO_ON, "Name? "});
+        EXPECT_EQ(converse(conversation, ask, &replies), PAM_SUCCESS);
+        return converse(conversation, ask, &replies); // nothing left to read
+    };
+    EXPECT_EQ(logIn(), PAM_CONV_ERR);
+    EXPECT_EQ(errors.text(), "Name? Name? Name? Name? Name? ");
+    stdin = saved;
+    std::fclose(input);
+    EXPECT_EQ(replies, (std::vector<std::string>{"Liddell\n", std::string(511, 'x'),
+                                                 std::string(89, 'x') + "\n", "last"}));
+}
+
+TEST_F(PamCallsTest, PasswordIsForgottenOnEveryPath)
+{
+    const struct {
+        const char* path;
+        std::function<void()> run;
+    } paths[] = {
+        {"start fails", [&] { s_pam.startStatus = PAM_ABORT, logIn(); }},
+        {"check fails", [&] { s_pam = {}, s_pam.authStatus = PAM_AUTH_ERR, logIn(); }},
+        {"account fails",
+         [&] { s_pam.authStatus = 0, s_pam.accountStatus = PAM_ACCT_EXPIRED, checkAgain("bob"); }},
+        {"own user", [&] { checkAgain("alice"); }},
+        {"skipped", [&] { checkAgain("alice", true); }},
+        {"another user", [&] { checkAgain("bob"); }},
+    };
+    for (const auto& path : paths) {
+        path.run();
+        std::vector<std::string> replies;
+        EXPECT_EQ(converse(s_pam.lastConversation, {{PAM_PROMPT_ECHO_OFF, "Password: "}}, &replies),
+                  PAM_SUCCESS);
+        EXPECT_EQ(replies, std::vector<std::string>{""}) << path.path;
+    }
+}
+
+TEST_F(PamCallsTest, NoTemporaryOrDiscardedReplyKeepsThePassword)
+{
+    if (!ProcessMemory::canBeSearched())
+        GTEST_SKIP() << "a sanitizer's own memory is searched in vain";
+    const ProcessMemory::Secret secret("another passphrase that no small buffer could ever hold");
+    std::string password = secret.text();
+    std::string name = "NAME", value = "v";
+    bool skip = false;
+    s_pam.onAuthenticate = [&](const pam_conv& conversation) {
+        const Message asks = {PAM_PROMPT_ECHO_OFF, "Password: "};
+        return converse(conversation, {asks, asks, {PAM_PROMPT_ECHO_OFF, "PIN: "}});
+    };
+    EXPECT_EQ(m_helper->authenticate(m_service, m_user, password, name, value, skip), PAM_CONV_ERR);
+    EXPECT_TRUE(ProcessMemory::holds(secret));
+    OPENSSL_cleanse(password.data(), password.size());
+    EXPECT_FALSE(ProcessMemory::holds(secret));
+}
+
+} // namespace
