@@ -14,9 +14,10 @@
 /// throws nothing of its own.
 ///
 /// Create a helper with new, one per login, and give it up with dispose(), which deletes it. Every PAM step
-/// of every helper runs under one process-wide monitor, and so do the registry operations: they are safe from
-/// any thread. A helper that a look-up returns stays its creator's, who may dispose of it at any time: hold
-/// getMonitor() while you use one that isn't yours.
+/// of every helper but the closing of a session runs under one process-wide monitor, and so do the registry
+/// operations. One thread at a time drives a login; any thread may look it up, read what is said to be safe,
+/// stop it and dispose of it. A helper that a look-up returns stays its creator's, who may dispose of it at
+/// any time: hold getMonitor() while you use one that isn't yours.
 ///
 /// @code
 /// auto* login = new PAMHelper("::ffff:192.168.1.20", "192.168.1.1");

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <openssl/crypto.h>
 #include <vector>
 
@@ -39,8 +40,21 @@ struct FakePam {
 };
 
 FakePam s_pam;
+const ProcessMemory::Secret* s_secret = nullptr;
+bool s_secretWasFreed = false;
 
 } // namespace
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+extern "C" void __libc_free(void* block);
+
+extern "C" __attribute__((visibility("default"))) void free(void* block) noexcept
+{
+    if (s_secret != nullptr && block != nullptr && s_secret->isIn(block, malloc_usable_size(block)))
+        s_secretWasFreed = true;
+    __libc_free(block);
+}
+#endif
 
 #define FAKE extern "C" __attribute__((visibility("default")))
 
@@ -416,8 +430,13 @@ TEST_F(PamCallsTest, NoTemporaryOrDiscardedReplyKeepsThePassword)
         const Message asks = {PAM_PROMPT_ECHO_OFF, "Password: "};
         return converse(conversation, {asks, asks, {PAM_PROMPT_ECHO_OFF, "PIN: "}});
     };
+    s_secret = &secret;
     EXPECT_EQ(m_helper->authenticate(m_service, m_user, password, name, value, skip), PAM_CONV_ERR);
-    EXPECT_TRUE(ProcessMemory::holds(secret));
+    m_helper->dispose();
+    s_secret = nullptr;
+    m_helper = new PAMHelper(nullptr, nullptr);
+    EXPECT_FALSE(s_secretWasFreed);
+    EXPECT_TRUE(ProcessMemory::holds(secret)); // the caller's own copy
     OPENSSL_cleanse(password.data(), password.size());
     EXPECT_FALSE(ProcessMemory::holds(secret));
 }

@@ -28,6 +28,18 @@ public:
                 result[i] = static_cast<char>(m_scrambled[i] ^ kMask);
             return result;
         }
+        bool isIn(const void* block, std::size_t size) const
+        {
+            const char* const bytes = static_cast<const char*>(block);
+            for (std::size_t begin = 0; begin + m_scrambled.size() <= size; ++begin) {
+                std::size_t i = 0;
+                while (i < m_scrambled.size() && (bytes[begin + i] ^ kMask) == m_scrambled[i])
+                    ++i;
+                if (i == m_scrambled.size())
+                    return true;
+            }
+            return false;
+        }
 
     private:
         friend class ProcessMemory;
