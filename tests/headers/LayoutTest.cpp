@@ -1,0 +1,98 @@
+// Hosts embed the objects by value and derive from the classes, so no field may move. Built with access to
+// private members.
+
+#include "AComponentLog.h"
+#include "ALog.h"
+#include "PAMHelper.h"
+
+#include <cstddef>
+#include <gtest/gtest.h>
+#include <type_traits>
+#include <vector>
+
+namespace {
+
+struct Field {
+    const char* name;
+    std::size_t offset;
+    std::size_t size;
+    std::size_t alignment;
+};
+
+#define FIELD(type, member)                                                                                  \
+    Field                                                                                                    \
+    {                                                                                                        \
+#type "::" #member, offsetof(type, member), sizeof(type::member), alignof(decltype(type::member))    \
+    }
+
+std::size_t roundUp(std::size_t offset, std::size_t alignment)
+{
+    return (offset + alignment - 1) / alignment * alignment;
+}
+
+/// The fields follow each other in this order without a gap that alignment does not ask for.
+void expectLayout(std::size_t begin, const std::vector<Field>& fields, std::size_t objectSize)
+{
+    std::size_t end = begin;
+    for (const Field& field : fields) {
+        EXPECT_EQ(field.offset, roundUp(end, field.alignment)) << field.name;
+        end = field.offset + field.size;
+    }
+    EXPECT_EQ(objectSize, roundUp(end, alignof(void*))) << fields.front().name;
+}
+
+constexpr std::size_t kVtable = sizeof(void*);
+
+TEST(LayoutTest, FieldsStandInTheirOrder)
+{
+    expectLayout(
+        kVtable,
+        {FIELD(Monitor, m_mutex), FIELD(Monitor, m_condition), FIELD(Monitor, m_id), FIELD(Monitor, m_log)},
+        sizeof(Monitor));
+    expectLayout(kVtable, {FIELD(MonitorLock, m_monitor), FIELD(MonitorLock, m_released)},
+                 sizeof(MonitorLock));
+    expectLayout(kVtable,
+                 {FIELD(ALog, m_file), FIELD(ALog, m_enabled), FIELD(ALog, m_showTimestamp),
+                  FIELD(ALog, m_echoToConsole), FIELD(ALog, m_ownsFile), FIELD(ALog, m_name),
+                  FIELD(ALog, m_monitor), FIELD(ALog, m_buffer), FIELD(ALog, m_bufferSize)},
+                 sizeof(ALog));
+    expectLayout(kVtable,
+                 {FIELD(AComponentLog, m_baseLog), FIELD(AComponentLog, m_enabled),
+                  FIELD(AComponentLog, m_name), FIELD(AComponentLog, m_children)},
+                 sizeof(AComponentLog));
+    expectLayout(kVtable,
+                 {FIELD(PAMHelper, m_conv), FIELD(PAMHelper, m_pamHandle), FIELD(PAMHelper, m_kepSessionId),
+                  FIELD(PAMHelper, m_sessionId), FIELD(PAMHelper, m_authResult), FIELD(PAMHelper, m_service),
+                  FIELD(PAMHelper, m_user), FIELD(PAMHelper, m_password), FIELD(PAMHelper, m_remoteIP),
+                  FIELD(PAMHelper, m_interfaceIP), FIELD(PAMHelper, m_fwInProgress),
+                  FIELD(PAMHelper, m_fwSemLocked), FIELD(PAMHelper, m_sessionOpen),
+                  FIELD(PAMHelper, m_disposed)},
+                 sizeof(PAMHelper));
+}
+
+TEST(LayoutTest, FourthFlagOfTheLogCostsNoSpace)
+{
+    EXPECT_EQ(offsetof(ALog, m_name), 3 * sizeof(void*));
+}
+
+TEST(LayoutTest, LevelsAreConstantsWithAnAddress)
+{
+    static_assert(ALog::INFO == 1 && ALog::WARNING == 2 && ALog::ERROR == 3 && ALog::TRACE == 4);
+    const std::vector<std::pair<const int*, const int*>> levels = {
+        {&ALog::INFO, &AComponentLog::INFO},
+        {&ALog::WARNING, &AComponentLog::WARNING},
+        {&ALog::ERROR, &AComponentLog::ERROR},
+        {&ALog::TRACE, &AComponentLog::TRACE},
+    };
+    for (const auto& [log, component] : levels)
+        EXPECT_EQ(*log, *component);
+}
+
+template <typename T>
+constexpr bool kStaysInPlace = !std::is_copy_constructible_v<T> && !std::is_move_constructible_v<T> &&
+                               !std::is_copy_assignable_v<T> && std::has_virtual_destructor_v<T>;
+
+static_assert(kStaysInPlace<Monitor> && kStaysInPlace<MonitorLock> && kStaysInPlace<ALog> &&
+              kStaysInPlace<AComponentLog> && kStaysInPlace<PAMHelper>);
+
+} // namespace
