@@ -12,11 +12,12 @@ function(gorv_compile_options target)
 endfunction()
 
 # The library itself: its calls to its own functions skip the symbol table, only the listed symbols leave it,
-# and libssl stays a dependency although nothing in it is called.
+# and libssl stays a dependency although nothing in it is called. The new dynamic tags let LD_LIBRARY_PATH put
+# another libkep.so.1 in front of the build tree's.
 function(gorv_library_options target)
     set(map "${PROJECT_SOURCE_DIR}/cmake/gorvUtil.map")
     target_compile_options(${target} PRIVATE -fno-semantic-interposition)
-    target_link_options(${target} PRIVATE "LINKER:--version-script=${map}" "LINKER:-z,now,-z,relro")
+    target_link_options(${target} PRIVATE "LINKER:--version-script=${map}" "LINKER:-z,now,-z,relro,--enable-new-dtags")
     if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
         target_link_options(${target} PRIVATE "LINKER:-z,defs")
     endif()
