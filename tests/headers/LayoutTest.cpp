@@ -3,6 +3,7 @@
 
 #include "AComponentLog.h"
 #include "ALog.h"
+#include "KEPClient.h"
 #include "PAMHelper.h"
 
 #include <cstddef>
@@ -61,6 +62,10 @@ TEST(LayoutTest, FieldsStandInTheirOrder)
                   FIELD(AComponentLog, m_name), FIELD(AComponentLog, m_children)},
                  sizeof(AComponentLog));
     expectLayout(kVtable,
+                 {FIELD(KEPClient, m_initialized), FIELD(KEPClient, m_name), FIELD(KEPClient, m_id),
+                  FIELD(KEPClient, m_log)},
+                 sizeof(KEPClient));
+    expectLayout(kVtable,
                  {FIELD(PAMHelper, m_conv), FIELD(PAMHelper, m_pamHandle), FIELD(PAMHelper, m_kepSessionId),
                   FIELD(PAMHelper, m_sessionId), FIELD(PAMHelper, m_authResult), FIELD(PAMHelper, m_service),
                   FIELD(PAMHelper, m_user), FIELD(PAMHelper, m_password), FIELD(PAMHelper, m_remoteIP),
@@ -93,6 +98,6 @@ constexpr bool kStaysInPlace = !std::is_copy_constructible_v<T> && !std::is_move
                                !std::is_copy_assignable_v<T> && std::has_virtual_destructor_v<T>;
 
 static_assert(kStaysInPlace<Monitor> && kStaysInPlace<MonitorLock> && kStaysInPlace<ALog> &&
-              kStaysInPlace<AComponentLog> && kStaysInPlace<PAMHelper>);
+              kStaysInPlace<AComponentLog> && kStaysInPlace<KEPClient> && kStaysInPlace<PAMHelper>);
 
 } // namespace

@@ -1,0 +1,145 @@
+#pragma once
+
+#include "AComponentLog.h"
+#include "GorvApi.h"
+
+#include <type_traits>
+
+/// A client of the controller's configuration, event and remote-function service.
+///
+/// The client takes no lock: one thread initialises it before others use it. Whether calls may then run in
+/// parallel is up to the service. All reports go to the component log getLog() and are dropped until setLog()
+/// connects it; the lines on standard output that some operations name appear in any case.
+///
+/// The service may be used before initialize() and after it failed. Operations throw only where they say so.
+/// Where the argument is `char*`, a `const char*` does as well; the text is only read.
+///
+/// @code
+/// KEPClient client("consoled", 17);
+/// client.setLog(log);
+/// client.initialize();
+/// int port = 0;
+/// if (client.getProperty("console.port", port))
+///     client.setProperty("console.port", port + 1, true);
+/// @endcode
+class GORV_API KEPClient {
+    template <typename Text>
+    using IfConstText = std::enable_if_t<std::is_same_v<Text, const char*>, int>;
+
+public:
+    /// A function that the service can call. What the arguments hold is the service's affair; as a rule the
+    /// size of the request and then of the reply, the room for the reply, the request, and the reply.
+    using Callback = int(int*, int, void*, void*);
+
+    /// Sends nothing. @p name is copied; null counts as "". Throws std::bad_alloc when memory runs out.
+    KEPClient(char* name, int id);
+    template <typename Text, IfConstText<Text> = 0>
+    KEPClient(Text name, int id) : KEPClient(const_cast<char*>(name), id)
+    {}
+
+    /// Tells the service nothing. A client that setLog(AComponentLog&) put below another component log must
+    /// be taken out of it first: `parent.removeChildLog(client.getLog())`.
+    virtual ~KEPClient();
+
+    KEPClient(const KEPClient&) = delete;
+    KEPClient& operator=(const KEPClient&) = delete;
+
+    /// Make @p log, which stays the caller's and must outlive the client, the target of the client's reports.
+    void setLog(ALog& log);
+
+    /// Hang the client's component log below @p parent, whose base log it takes now and whenever that
+    /// changes. Undo this with `parent.removeChildLog(client.getLog())` before the client is destroyed.
+    /// Throws std::bad_alloc when memory runs out.
+    void setLog(AComponentLog& parent);
+
+    /// @return the component log that the client reports through. It belongs to the client.
+    AComponentLog& getLog();
+
+    /// Attach to the service, unless an earlier call did all of this, and register for the six configuration
+    /// events, stopping at the first failure. The failure is logged; that of the second to sixth event goes
+    /// to standard output too. May be called again, after success as well as after failure.
+    /// @return always true.
+    bool initialize();
+
+    /// @name Reading
+    /// A failed read leaves an empty string, 0 or false and, except in the form without a size, logs a line.
+    /// @return whether the property was read.
+    /// @{
+
+    /// Read a string into the 256 bytes at @p buffer.
+    bool getProperty(const char* name, char* buffer);
+    /// Read a string into the @p bufferSize bytes at @p buffer.
+    bool getProperty(const char* name, char* buffer, int bufferSize);
+    /// Read an integer.
+    bool getProperty(const char* name, int& value);
+    /// Read a boolean.
+    bool getProperty(const char* name, bool& value);
+    /// @}
+
+    /// Read a string of any length into a buffer that is replaced by a larger one if need be.
+    ///
+    /// @param buffer points at an array made with `new char[]`, or at null. What it points at on return, also
+    ///   when an exception leaves the call, is the caller's to release with `delete[]`.
+    /// @param size the size of the array; on success the size of the value, terminator included and never
+    /// more
+    ///   than the array. After any other outcome it is what the service left there: don't take it for the
+    ///   size of the array.
+    /// @return 0, or the service's code: then a line is logged. Throws `const char*` and logs a line when the
+    ///   service finds the size that it asked for too small. Either way the array, if there is one, holds "".
+    ///   Throws std::bad_alloc when memory runs out: then there is no array and @p size is 0.
+    int getProperty(const char* name, char** buffer, int& size);
+
+    /// @name Writing
+    /// Write a property unless it holds @p value already. The value is read first, and a failed read of an
+    /// integer or a boolean is logged.
+    /// @return true when the service took the value; false when it refused or nothing had to be written.
+    /// @{
+
+    /// Write a string. The service is always given 1 for a flag, whatever @p flag is. Null is not written.
+    bool setProperty(const char* name, char* value, bool flag);
+    template <typename Text, IfConstText<Text> = 0>
+    bool setProperty(const char* name, Text value, bool flag)
+    {
+        return setProperty(name, const_cast<char*>(value), flag);
+    }
+    /// Write an integer. The service is given @p flag.
+    bool setProperty(const char* name, int value, bool flag);
+    /// Write a boolean. The service is given @p flag.
+    bool setProperty(const char* name, bool value, bool flag);
+    /// @}
+
+    /// Raise @p event with @p size bytes of @p data. A failure is logged.
+    /// @return whether the service took the event.
+    bool notifyEvent(char* event, int size, void* data);
+    template <typename Text, IfConstText<Text> = 0>
+    bool notifyEvent(Text event, int size, void* data)
+    {
+        return notifyEvent(const_cast<char*>(event), size, data);
+    }
+
+    /// Call the remote function @p name with the @p size bytes at @p sendBuffer. Its reply goes to
+    /// @p receiveBuffer, which has room for @p maxReceiveSize bytes, and its size to @p receivedSize, which a
+    /// failure leaves alone. Writes one line to standard output before the call and one after it.
+    /// @return 0, or the service's code, which is logged: -2 if the reply doesn't fit, -8 if the call failed.
+    int callFunction(const char* name, int size, void* sendBuffer, int maxReceiveSize, int& receivedSize,
+                     void* receiveBuffer);
+
+    /// Offer the function that @p callback points at to the service under @p name. It runs when and on
+    /// whatever thread the service calls it. A failure is written to the service's own log, in words that
+    /// announce the end of the program; the program goes on.
+    void registerCallback(char* name, Callback** callback);
+    template <typename Text, IfConstText<Text> = 0>
+    void registerCallback(Text name, Callback** callback)
+    {
+        registerCallback(const_cast<char*>(name), callback);
+    }
+
+private:
+    GORV_LOCAL bool attach();
+    GORV_LOCAL bool registerEvents();
+
+    bool m_initialized;
+    char* m_name; // owned, from strdup
+    int m_id;
+    AComponentLog m_log;
+};

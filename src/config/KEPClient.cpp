@@ -1,0 +1,251 @@
+#include "KEPClient.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <kep.h>
+#include <new>
+
+namespace {
+
+constexpr int kStringSize = 256;
+constexpr int kAttachFlag = 1;
+constexpr int kWriteStringFlag = 1;
+
+struct Event {
+    const char* name;
+    bool failureOnConsole;
+};
+
+constexpr Event kEvents[] = {
+    {"event_certificate_updated", false},     {"gui_event_config_changed", true},
+    {"pm_event_telnet_config_changed", true}, {"tolvex_event_config_changed", true},
+    {"pm_event_snmp_config_changed", true},   {"pm_event_asra_config_changed", true},
+};
+constexpr char kRegisterFailure[] = "KEPClient:  failed to register %s!!!\n";
+
+/// The service sets the lowest bit of a result; what else the register holds means nothing.
+bool lowestBit(int result)
+{
+    return (result & 0x01) != 0;
+}
+
+/// Its setters answer with the lowest byte.
+bool lowestByte(int result)
+{
+    return (result & 0xFF) != 0;
+}
+
+char* copyName(const char* name)
+{
+    char* copy = ::strdup(name == nullptr ? "" : name);
+    if (copy == nullptr)
+        throw std::bad_alloc();
+    return copy;
+}
+
+void makeEmpty(char* buffer, int bufferSize)
+{
+    if (buffer != nullptr && bufferSize > 0)
+        buffer[0] = '\0';
+}
+
+/// Put an empty string in an array of @p size bytes, but at least one, in the place of @p buffer. If there is
+/// no memory for it, the caller's buffer is null rather than a released one.
+void replaceBuffer(char*& buffer, int& size)
+{
+    const int needed = std::max(size, 1);
+    delete[] buffer;
+    buffer = nullptr;
+    size = 0;
+    buffer = new char[static_cast<std::size_t>(needed)];
+    buffer[0] = '\0';
+    size = needed;
+}
+
+void printCall(const char* name, int size, int maxReceiveSize)
+{
+    std::printf("name: %s   size: %i   maxReceiveSize: %i\n", name, size, maxReceiveSize);
+}
+
+} // namespace
+
+KEPClient::KEPClient(char* name, int id)
+    : m_initialized(false), m_name(copyName(name)), m_id(id), m_log("KEPClient")
+{}
+
+KEPClient::~KEPClient()
+{
+    std::free(m_name);
+}
+
+void KEPClient::setLog(ALog& log)
+{
+    m_log.setBaseLog(log);
+}
+
+void KEPClient::setLog(AComponentLog& parent)
+{
+    parent.addChildLog(m_log);
+}
+
+AComponentLog& KEPClient::getLog()
+{
+    return m_log;
+}
+
+bool KEPClient::initialize()
+{
+    m_log.logTrace("Calling kep_init\n");
+    if (attach() && registerEvents())
+        m_initialized = true;
+    m_log.logTrace("  KEP initialization done.\n");
+    return true;
+}
+
+bool KEPClient::getProperty(const char* name, char* buffer)
+{
+    if (lowestBit(kep_config_get_str_n(name, buffer, kStringSize)))
+        return true;
+    makeEmpty(buffer, kStringSize);
+    return false;
+}
+
+bool KEPClient::getProperty(const char* name, char* buffer, int bufferSize)
+{
+    if (lowestBit(kep_config_get_str_n(name, buffer, bufferSize)))
+        return true;
+    m_log.logInfo("Failed to get a value for property: %s\n", name);
+    makeEmpty(buffer, bufferSize);
+    return false;
+}
+
+bool KEPClient::getProperty(const char* name, int& value)
+{
+    if (lowestBit(kep_config_get_int(name, &value)))
+        return true;
+    m_log.logInfo("Failed to get an int value for property: %s\n", name);
+    value = 0;
+    return false;
+}
+
+bool KEPClient::getProperty(const char* name, bool& value)
+{
+    if (lowestBit(kep_config_get_bool(name, &value)))
+        return true;
+    m_log.logInfo("Failed to get an bpol value for property: %s\n", name);
+    value = false;
+    return false;
+}
+
+int KEPClient::getProperty(const char* name, char** buffer, int& size)
+{
+    int capacity = *buffer == nullptr ? 0 : std::max(size, 0);
+    int rc = kep_config_get(name, *buffer, &size);
+    if (rc == KEP_ERROR_MAXCNT_SIZE) {
+        replaceBuffer(*buffer, size);
+        capacity = size;
+        rc = kep_config_get(name, *buffer, &size);
+        if (rc == KEP_ERROR_MAXCNT_SIZE) {
+            m_log.logError("The call to kep_config_get for property %s returned KEP_ERROR_MAXCNT_SIZE twice "
+                           "even though a new buffer of the specified size was allocated.",
+                           name);
+            makeEmpty(*buffer, capacity);
+            throw "Unable to retrieve property";
+        }
+    }
+    if (rc != 0) {
+        m_log.logInfo("Property value not found for %s\n", name);
+        makeEmpty(*buffer, capacity);
+        return rc;
+    }
+    // Not even a wrong size from the service may lead outside the array.
+    size = std::clamp(size, 0, capacity);
+    if (capacity > 0)
+        (*buffer)[std::max(size, 1) - 1] = '\0';
+    return 0;
+}
+
+bool KEPClient::setProperty(const char* name, char* value, bool /*flag*/)
+{
+    if (value == nullptr)
+        return false;
+    char current[kStringSize];
+    if (getProperty(name, current) && std::strcmp(current, value) == 0)
+        return false;
+    return lowestByte(kep_config_set_str_n(name, value, kWriteStringFlag));
+}
+
+bool KEPClient::setProperty(const char* name, int value, bool flag)
+{
+    int current = 0;
+    if (getProperty(name, current) && current == value)
+        return false;
+    return lowestByte(kep_config_set_int(name, value, flag));
+}
+
+bool KEPClient::setProperty(const char* name, bool value, bool flag)
+{
+    bool current = false;
+    if (getProperty(name, current) && current == value)
+        return false;
+    return lowestByte(kep_config_set_bool(name, value, flag));
+}
+
+bool KEPClient::notifyEvent(char* event, int size, void* data)
+{
+    if (lowestBit(kep_event_occurred(event, size, data)))
+        return true;
+    m_log.print("KEPClient: notifyEvent failed.\n");
+    return false;
+}
+
+int KEPClient::callFunction(const char* name, int size, void* sendBuffer, int maxReceiveSize,
+                            int& receivedSize, void* receiveBuffer)
+{
+    printCall(name, size, maxReceiveSize);
+    m_log.print("KEPClient: invoking function %s\n", name);
+    int n = size;
+    const int rc = kep_function_execute(name, &n, sendBuffer, maxReceiveSize, receiveBuffer);
+    if (rc == 0)
+        receivedSize = n;
+    else if (rc == KEP_ERROR_RPC)
+        m_log.print("KEPClient: function call failed, rpc failure.\n");
+    else if (rc == KEP_ERROR_MAXCNT_SIZE)
+        m_log.print("KEPClient: function call failed, buffer too small.\n");
+    else
+        m_log.print("KEPClient: function call failed, unknown errors.\n");
+    printCall(name, n, maxReceiveSize);
+    return rc;
+}
+
+void KEPClient::registerCallback(char* name, Callback** callback)
+{
+    const int rc = kep_function_register(name, callback);
+    if (rc != 0)
+        ::logInfo("%s() - kep_function_register failed, error code: %d, exiting program\n",
+                  "registerCallback", rc);
+}
+
+bool KEPClient::attach()
+{
+    if (m_initialized || lowestBit(kep_init(m_name, m_id, kAttachFlag)))
+        return true;
+    m_log.print("KEPClient:  failed to initialize KEP!!!\n");
+    return false;
+}
+
+bool KEPClient::registerEvents()
+{
+    for (const Event& event : kEvents) {
+        if (kep_event_register(event.name) != 0)
+            continue;
+        if (event.failureOnConsole)
+            std::printf(kRegisterFailure, event.name);
+        m_log.print(kRegisterFailure, event.name);
+        return false;
+    }
+    return true;
+}
