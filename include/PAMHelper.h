@@ -14,10 +14,11 @@
 /// throws nothing of its own.
 ///
 /// Create a helper with new, one per login, and give it up with dispose(), which deletes it. Every PAM step
-/// of every helper but the closing of a session runs under one process-wide monitor, and so do the registry
-/// operations. One thread at a time drives a login; any thread may look it up, read what is said to be safe,
-/// stop it and dispose of it. A helper that a look-up returns stays its creator's, who may dispose of it at
-/// any time: hold getMonitor() while you use one that isn't yours.
+/// of every helper runs under one process-wide monitor, and so do the registry operations; only the closing
+/// of a session and the end of a transaction run without it. One thread at a time drives a login; any thread
+/// may look it up, read what is said to be safe, stop it and dispose of it. A helper that a look-up returns
+/// stays its creator's, who may dispose of it at any time: hold getMonitor() while you use one that isn't
+/// yours.
 ///
 /// @code
 /// auto* login = new PAMHelper("::ffff:192.168.1.20", "192.168.1.1");
@@ -31,11 +32,14 @@ class GORV_API PAMHelper {
 public:
     /// Guards instanceMap and serialises the PAM steps of all helpers.
     static Monitor instanceMapMonitor;
-    /// The registered helpers by session id. Owns none of them.
+    /// The registered helpers by session id. Owns none of them; hold instanceMapMonitor while you read it,
+    /// and change it through setSessionId() only.
     static std::map<std::string, PAMHelper*> instanceMap;
-    /// Guards instanceFwMap and the firmware flags.
+    /// Guards instanceFwMap and the firmware flags. While you hold it, call nothing else of this class:
+    /// disposing of a helper takes it after the other monitor was held.
     static Monitor instanceFwMapMonitor;
-    /// For each flag value, the helper that last set either firmware flag to it. Owns none of them.
+    /// For each flag value, the helper that last set either firmware flag to it. Owns none of them; hold
+    /// instanceFwMapMonitor while you read it.
     static std::map<bool, PAMHelper*> instanceFwMap;
 
     /// A login that has not authenticated yet. Either address may be null, which leaves it empty; both are
@@ -161,13 +165,18 @@ private:
     GORV_LOCAL void setAuthResult(int status);
     GORV_LOCAL void readKEPSessionId();
     GORV_LOCAL void setFlag(bool& field, bool flag);
+    GORV_LOCAL void closeSession();
+    GORV_LOCAL void eraseEntry();
     GORV_LOCAL void leaveRegistries();
+    GORV_LOCAL void enterCall();
+    GORV_LOCAL void leaveCall();
 
     struct pam_conv m_conv;
     pam_handle_t* m_pamHandle; // owned
     int m_kepSessionId;
     std::string m_sessionId;
     int m_authResult;
+    int m_calls; // calls that must end before the helper may be deleted
     std::string m_service;
     std::string m_user;
     std::string m_password; // zero bytes between two authentications
@@ -177,4 +186,6 @@ private:
     bool m_fwSemLocked;
     bool m_sessionOpen;
     bool m_disposed;
+    bool m_wasRegistered; // an entry of instanceMap may name this helper
+    bool m_hasSetFlag;    // an entry of instanceFwMap may name this helper
 };

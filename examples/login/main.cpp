@@ -5,7 +5,8 @@
 //
 // The password is asked for on a terminal and read from standard input otherwise. Without -system the program
 // uses the service files and accounts beside it; with -system it uses the machine's own /etc/pam.d.
-// Exit status: 0 logged in, 1 refused, 2 wrong usage.
+// Exit status: 0 logged in, 1 refused, 2 wrong usage or no
+// temporary file.
 
 #include "AComponentLog.h"
 #include "ALog.h"
@@ -23,7 +24,7 @@
 namespace {
 
 struct Options {
-    std::string service = "gorvdemo";
+    std::string service; // "gorvdemo", or "login" of the machine
     std::string user;
     std::string remote = "::ffff:192.168.1.20";
     std::string interface = "192.168.1.1";
@@ -86,6 +87,7 @@ std::string readPassword(const std::string& user)
         std::printf("Password for %s: ", user.c_str());
         std::fflush(stdout);
     }
+    std::setvbuf(stdin, nullptr, _IONBF, 0); // no copy stays in the stream's buffer
     char line[256];
     const bool read = std::fgets(line, sizeof line, stdin) != nullptr;
     line[read ? std::strcspn(line, "\n") : 0] = '\0';
@@ -187,17 +189,21 @@ int main(int argc, char** argv)
     }
     if (!options.system)
         useServiceFilesIn(GORV_DEMO_CONFDIR);
+    if (options.service.empty())
+        options.service = options.system ? "login" : "gorvdemo";
 
     FILE* file = std::tmpfile();
+    if (file == nullptr) {
+        std::perror("login: no temporary file for the log");
+        return 2;
+    }
     ALog log("login", file);
     AComponentLog steps("steps", log);
     const bool loggedIn = logIn(options, steps);
     steps.flush();
 
     std::puts("the log:");
-    if (file != nullptr) {
-        showFile(file);
-        std::fclose(file);
-    }
+    showFile(file);
+    std::fclose(file);
     return loggedIn ? 0 : 1;
 }

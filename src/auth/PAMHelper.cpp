@@ -5,6 +5,7 @@
 #include "sync/FastLock.h"
 #include "sync/SharedField.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -26,6 +27,8 @@ constexpr const char* kContextVariable = "CONTEXT_ID";
 constexpr const char* kSessionVariable = "SESSION_ID";
 constexpr const char* kContextTrigger = "OIDC_LOGIN";
 constexpr std::size_t kInputLineSize = 512;
+constexpr int kDeleteAfterwards = 1; // m_calls: the lowest bit, below the count
+constexpr int kOneCall = 2;
 
 /// Overwrites a secret at the end of the scope, on every path. The string keeps its length.
 class WipeAtExit {
@@ -164,8 +167,9 @@ int putVariable(pam_handle_t* handle, const char* name, const char* value)
 } // namespace
 
 PAMHelper::PAMHelper(const char* remoteIP, const char* interfaceIP)
-    : m_conv{}, m_pamHandle(nullptr), m_kepSessionId(0), m_authResult(PAM_AUTHINFO_UNAVAIL),
-      m_fwInProgress(false), m_fwSemLocked(false), m_sessionOpen(false), m_disposed(false)
+    : m_conv{}, m_pamHandle(nullptr), m_kepSessionId(0), m_authResult(PAM_AUTHINFO_UNAVAIL), m_calls(0),
+      m_fwInProgress(false), m_fwSemLocked(false), m_sessionOpen(false), m_disposed(false),
+      m_wasRegistered(false), m_hasSetFlag(false)
 {
     setRemoteIP(remoteIP);
     setInterfaceIP(interfaceIP);
@@ -292,18 +296,15 @@ bool PAMHelper::startSession()
 
 int PAMHelper::stopSession()
 {
-    const FastLock lock(instanceMapMonitor);
-    if (m_pamHandle == nullptr)
-        return 0;
-    if (m_sessionOpen) {
-        // Cleared before the monitor is given up, so that of two threads only one closes the session.
-        writeShared(m_sessionOpen, false);
-        instanceMapMonitor.releaseLock();
-        const int status = pam_close_session(m_pamHandle, 0);
-        instanceMapMonitor.fastLock();
-        setAuthResult(status);
+    enterCall();
+    {
+        const FastLock lock(instanceMapMonitor);
+        if (m_pamHandle != nullptr) {
+            closeSession();
+            eraseEntry();
+        }
     }
-    instanceMap.erase(m_sessionId);
+    leaveCall();
     return 0;
 }
 
@@ -318,6 +319,7 @@ void PAMHelper::setSessionId(const std::string& sessionId)
     // All that can run out of memory comes first: the registry and m_sessionId then change together.
     std::string newId = sessionId;
     instanceMap.insert_or_assign(newId, this);
+    m_wasRegistered = true;
     if (newId != m_sessionId) {
         const auto earlier = instanceMap.find(m_sessionId);
         if (earlier != instanceMap.end() && earlier->second == this)
@@ -360,15 +362,18 @@ Monitor* PAMHelper::getMonitor()
 
 void PAMHelper::dispose()
 {
+    enterCall();
+    bool isFirst = false;
     {
         const FastLock lock(instanceMapMonitor);
-        if (m_disposed)
-            return;
-        m_disposed = true;
+        isFirst = !std::exchange(m_disposed, true);
     }
-    if (m_pamHandle != nullptr)
-        stopSession();
-    delete this;
+    if (isFirst) {
+        if (m_pamHandle != nullptr)
+            stopSession();
+        std::atomic_ref<int>(m_calls).fetch_or(kDeleteAfterwards);
+    }
+    leaveCall();
 }
 
 void PAMHelper::setFwInProgress(bool flag)
@@ -471,18 +476,63 @@ void PAMHelper::setFlag(bool& field, bool flag)
 {
     const FastLock lock(instanceFwMapMonitor);
     writeShared(field, flag);
+    writeShared(m_hasSetFlag, true);
     instanceFwMap.insert_or_assign(flag, this);
+}
+
+/// Called with the monitor held, which is given up for the call to PAM.
+void PAMHelper::closeSession()
+{
+    if (!m_sessionOpen)
+        return;
+    // Cleared before the monitor is given up, so that of two threads only one closes the session.
+    writeShared(m_sessionOpen, false);
+    instanceMapMonitor.releaseLock();
+    const int status = pam_close_session(m_pamHandle, 0);
+    instanceMapMonitor.fastLock();
+    setAuthResult(status);
+}
+
+/// Erase the entry under this helper's session id, whichever helper it names. Called with the monitor held.
+void PAMHelper::eraseEntry()
+{
+    const auto entry = instanceMap.find(m_sessionId);
+    if (entry == instanceMap.end())
+        return;
+    if (entry->second == this)
+        m_wasRegistered = false;
+    instanceMap.erase(entry);
 }
 
 /// No map may point at a deleted helper. One monitor at a time: nothing takes both.
 void PAMHelper::leaveRegistries()
 {
+    const auto isThis = [this](const auto& entry) { return entry.second == this; };
     {
         const FastLock lock(instanceMapMonitor);
         const auto entry = instanceMap.find(m_sessionId);
         if (entry != instanceMap.end() && entry->second == this)
             instanceMap.erase(entry);
+        else if (m_wasRegistered) // the host may have changed the text behind the reference
+            std::erase_if(instanceMap, isThis);
     }
+    if (!readShared(m_hasSetFlag))
+        return;
     const FastLock lock(instanceFwMapMonitor);
-    std::erase_if(instanceFwMap, [this](const auto& entry) { return entry.second == this; });
+    std::erase_if(instanceFwMap, isThis);
+}
+
+// A thread may still be stopping a session, or waiting for the monitor in dispose(), when another disposes of
+// the helper. The last of them to leave deletes it.
+
+void PAMHelper::enterCall()
+{
+    std::atomic_ref<int>(m_calls).fetch_add(kOneCall, std::memory_order_relaxed);
+}
+
+void PAMHelper::leaveCall()
+{
+    const int before = std::atomic_ref<int>(m_calls).fetch_sub(kOneCall, std::memory_order_acq_rel);
+    if (before == (kOneCall | kDeleteAfterwards))
+        delete this;
 }

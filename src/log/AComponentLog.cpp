@@ -26,7 +26,7 @@ AComponentLog::~AComponentLog() = default;
 
 void AComponentLog::setBaseLog(ALog& log)
 {
-    m_baseLog = &log;
+    writeShared(m_baseLog, &log);
     for (AComponentLog* child : m_children)
         child->setBaseLog(log);
 }
@@ -141,11 +141,19 @@ void AComponentLog::flush()
 
 ALog* AComponentLog::activeLog()
 {
-    return m_baseLog != nullptr && readShared(m_enabled) ? m_baseLog : nullptr;
+    ALog* const log = readShared(m_baseLog);
+    return log != nullptr && readShared(m_enabled) ? log : nullptr;
 }
 
+/// Whether @p target is this component or one below it.
 bool AComponentLog::reaches(const AComponentLog& target) const
 {
-    return this == &target || std::any_of(m_children.begin(), m_children.end(),
-                                          [&](const AComponentLog* child) { return child->reaches(target); });
+    std::vector<const AComponentLog*> found = {this};
+    for (std::size_t i = 0; i < found.size() && found[i] != &target; ++i) {
+        for (const AComponentLog* child : found[i]->m_children) {
+            if (std::find(found.begin(), found.end(), child) == found.end())
+                found.push_back(child);
+        }
+    }
+    return std::find(found.begin(), found.end(), &target) != found.end();
 }

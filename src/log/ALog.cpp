@@ -1,9 +1,9 @@
 #include "ALog.h"
 
+#include "log/LineFormat.h"
 #include "log/LocalTime.h"
 #include "sync/SharedField.h"
 
-#include <algorithm>
 #include <cstring>
 #include <langinfo.h>
 #include <memory>
@@ -28,9 +28,9 @@ std::unique_ptr<char[]> copyText(const char* text)
     return copy;
 }
 
-/// The stamp that the thread formatted last, and all that it depended on.
+/// The stamp that the thread formatted last, and what it depended on.
 struct Stamp {
-    LocalTimeKey key;
+    LocalSecond time;
     const char* timeFormat = nullptr;
     std::size_t length = 0;
     char text[256] = {};
@@ -39,24 +39,15 @@ struct Stamp {
 std::string_view currentStamp()
 {
     static constinit thread_local Stamp s_stamp;
-    const std::time_t now = std::time(nullptr);
+    const bool timeChanged = s_stamp.time.moveTo(std::time(nullptr));
     // "%X" follows the host's time locale, which may change between two lines.
-    const char* timeFormat = nl_langinfo(T_FMT);
-    if (s_stamp.length == 0 || s_stamp.timeFormat != timeFormat || s_stamp.key != localTimeKey(now)) {
-        const std::tm fields = toLocalTime(now);
-        s_stamp.length = std::strftime(s_stamp.text, sizeof s_stamp.text, "%m/%e/%Y %X ", &fields);
+    const char* const timeFormat = nl_langinfo(T_FMT);
+    if (timeChanged || s_stamp.timeFormat != timeFormat) {
+        s_stamp.length =
+            std::strftime(s_stamp.text, sizeof s_stamp.text, "%m/%e/%Y %X ", &s_stamp.time.fields());
         s_stamp.timeFormat = timeFormat;
-        s_stamp.key = localTimeKey(now);
     }
     return {s_stamp.text, s_stamp.length};
-}
-
-/// Copy as much of @p text as fits before @p end. Returns where the copy ends.
-char* append(char* position, const char* end, std::string_view text)
-{
-    const std::size_t length = std::min(text.size(), static_cast<std::size_t>(end - position));
-    std::memcpy(position, text.data(), length);
-    return position + length;
 }
 
 } // namespace
@@ -176,15 +167,12 @@ bool ALog::openDefaultFile()
 
 void ALog::composeLine(const char* format, va_list args)
 {
-    char* position = m_buffer;
-    const char* end = m_buffer + m_bufferSize - 1;
+    LineFormat line(m_buffer, static_cast<std::size_t>(m_bufferSize));
     if (readShared(m_showTimestamp))
-        position = append(position, end, currentStamp());
-    position = append(position, end, m_name);
-    position = append(position, end, " -");
-    *position = '\0';
-    if (std::vsnprintf(position, static_cast<std::size_t>(end - position) + 1, format, args) < 0)
-        *position = '\0'; // a message that can't be formatted leaves the head of the line
+        line.append(currentStamp());
+    line.append(m_name);
+    line.append(" -");
+    line.appendMessage(format, args);
 }
 
 void ALog::flushFile()

@@ -1,21 +1,25 @@
 #include "LocalTime.h"
 
-#include "sync/SharedField.h"
+namespace {
 
-// The C library looks at TZ and the zone file in every localtime and strftime, which costs more than the rest
-// of a log line. A text that was formatted for one second is therefore kept, and these variables, which tzset
-// changes, tell whether the zone is still the one that the text was made for.
-
-LocalTimeKey localTimeKey(std::time_t second)
+bool areEqual(const std::tm& one, const std::tm& other)
 {
-    return {second, readShared(::timezone), readShared(::daylight), readShared(::tzname[0]),
-            readShared(::tzname[1])};
+    return one.tm_sec == other.tm_sec && one.tm_min == other.tm_min && one.tm_hour == other.tm_hour &&
+           one.tm_mday == other.tm_mday && one.tm_mon == other.tm_mon && one.tm_year == other.tm_year &&
+           one.tm_gmtoff == other.tm_gmtoff && one.tm_zone == other.tm_zone;
 }
 
-std::tm toLocalTime(std::time_t second)
+} // namespace
+
+bool LocalSecond::moveTo(std::time_t second)
 {
-    std::tm fields{};
-    tzset(); // localtime_r alone need not notice a changed zone
+    if (second != m_second)
+        tzset(); // localtime_r alone need not notice that TZ or the zone file changed
+    m_second = second;
+    std::tm fields;
     localtime_r(&second, &fields);
-    return fields;
+    if (areEqual(fields, m_fields))
+        return false;
+    m_fields = fields;
+    return true;
 }

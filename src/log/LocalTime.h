@@ -2,20 +2,16 @@
 
 #include <ctime>
 
-/// What a conversion to local time depended on: conversions under equal keys give the same fields.
-struct LocalTimeKey {
-    std::time_t second = 0;
-    long offset = 0;
-    int daylight = 0;
-    const char* standardName = nullptr;
-    const char* daylightName = nullptr;
+/// The local time of the second that it was moved to last. Looks at TZ and the zone file once a second only,
+/// which costs more than all the rest of a log line, yet sees at once when the host sets another time zone.
+class LocalSecond {
+public:
+    /// Returns whether fields() changed.
+    bool moveTo(std::time_t second);
 
-    bool operator==(const LocalTimeKey&) const = default;
+    const std::tm& fields() const { return m_fields; }
+
+private:
+    std::time_t m_second = 0;
+    std::tm m_fields = {};
 };
-
-/// The key of @p second in the time zone that is set now. Costs no system call.
-LocalTimeKey localTimeKey(std::time_t second);
-
-/// Convert @p second to local time after a fresh look at TZ and the zone file. Take the key of the result
-/// afterwards: the conversion itself may set the zone.
-std::tm toLocalTime(std::time_t second);

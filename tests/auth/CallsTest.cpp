@@ -4,6 +4,7 @@
 #include "support/ProcessMemory.h"
 
 #include <functional>
+#include <future>
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <openssl/crypto.h>
@@ -28,7 +29,6 @@ struct FakePam {
     std::function<void(const std::string&)> onStep;
     std::vector<std::string> calls;
     int handles = 0;
-    pam_conv lastConversation{};
 
     int step(const pam_handle_t* handle, const std::string& call, int status)
     {
@@ -60,7 +60,6 @@ extern "C" __attribute__((visibility("default"))) void free(void* block) noexcep
 
 FAKE int pam_start(const char* service, const char* user, const pam_conv* conversation, pam_handle_t** handle)
 {
-    s_pam.lastConversation = *conversation;
     *handle = s_pam.startStatus == PAM_SUCCESS ? new pam_handle{++s_pam.handles, *conversation} : nullptr;
     return s_pam.step(*handle, std::string("start ") + service + " " + user, s_pam.startStatus);
 }
@@ -202,6 +201,7 @@ TEST_F(PamCallsTest, LaterStepsAreLeftOutAfterAFailureOrOnRequest)
 {
     s_pam.startStatus = PAM_ABORT;
     EXPECT_EQ(logIn(), PAM_AUTH_ERR);
+    EXPECT_EQ(m_helper->getAuthResult(), PAM_AUTH_ERR);
     EXPECT_EQ(takeCalls(), (Calls{"- start svc alice", "- rhost 10.0.0.9"}));
     s_pam.startStatus = PAM_SUCCESS;
     EXPECT_EQ(logIn(true), PAM_SUCCESS);
@@ -231,6 +231,14 @@ TEST_F(PamCallsTest, CheckOfAnotherUserUsesItsOwnTransactionOnly)
     EXPECT_EQ(m_helper->getAuthResult(), PAM_AUTH_ERR);
     EXPECT_EQ(checkAgain("alice", true), PAM_SUCCESS);
     EXPECT_EQ(takeCalls(), Calls{});
+}
+
+TEST_F(PamCallsTest, FirstCheckOfANewHelperMakesTheUserItsOwn)
+{
+    EXPECT_EQ(checkAgain("alice", true), PAM_SUCCESS);
+    EXPECT_EQ(takeCalls(), Calls{});
+    EXPECT_EQ(checkAgain("bob", true), PAM_SUCCESS);
+    EXPECT_EQ(takeCalls().front(), "1 start  bob");
 }
 
 TEST_F(PamCallsTest, DisposeClosesAndEndsWithTheStatusOfTheClose)
@@ -263,6 +271,75 @@ TEST_F(PamCallsTest, EveryStepButTheCloseHoldsTheMonitor)
     s_pam.onStep = nullptr;
     for (const auto& probe : probes)
         EXPECT_TRUE(probe->gotIt()); // nothing keeps the lock
+}
+
+TEST_F(PamCallsTest, OperationsWaitForTheMonitorThatGuardsThem)
+{
+    Monitor* const registry = PAMHelper::getMonitor();
+    Monitor* const flags = &PAMHelper::instanceFwMapMonitor;
+    const struct {
+        Monitor* guardedBy;
+        std::function<void()> run;
+    } operations[] = {
+        {registry,
+         [&] {
+             m_helper->dispose();
+             m_helper = new PAMHelper(nullptr, nullptr);
+             logIn(true);
+         }},
+        {registry, [&] { checkAgain("bob", true); }},
+        {registry, [&] { m_helper->startSession(); }},
+        {registry, [&] { m_helper->setSessionId("S1"); }},
+        {registry, [&] { PAMHelper::instanceForSessionId("S1"); }},
+        {registry, [&] { PAMHelper::instanceForKEPId(0); }},
+        {registry, [&] { m_helper->stopSession(); }},
+        {flags, [&] { m_helper->setFwInProgress(true); }},
+        {flags, [&] { m_helper->setFWSemaphoreLock(true); }},
+    };
+    for (const auto& operation : operations) {
+        Monitor* const other = operation.guardedBy == registry ? flags : registry;
+        other->fastLock();
+        std::async(std::launch::async, operation.run).get(); // must not wait
+        other->releaseLock();
+        operation.guardedBy->fastLock();
+        const auto waiting = std::async(std::launch::async, operation.run);
+        EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(30)), std::future_status::timeout);
+        operation.guardedBy->releaseLock();
+    }
+}
+
+TEST_F(PamCallsTest, HelperOutlivesTheCallsThatOthersAreStillIn)
+{
+    for (int round = 0; round < 200; ++round) {
+        logIn(true);
+        m_helper->startSession();
+        takeCalls();
+        s_pam.onStep = [&](const std::string& call) {
+            if (call != "close 0")
+                return;
+            s_pam.onStep = nullptr;
+            std::thread([this] { m_helper->dispose(); }).join(); // while this thread closes the session
+        };
+        PAMHelper* const helper = m_helper;
+        helper->stopSession();
+        EXPECT_TRUE(takeCalls().back().ends_with(" end 0"));
+        m_helper = new PAMHelper(nullptr, nullptr);
+        std::vector<std::thread> threads;
+        PAMHelper::getMonitor()->fastLock(); // all of them are in dispose before one goes on
+        std::atomic<int> begun = 0;
+        for (int i = 0; i < 3; ++i)
+            threads.emplace_back([&] {
+                ++begun;
+                m_helper->dispose();
+            });
+        while (begun < 3)
+            std::this_thread::yield();
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+        PAMHelper::getMonitor()->releaseLock();
+        for (auto& thread : threads)
+            thread.join();
+        m_helper = new PAMHelper(nullptr, nullptr);
+    }
 }
 
 TEST_F(PamCallsTest, TwoThreadsCloseASessionOnce)
@@ -299,6 +376,7 @@ TEST_F(PamCallsTest, SessionIdTextGivesTheNumericId)
     }
     s_pam.openStatus = PAM_SESSION_ERR;
     EXPECT_FALSE(m_helper->startSession());
+    EXPECT_FALSE(m_helper->isValid());
     EXPECT_EQ(m_helper->getAuthResult(), PAM_SUCCESS);
 }
 
@@ -411,10 +489,7 @@ TEST_F(PamCallsTest, PasswordIsForgottenOnEveryPath)
     };
     for (const auto& path : paths) {
         path.run();
-        std::vector<std::string> replies;
-        EXPECT_EQ(converse(s_pam.lastConversation, {{PAM_PROMPT_ECHO_OFF, "Password: "}}, &replies),
-                  PAM_SUCCESS);
-        EXPECT_EQ(replies, std::vector<std::string>{""}) << path.path;
+        EXPECT_EQ(m_helper->m_password, std::string(m_password.size(), '\0')) << path.path;
     }
 }
 

@@ -208,6 +208,7 @@ TEST_F(LoginTest, DeletedHelperIsInNoMap)
     other->setSessionId("S1");
     replaced->dispose(); // the entry is the other's
     EXPECT_EQ(PAMHelper::instanceForSessionId("S1"), other);
+    other->getSessionId() = "changed behind its back";
     other->dispose();
 }
 

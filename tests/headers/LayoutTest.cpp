@@ -67,17 +67,27 @@ TEST(LayoutTest, FieldsStandInTheirOrder)
                  sizeof(KEPClient));
     expectLayout(kVtable,
                  {FIELD(PAMHelper, m_conv), FIELD(PAMHelper, m_pamHandle), FIELD(PAMHelper, m_kepSessionId),
-                  FIELD(PAMHelper, m_sessionId), FIELD(PAMHelper, m_authResult), FIELD(PAMHelper, m_service),
-                  FIELD(PAMHelper, m_user), FIELD(PAMHelper, m_password), FIELD(PAMHelper, m_remoteIP),
-                  FIELD(PAMHelper, m_interfaceIP), FIELD(PAMHelper, m_fwInProgress),
-                  FIELD(PAMHelper, m_fwSemLocked), FIELD(PAMHelper, m_sessionOpen),
-                  FIELD(PAMHelper, m_disposed)},
+                  FIELD(PAMHelper, m_sessionId), FIELD(PAMHelper, m_authResult), FIELD(PAMHelper, m_calls),
+                  FIELD(PAMHelper, m_service), FIELD(PAMHelper, m_user), FIELD(PAMHelper, m_password),
+                  FIELD(PAMHelper, m_remoteIP), FIELD(PAMHelper, m_interfaceIP),
+                  FIELD(PAMHelper, m_fwInProgress), FIELD(PAMHelper, m_fwSemLocked),
+                  FIELD(PAMHelper, m_sessionOpen), FIELD(PAMHelper, m_disposed),
+                  FIELD(PAMHelper, m_wasRegistered), FIELD(PAMHelper, m_hasSetFlag)},
                  sizeof(PAMHelper));
 }
 
-TEST(LayoutTest, FourthFlagOfTheLogCostsNoSpace)
+TEST(LayoutTest, WhatTheClassesAddLivesInPadding)
 {
-    EXPECT_EQ(offsetof(ALog, m_name), 3 * sizeof(void*));
+    EXPECT_EQ(offsetof(ALog, m_name), 3 * sizeof(void*)); // behind the stream and three flags
+    EXPECT_EQ(offsetof(PAMHelper, m_service),
+              roundUp(offsetof(PAMHelper, m_authResult) + 4, alignof(std::string)));
+    EXPECT_EQ(sizeof(PAMHelper), roundUp(offsetof(PAMHelper, m_disposed) + 1, alignof(void*)));
+}
+
+TEST(LayoutTest, LibrarysOwnMonitorsTakeTheFirstIds)
+{
+    EXPECT_EQ(PAMHelper::instanceMapMonitor.m_id, 2);
+    EXPECT_EQ(PAMHelper::instanceFwMapMonitor.m_id, 3);
 }
 
 TEST(LayoutTest, LevelsAreConstantsWithAnAddress)

@@ -75,9 +75,13 @@ TEST_F(ComponentLogTest, WithoutBaseLogOrSwitchedOffNothingIsWritten)
     EXPECT_FALSE(component.getEnabled());
     useEveryOperation(component);
     EXPECT_EQ(written(), "");
+    AComponentLog other("other", m_log);
+    other.print("buffered\n");
+    component.flush();
+    EXPECT_EQ(readFile(m_dir.path("log")), "");
     component.setEnabled(true);
     component.print("m 1\n");
-    EXPECT_EQ(written(), "base -m 1\n");
+    EXPECT_EQ(written(), "base -buffered\nbase -m 1\n");
 }
 
 TEST_F(ComponentLogTest, BaseLogIsHandedDownToAllDescendants)
@@ -121,9 +125,11 @@ TEST_F(ComponentLogTest, ChildThatWouldCloseACycleIsRefused)
     top.addChildLog(middle);
     middle.addChildLog(bottom);
     top.addChildLog(top);
+    bottom.setBaseLog(m_log);
     bottom.addChildLog(top);
-    top.setBaseLog(m_log); // would never return
-    EXPECT_EQ(bottom.getBaseLog(), &m_log);
+    EXPECT_EQ(top.getBaseLog(), nullptr); // no effect at all
+    top.setBaseLog(m_log);                // would never return
+    EXPECT_EQ(middle.getBaseLog(), &m_log);
 }
 
 } // namespace

@@ -28,6 +28,12 @@ extern "C" __attribute__((visibility("default"))) std::time_t time(std::time_t* 
     return seconds;
 }
 
+// One buffer for all threads: the log must not call it.
+extern "C" __attribute__((visibility("default"))) std::tm* localtime(const std::time_t*) noexcept
+{
+    std::abort();
+}
+
 namespace {
 
 constexpr std::time_t kSixthOfNovember = 1794009599; // 2026-11-06 23:59:59 UTC
@@ -79,6 +85,20 @@ TEST_F(LogTest, LineIsNameHyphenMessageAndLevelsChangeNothing)
     EXPECT_TRUE(written().ends_with("\n -open - line\n")) << written();
 }
 
+TEST_F(LogTest, MessageIsFormattedAsPrintfDoes)
+{
+    ALog log("", stream());
+    log.setShowTimestamp(false);
+    EXPECT_TRUE(!log.getEchoToConsole() && !log.getShowTimestamp() && log.getEnabled());
+    const char* volatile absent = nullptr;
+    log.print("%d|%i|%u|%x|%s|%%\n", -2147483647 - 1, 0, 4294967295U, 0xBEEFU, "text");
+    log.print("%s|%5d|%-4s|%ld|%.2f|%c|%p\n", absent, 42, "ab", -5L, 1.5, 'c', static_cast<void*>(nullptr));
+    log.print("%s and then %03d\n", "plain first", 7);
+    EXPECT_EQ(written(), " --2147483648|0|4294967295|beef|text|%\n"
+                         " -(null)|   42|ab  |-5|1.50|c|(nil)\n"
+                         " -plain first and then 007\n");
+}
+
 TEST_F(LogTest, StampFollowsClockAndZoneFromLineToLine)
 {
     ALog log("box", stream());
@@ -94,6 +114,9 @@ TEST_F(LogTest, StampFollowsClockAndZoneFromLineToLine)
         {kSixthOfNovember, "WEST5", "11/ 6/2026 18:59:59 "},
         {kSixthOfNovember, "UTC", "11/ 6/2026 23:59:59 "},
         {kSixthOfNovember, "OTHER0", "11/ 6/2026 23:59:59 "},
+        // The same names, offset and use of summer time, but other rules.
+        {kSixthOfNovember, "ONE7TWO,J60,J300", "11/ 6/2026 16:59:59 "},
+        {kSixthOfNovember, "ONE7TWO,J60,J320", "11/ 6/2026 17:59:59 "},
     };
     std::string expected;
     for (const auto& line : lines) {
@@ -183,6 +206,11 @@ TEST_F(LogTest, MovingTheFileEachNightLeaksNoDescriptorAndLosesNoLine)
     std::fflush(stream());
     EXPECT_EQ(written(), "still the caller's\n");
     const int before = openDescriptors();
+    {
+        ALog lazy("lazy", nullptr);
+        lazy.print("opens the default file\n");
+        EXPECT_EQ(lazy.setOutputFile("missing/own.log"), -1);
+    }
     for (int night = 0; night < 20; ++night) {
         va_list none{};
         log.vprint("buffered\n", none);
@@ -209,11 +237,15 @@ TEST_F(LogTest, EchoedLineAlsoReachesStandardOutput)
     log.setShowTimestamp(false);
     log.setEchoToConsole(true);
     log.print("100%% %s\n", "%d");
+    EXPECT_EQ(output.arrived(), "box -100% %d\n"); // flushed
+    std::fputs("more ", stdout);
+    log.flush();
+    EXPECT_TRUE(output.arrived().ends_with("more "));
     ALog console("out", stdout);
     console.setShowTimestamp(false);
     console.setEchoToConsole(true);
     console.print("twice\n");
-    EXPECT_EQ(output.text(), "box -100% %d\nout -twice\nout -twice\n");
+    EXPECT_EQ(output.text(), "box -100% %d\nmore out -twice\nout -twice\n");
     EXPECT_EQ(written(), "box -100% %d\n");
 }
 
@@ -221,9 +253,13 @@ TEST_F(LogTest, FullDiskStopsNothing)
 {
     FILE* full = std::fopen("/dev/full", "w");
     ALog log("box", full);
+    log.setShowTimestamp(false);
+    log.setEchoToConsole(true);
+    CapturedStream output(stdout);
     for (int i = 0; i < 100; ++i)
-        log.print("%02000d\n", i);
+        log.print("%d\n", i);
     log.flush();
+    EXPECT_TRUE(output.text().ends_with("box -98\nbox -99\n"));
     std::fclose(full);
 }
 

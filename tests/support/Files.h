@@ -54,6 +54,13 @@ public:
     CapturedStream(const CapturedStream&) = delete;
     CapturedStream& operator=(const CapturedStream&) = delete;
 
+    /// What has left the stream's buffer so far.
+    std::string arrived() const
+    {
+        char bytes[4096];
+        const ssize_t count = ::pread(::fileno(m_file), bytes, sizeof bytes, 0);
+        return {bytes, count < 0 ? 0 : static_cast<std::size_t>(count)};
+    }
     /// End the redirection and return all that was written.
     std::string text()
     {

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "GorvApi.h"
+
+#include <cstdarg>
+#include <string_view>
+
+/// Composes one line in a buffer. What does not fit is cut off; the line is terminated at every moment.
+class LineFormat {
+public:
+    /// @p size is at least 1.
+    LineFormat(char* buffer, std::size_t size) : m_position(buffer), m_end(buffer + size - 1)
+    {
+        *buffer = '\0';
+    }
+
+    void append(std::string_view text);
+    /// Append a message by the printf conventions, exactly as vsnprintf would.
+    void appendMessage(const char* format, va_list args) GORV_PRINTF(2, 0);
+
+private:
+    bool appendPlain(const char* format, va_list& args);
+
+    char* m_position;
+    char* const m_end; // where the terminator goes at the latest
+};
