@@ -21,3 +21,4 @@ void compare(const Comparison& comparison, const Body& ours, const Body& theirs,
 void registerLogComparisons();
 void registerSyncComparisons();
 void registerAuthComparisons();
+void registerStreamComparisons();

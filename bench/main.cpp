@@ -88,6 +88,7 @@ int main(int argc, char** argv)
     registerLogComparisons();
     registerSyncComparisons();
     registerAuthComparisons();
+    registerStreamComparisons();
 
     std::printf("| %-44s | %-46s | %9s | %9s | %5s | %5s |\n", "what", "held against", "ours, ns", "theirs",
                 "ratio", "goal");

@@ -2,11 +2,16 @@
 // private members.
 
 #include "AComponentLog.h"
+#include "AInteger.h"
 #include "ALog.h"
+#include "ASocket.h"
+#include "GorvSocketException.h"
 #include "KEPClient.h"
+#include "NumberFormatException.h"
 #include "PAMHelper.h"
 
 #include <cstddef>
+#include <cstring>
 #include <gtest/gtest.h>
 #include <type_traits>
 #include <vector>
@@ -74,6 +79,31 @@ TEST(LayoutTest, FieldsStandInTheirOrder)
                   FIELD(PAMHelper, m_sessionOpen), FIELD(PAMHelper, m_disposed),
                   FIELD(PAMHelper, m_wasRegistered), FIELD(PAMHelper, m_hasSetFlag)},
                  sizeof(PAMHelper));
+    expectLayout(kVtable, {FIELD(Exception, m_message)}, sizeof(NumberFormatException));
+    expectLayout(kVtable, {FIELD(AInteger, m_value)}, sizeof(AInteger));
+    expectLayout(0,
+                 {FIELD(GorvSocketException, m_function), FIELD(GorvSocketException, m_line),
+                  FIELD(GorvSocketException, m_message)},
+                 sizeof(GorvSocketException));
+    expectLayout(2 * kVtable,
+                 {FIELD(ASocket, m_socket), FIELD(ASocket, m_networkByteOrder), FIELD(ASocket, m_address),
+                  FIELD(ASocket, m_log), FIELD(ASocket, m_socketState), FIELD(ASocket, m_silent)},
+                 sizeof(ASocket));
+}
+
+std::size_t slotOf(auto operation)
+{
+    std::size_t words[2];
+    std::memcpy(words, &operation, sizeof words);
+    return words[0] / sizeof(void*);
+}
+
+TEST(LayoutTest, VirtualOperationsOfTheSocketKeepTheirSlots)
+{
+    EXPECT_EQ(
+        (std::vector{slotOf(&ASocket::close), slotOf(&ASocket::writeByte), slotOf(&ASocket::writeShort),
+                     slotOf(&ASocket::read), slotOf(&ASocket::readFully), slotOf(&AInputStream::readFully)}),
+        (std::vector<std::size_t>{4, 7, 8, 9, 13, 4})); // destruction takes 5 and 6
 }
 
 TEST(LayoutTest, WhatTheClassesAddLivesInPadding)

@@ -1,0 +1,149 @@
+#pragma once
+
+#include "AComponentLog.h"
+#include "AInputStream.h"
+#include "AOutputStream.h"
+#include "GorvApi.h"
+
+#include <netinet/in.h>
+#include <string>
+
+class ALog;
+
+/// One end of a TCP connection over IPv4: connects to a host and port, or takes over an accepted descriptor.
+///
+/// Integers travel with the most significant byte first, strings as their characters alone. Nothing is
+/// buffered: what was written is with the system. The object owns its descriptor and closes it; the
+/// descriptor blocks, and sending to a peer that has gone raises SIGPIPE unless the program ignores it. Only
+/// setting up prints or throws: it prints its progress to standard output and failures to standard error.
+/// Reading and writing put their trail into the log of setLog() and the system's complaints on standard
+/// error.
+///
+/// One thread at a time uses an object; separate objects are independent. Destroyed as an ASocket.
+///
+/// @code
+/// ASocket socket("127.0.0.1", 4711, true); // throws GorvSocketException
+/// socket.writeInt(42);
+/// int answer = 0;
+/// if (socket.readInt(answer, 5) == 4)
+///     use(answer);
+/// @endcode
+class GORV_API ASocket : public AOutputStream, public AInputStream {
+public:
+    static const int NOT_CONNECTED = 0;  ///< No connection yet.
+    static const int CONNECTED = 1;      ///< Data passes. In every other state reading and writing refuse.
+    static const int CLOSED = 2;         ///< Closed by this side, or after a failed attempt to connect.
+    static const int CLOSED_BY_PEER = 3; ///< The other side closed.
+    static const int CONNECT_FAILED = 4; ///< No socket could be made.
+    static const int IO_ERROR = 5;       ///< Sending, receiving or waiting failed.
+
+    /// Not connected. Connect with createIPSocket().
+    ASocket();
+
+    /// A second object for the connection of @p other, with a descriptor of its own: each object closes its
+    /// own, and the connection ends with the last. The copy has no log and is not silent. When no descriptor
+    /// is left for it, it holds none and its state is IO_ERROR.
+    ASocket(const ASocket& other);
+
+    /// Connect as createIPSocket() does. Prints the attempt, and a line about a failure, which it throws on.
+    /// @param silent the choice of setSilent()
+    ASocket(const char* ip, int port, bool silent);
+    /// The same, not silent.
+    ASocket(const char* ip, int port);
+
+    /// Take over @p socket, a connection accepted from @p address. Checks nothing.
+    ASocket(int socket, sockaddr_in& address);
+
+    ASocket& operator=(const ASocket&) = delete;
+
+    /// Open a connection. A descriptor that the object still holds is closed first.
+    ///
+    /// Resolving and connecting block as long as the system lets them. On failure the state is CONNECT_FAILED
+    /// (no socket could be made) or CLOSED, no descriptor is held, both standard streams have a message, and
+    /// GorvSocketException is thrown.
+    /// @param ip host name or dotted address
+    /// @param port the low 16 bits count
+    void createIPSocket(const char* ip, int port);
+
+    /// Let @p log, which stays the caller's, take the lines about reading and writing. It outlives the socket
+    /// or is replaced first.
+    void setLog(ALog& log);
+
+    /// Choose whether the next createIPSocket() leaves out its two progress lines. Off in a new socket.
+    void setSilent(bool silent);
+
+    /// @return whether the object holds a descriptor.
+    bool isOpen();
+
+    /// @return the state, one of the constants above.
+    int getSocketState();
+
+    // From here on the order of the virtual operations is part of the interface: programs call them by slot.
+
+    // Sending. Unless the state is CONNECTED nothing is sent. A failure prints "Socket write failed" on
+    // standard error and sets IO_ERROR.
+
+    /// Send @p len bytes from @p data, however many system calls that takes: normally one.
+    void write(const unsigned char* data, int len) override;
+    /// Send the 4 bytes of @p value through write().
+    void writeInt(int value) override;
+    /// Send the characters of @p text through write(), without its terminator. Null sends nothing.
+    void writeString(const unsigned char* text) override;
+    /// Call the system's fsync on the descriptor. Nothing is ever pending in the object.
+    void flush() override;
+
+    /// Close the descriptor and set CLOSED, in any state.
+    void close() override;
+
+    virtual ~ASocket();
+
+    /// Send one byte, not through write().
+    virtual void writeByte(unsigned char value);
+    /// Send the low 16 bits of @p value through write().
+    virtual void writeShort(int value);
+
+    // Receiving. @p timeout is in seconds and bounds each wait for data, not the whole operation; 0 waits
+    // without limit. The result is a count of bytes, 0 after the peer has closed (CLOSED_BY_PEER), -1 after a
+    // time-out (the state stays) or a failure (IO_ERROR, with a message on standard error). A signal
+    // interrupts nothing, but a wait starts anew, with its whole time-out.
+
+    /// Receive once into @p data + @p offset. Fewer than @p len bytes (at least 1) come back when the peer
+    /// closes or a signal arrives in between.
+    /// @return 0 too when the state isn't CONNECTED
+    int read(unsigned char* data, int offset, int len, unsigned int timeout) override;
+    /// Receive 4 bytes through readFully().
+    /// @return 4 with the integer in @p value; otherwise 0 or -1, and @p value keeps what it held
+    int readInt(int& value, unsigned int timeout) override;
+    /// Receive 2 bytes through readFully().
+    /// @return 2 with the integer in @p value; otherwise 0 or -1, and @p value keeps what it held
+    int readShort(short& value, unsigned int timeout) override;
+    /// Receive 1 byte through readFully().
+    /// @return 1 with the byte in @p value; otherwise 0 or -1, and @p value keeps what it held
+    int readByte(unsigned char& value, unsigned int timeout) override;
+    /// Receive until all @p len bytes are at @p data + @p offset. What arrived before a failure stays there.
+    /// @return @p len; otherwise 0 or -1, which is also the result when the state isn't CONNECTED
+    int readFully(unsigned char* data, int offset, int len, unsigned int timeout) override;
+
+    /// Wait and receive once, in any state.
+    /// @param flag flags of the system's recv
+    int socket_read(unsigned char* data, int len, int flag, unsigned int timeout);
+
+    /// writeString(), for chains.
+    ASocket& operator<<(const unsigned char* text);
+    /// writeString(), for chains.
+    ASocket& operator<<(const char* text);
+
+private:
+    GORV_LOCAL void startAfresh();
+    [[noreturn]] GORV_LOCAL void failConnecting(const std::string& message, int line);
+    GORV_LOCAL void sendAll(const unsigned char* data, int len);
+    GORV_LOCAL bool awaitData(unsigned int timeout);
+    GORV_LOCAL int receive(unsigned char* data, int len, int flag);
+
+    int m_socket;           // -1: none
+    int m_networkByteOrder; // 1: most significant byte first, the only order
+    sockaddr_in m_address;  // the peer
+    AComponentLog m_log;
+    int m_socketState;
+    bool m_silent;
+};

@@ -1,0 +1,25 @@
+#pragma once
+
+#include "GorvApi.h"
+
+#include <string>
+
+/// Says why a socket could not be connected. Thrown by value by ASocket::createIPSocket() and by the
+/// constructors of ASocket that connect; caught by reference, by its own type.
+class GORV_API GorvSocketException {
+public:
+    /// Copies its arguments.
+    GorvSocketException(const std::string& function, int line, const std::string& message);
+
+    /// @return the name of the operation that failed: "createIPSocket".
+    std::string getFunction() const;
+    /// @return the source line that reported the failure.
+    int getLine() const;
+    /// @return what failed. The text ends with a newline unless it was cut, which happens at 255 characters.
+    std::string getMessage() const;
+
+private:
+    std::string m_function;
+    int m_line;
+    std::string m_message;
+};

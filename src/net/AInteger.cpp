@@ -1,0 +1,53 @@
+#include "AInteger.h"
+
+#include "NumberFormatException.h"
+#include "log/IntegerText.h"
+#include "net/BigEndian.h"
+
+AInteger::AInteger(int value) : m_value(value)
+{}
+
+AInteger::~AInteger() = default;
+
+int AInteger::getValue()
+{
+    return m_value;
+}
+
+std::string AInteger::toString()
+{
+    return toString(m_value);
+}
+
+std::string AInteger::toString(int value)
+{
+    return std::to_string(value);
+}
+
+int AInteger::parseInt(const char* text)
+{
+    int value = 0;
+    if (!parseIntegerText(text, value))
+        throw NumberFormatException("%s", text);
+    return value;
+}
+
+int AInteger::decodeShort(unsigned char* data, int offset)
+{
+    return loadBigEndian16(data + offset);
+}
+
+int AInteger::decodeInt(unsigned char* data, int offset)
+{
+    return static_cast<int>(loadBigEndian32(data + offset));
+}
+
+void AInteger::encodeShort(unsigned char* data, int offset, short value)
+{
+    storeBigEndian16(data + offset, static_cast<std::uint16_t>(value));
+}
+
+void AInteger::encodeInt(unsigned char* data, int offset, int value)
+{
+    storeBigEndian32(data + offset, static_cast<std::uint32_t>(value));
+}
