@@ -41,28 +41,54 @@ std::string idOf(int number)
     return "session-" + std::to_string(number * 7919LL % 1'000'003);
 }
 
-/// Helpers registered under their ids, all with the numeric id 0.
+/// As large as a helper: what else a look-up touches costs the same on both sides.
+struct Login {
+    char before[32];
+    int id = 0;
+    char after[sizeof(PAMHelper) - 36];
+};
+
+/// Logins registered with the library and, side by side in memory, the same map without it.
 class Registered {
 public:
     explicit Registered(int count)
     {
         for (int i = 0; i < count; ++i) {
+            m_ids.push_back("session-" + std::to_string(i * 7919LL % 1'000'003));
             m_helpers.push_back(std::make_unique<PAMHelper>(nullptr, nullptr));
-            m_helpers.back()->setSessionId(idOf(i));
+            m_helpers.back()->setSessionId(m_ids.back());
+            m_logins.push_back(std::make_unique<Login>());
+            m_map[m_ids.back()] = m_logins.back().get();
         }
     }
 
+    const std::vector<std::string>& ids() const { return m_ids; }
+    const std::map<std::string, Login*>& map() const { return m_map; }
+
 private:
+    std::vector<std::string> m_ids;
     std::vector<std::unique_ptr<PAMHelper>> m_helpers;
+    std::vector<std::unique_ptr<Login>> m_logins;
+    std::map<std::string, Login*> m_map;
 };
+
+/// The logins of the comparison that runs: built once, so that both sides meet the same memory.
+const Registered& registered(int count)
+{
+    static std::unique_ptr<Registered> s_registered;
+    static int s_count = 0;
+    if (s_count != count) {
+        s_registered.reset();
+        s_registered = std::make_unique<Registered>(count);
+        s_count = count;
+    }
+    return *s_registered;
+}
 
 Body lookUp(int count)
 {
     return [count](benchmark::State& state) {
-        const Registered registered(count);
-        std::vector<std::string> ids;
-        for (int i = 0; i < count; ++i)
-            ids.push_back(idOf(i));
+        const std::vector<std::string>& ids = registered(count).ids();
         std::size_t next = 0;
         for (auto _ : state) {
             benchmark::DoNotOptimize(PAMHelper::instanceForSessionId(ids[next]));
@@ -74,14 +100,9 @@ Body lookUp(int count)
 Body lookUpInMap(int count)
 {
     return [count](benchmark::State& state) {
-        const auto helper = std::make_unique<PAMHelper>(nullptr, nullptr);
-        std::map<std::string, PAMHelper*> map;
+        const std::map<std::string, Login*>& map = registered(count).map();
         std::recursive_mutex mutex;
-        std::vector<std::string> ids;
-        for (int i = 0; i < count; ++i) {
-            ids.push_back(idOf(i));
-            map[ids.back()] = helper.get();
-        }
+        const std::vector<std::string>& ids = registered(count).ids();
         std::size_t next = 0;
         for (auto _ : state) {
             const std::lock_guard<std::recursive_mutex> lock(mutex);
@@ -95,27 +116,16 @@ Body lookUpInMap(int count)
 Body walk(int count)
 {
     return [count](benchmark::State& state) {
-        const Registered registered(count);
+        registered(count);
         for (auto _ : state)
             benchmark::DoNotOptimize(PAMHelper::instanceForKEPId(1));
     };
 }
 
-/// The same map and helpers, walked with nothing but the comparison.
 Body bareWalk(int count)
 {
-    struct Login {
-        char before[32];
-        int id;
-        char after[sizeof(PAMHelper) - 36]; // as far apart as the helpers are
-    };
     return [count](benchmark::State& state) {
-        std::vector<std::unique_ptr<Login>> logins;
-        std::map<std::string, Login*> map;
-        for (int i = 0; i < count; ++i) {
-            logins.push_back(std::make_unique<Login>());
-            map[idOf(i)] = logins.back().get();
-        }
+        const std::map<std::string, Login*>& map = registered(count).map();
         for (auto _ : state) {
             Login* found = nullptr;
             for (const auto& [id, login] : map) {

@@ -11,12 +11,17 @@ function(gorv_compile_options target)
     endif()
 endfunction()
 
-# The library itself: its calls to its own functions skip the symbol table, only the listed symbols leave it,
-# and libssl stays a dependency although nothing in it is called. The new dynamic tags let LD_LIBRARY_PATH put
+# The library itself: its calls to its own functions skip the symbol table, its calls to others the linkage table,
+# only the listed symbols leave it, and libssl stays a dependency although nothing in it is called. The new dynamic tags let LD_LIBRARY_PATH put
 # another libkep.so.1 in front of the build tree's.
 function(gorv_library_options target)
+    include(CheckIPOSupported)
+    check_ipo_supported(RESULT supported OUTPUT ignored LANGUAGES CXX)
+    set_target_properties(${target} PROPERTIES INTERPROCEDURAL_OPTIMIZATION_RELEASE ${supported})
     set(map "${PROJECT_SOURCE_DIR}/cmake/gorvUtil.map")
-    target_compile_options(${target} PRIVATE -fno-semantic-interposition)
+    set(own_calls -fno-semantic-interposition -fno-plt)
+    target_compile_options(${target} PRIVATE ${own_calls})
+    target_link_options(${target} PRIVATE ${own_calls}) # link-time optimisation asks again
     target_link_options(${target} PRIVATE "LINKER:--version-script=${map}" "LINKER:-z,now,-z,relro,--enable-new-dtags")
     if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
         target_link_options(${target} PRIVATE "LINKER:-z,defs")

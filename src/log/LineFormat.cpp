@@ -31,7 +31,14 @@ void LineFormat::append(std::string_view text)
     const std::size_t length = std::min(text.size(), static_cast<std::size_t>(m_end - m_position));
     std::memcpy(m_position, text.data(), length);
     m_position += length;
-    *m_position = '\0';
+}
+
+void LineFormat::appendText(const char* text)
+{
+    if (text == nullptr)
+        text = "(null)";
+    while (m_position != m_end && *text != '\0')
+        *m_position++ = *text++;
 }
 
 void LineFormat::appendMessage(const char* format, va_list args)
@@ -41,8 +48,10 @@ void LineFormat::appendMessage(const char* format, va_list args)
     va_copy(copy, args);
     const bool complete = appendPlain(format, copy);
     va_end(copy);
-    if (complete)
+    if (complete) {
+        *m_position = '\0';
         return;
+    }
     m_position = begin;
     const auto room = static_cast<std::size_t>(m_end - begin) + 1;
     const int wanted = std::vsnprintf(begin, room, format, args);
@@ -56,17 +65,15 @@ void LineFormat::appendMessage(const char* format, va_list args)
 bool LineFormat::appendPlain(const char* format, va_list& args)
 {
     while (true) {
-        const char* const percent = strchrnul(format, '%');
-        append({format, static_cast<std::size_t>(percent - format)});
-        if (*percent == '\0')
+        while (*format != '%' && *format != '\0' && m_position != m_end)
+            *m_position++ = *format++;
+        if (*format != '%')
             return true;
-        format = percent + 2;
-        switch (percent[1]) {
-        case 's': {
-            const char* const text = va_arg(args, const char*);
-            append(text == nullptr ? "(null)" : text);
+        format += 2;
+        switch (format[-1]) {
+        case 's':
+            appendText(va_arg(args, const char*));
             break;
-        }
         case 'd':
         case 'i':
             append(Digits(va_arg(args, int)).text());

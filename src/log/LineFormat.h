@@ -5,7 +5,8 @@
 #include <cstdarg>
 #include <string_view>
 
-/// Composes one line in a buffer. What does not fit is cut off; the line is terminated at every moment.
+/// Composes one line in a buffer. What does not fit is cut off; the message, appended last, terminates the
+/// line.
 class LineFormat {
 public:
     /// @p size is at least 1.
@@ -19,6 +20,7 @@ public:
     void appendMessage(const char* format, va_list args) GORV_PRINTF(2, 0);
 
 private:
+    void appendText(const char* text);
     bool appendPlain(const char* format, va_list& args);
 
     char* m_position;
