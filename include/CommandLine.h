@@ -1,0 +1,43 @@
+#pragma once
+
+#include "GorvApi.h"
+
+#include <vector>
+
+/// The options of a program's command line and their values.
+///
+/// An argument that begins with a dash is an option; its values are the arguments that follow it, up to the
+/// next one with a dash. So "-5" is an option, never a value. Arguments before the first option are skipped.
+/// The argument vector stays the caller's and outlives the object. Not synchronised; neither copied nor
+/// moved.
+///
+/// @code
+/// CommandLine options(argc, argv); // serverd -port 7578 --verbose
+/// const char* port = options.getArg("port");
+/// bool verbose = options.hasArg("-verbose"); // only one dash is taken off
+/// @endcode
+class GORV_API CommandLine {
+public:
+    /// Split @p argv. A null pointer ends it before @p argc elements. Throws std::bad_alloc when memory runs
+    /// out.
+    CommandLine(int argc, char** argv);
+
+    ~CommandLine();
+
+    CommandLine(const CommandLine&) = delete;
+    CommandLine& operator=(const CommandLine&) = delete;
+
+    /// @return whether the option @p name, written without its dash, was given. A null name never was.
+    bool hasArg(const char* name);
+
+    /// @return the first value of the option @p name, or null if it was not given or has no value. When it
+    /// was given more than once, its first occurrence answers. Points into the argument vector.
+    const char* getArg(const char* name);
+
+private:
+    struct Option;
+
+    GORV_LOCAL const Option* find(const char* name) const;
+
+    std::vector<Option> m_args; // one entry an occurrence
+};

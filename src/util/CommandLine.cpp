@@ -1,0 +1,44 @@
+#include "CommandLine.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+
+struct CommandLine::Option {
+    std::string name;                // without its dash
+    std::vector<const char*> values; // point into the caller's arguments
+};
+
+CommandLine::CommandLine(int argc, char** argv)
+{
+    for (int i = 0; argv != nullptr && i < argc && argv[i] != nullptr; ++i) {
+        const char* argument = argv[i];
+        if (argument[0] == '-')
+            m_args.push_back({argument + 1, {}});
+        else if (!m_args.empty())
+            m_args.back().values.push_back(argument);
+    }
+}
+
+CommandLine::~CommandLine() = default;
+
+bool CommandLine::hasArg(const char* name)
+{
+    return find(name) != nullptr;
+}
+
+const char* CommandLine::getArg(const char* name)
+{
+    const Option* option = find(name);
+    return option == nullptr || option->values.empty() ? nullptr : option->values.front();
+}
+
+const CommandLine::Option* CommandLine::find(const char* name) const
+{
+    if (name == nullptr)
+        return nullptr;
+    const auto option = std::find_if(m_args.begin(), m_args.end(), [&](const Option& candidate) {
+        return std::strcmp(candidate.name.c_str(), name) == 0;
+    });
+    return option == m_args.end() ? nullptr : &*option;
+}
