@@ -1,0 +1,30 @@
+#pragma once
+
+#include "GorvApi.h"
+
+#include <string>
+#include <vector>
+
+/// Small helpers that programs share.
+class GORV_API AUtil {
+public:
+    AUtil() = delete;
+
+    /// Look @p name up in the environment. A null name is never set.
+    /// @return the environment's own string if the variable is set. Otherwise a copy of @p defaultValue that
+    /// the caller releases with free(), or null if there is no default or no memory.
+    static char* getEnv(const char* name, const char* defaultValue);
+
+    /// Release every string with the single-object delete and empty the vector. Null elements are skipped.
+    /// The strings come from new or operator new(), not from new[] or malloc().
+    static void clearStringArray(std::vector<char*>& strings);
+    /// The same for constant strings.
+    static void clearStringArray(std::vector<const char*>& strings);
+
+    /// Make a key of 32 lowercase hexadecimal characters: 128 bits of "/dev/urandom". Safe from any thread.
+    ///
+    /// Without the device the key comes from srand() and rand(), seeded with process id, time and a counter.
+    /// Such a key can be guessed, changes the program's rand() sequence, and two threads may get the same
+    /// one. Nothing tells the caller: where a key protects something, make sure that the device is there.
+    static std::string generateRandomKey();
+};

@@ -1,0 +1,93 @@
+#include "AUtil.h"
+
+#include "util/FileDescriptor.h"
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <new>
+
+namespace {
+
+using KeyWords = std::array<std::uint32_t, 4>;
+
+constexpr std::size_t kKeyLength = 32;
+constexpr std::uint32_t kLastKeyCounter = 65535;
+
+constinit std::atomic<std::uint32_t> s_keyCounter = 0;
+
+/// A delete expression would tell the allocator a size of one character, which strings seldom have.
+void releaseString(const char* text)
+{
+    ::operator delete(const_cast<char*>(text));
+}
+
+bool readRandomWords(KeyWords& words)
+{
+    const FileDescriptor device(::open("/dev/urandom", O_RDONLY | O_CLOEXEC));
+    if (!device.isOpen())
+        return false;
+    ssize_t count = 0;
+    do {
+        count = ::read(device.get(), words.data(), sizeof words);
+    } while (count < 0 && errno == EINTR);
+    return count == sizeof words;
+}
+
+void makePseudoRandomWords(KeyWords& words)
+{
+    const std::uint32_t counter = s_keyCounter.load(std::memory_order_relaxed);
+    std::srand(static_cast<std::uint32_t>(::getpid()) + static_cast<std::uint32_t>(std::time(nullptr)) +
+               counter);
+    for (std::uint32_t& word : words) {
+        word = static_cast<std::uint32_t>(std::rand());
+        std::srand(word);
+    }
+    s_keyCounter.store(counter >= kLastKeyCounter ? 0 : counter + 1, std::memory_order_relaxed);
+}
+
+void appendHexadecimal(std::string& text, std::uint32_t word)
+{
+    for (int shift = 28; shift >= 0; shift -= 4)
+        text.push_back("0123456789abcdef"[word >> shift & 0xF]);
+}
+
+} // namespace
+
+char* AUtil::getEnv(const char* name, const char* defaultValue)
+{
+    if (char* value = name == nullptr ? nullptr : std::getenv(name))
+        return value;
+    return defaultValue == nullptr ? nullptr : ::strdup(defaultValue);
+}
+
+void AUtil::clearStringArray(std::vector<char*>& strings)
+{
+    for (const char* text : strings)
+        releaseString(text);
+    strings.clear();
+}
+
+void AUtil::clearStringArray(std::vector<const char*>& strings)
+{
+    for (const char* text : strings)
+        releaseString(text);
+    strings.clear();
+}
+
+std::string AUtil::generateRandomKey()
+{
+    KeyWords words{};
+    if (!readRandomWords(words))
+        makePseudoRandomWords(words);
+    std::string key;
+    key.reserve(kKeyLength);
+    for (const std::uint32_t word : words)
+        appendHexadecimal(key, word);
+    return key;
+}
