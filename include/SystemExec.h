@@ -1,0 +1,95 @@
+#pragma once
+
+#include "GorvApi.h"
+
+#include <string>
+
+/// Runs a program as a child process with its three standard streams on pipes.
+///
+/// The design allows one outstanding child per process: execute() makes its runner the one that the SIGCHLD
+/// handler works on. Use a runner from one thread, and keep it alive until its child has ended. A program
+/// that can't do so sets ::se to null first; the pipe ends and the child are then its own to close and to
+/// wait for.
+///
+/// The handler closes the caller's pipe ends as soon as the child ends, and what was not read yet is lost.
+/// Block SIGCHLD before execute() and until all is read, in every thread of the process (a thread inherits
+/// the mask of its creator):
+/// @code
+/// sigset_t child, before;
+/// sigemptyset(&child);
+/// sigaddset(&child, SIGCHLD);
+/// pthread_sigmask(SIG_BLOCK, &child, &before);
+/// runner.execute();
+/// for (ssize_t count; (count = read(runner.getStdOut(), buffer, sizeof buffer)) > 0;)
+///     use(buffer, count);
+/// pthread_sigmask(SIG_SETMASK, &before, nullptr); // from here on the handler may close and reap
+/// @endcode
+/// A child that fills one pipe waits until it is read: poll() both outputs if both may carry much. Ignore
+/// SIGPIPE if the child may end before it has read its input.
+///
+/// The child stays in the caller's process group and inherits what a program inherits over exec, with SIGCHLD
+/// and SIGPIPE back at their defaults and SIGCHLD not blocked.
+class GORV_API SystemExec {
+public:
+    /// A runner without a command; all three pipe ends are -1.
+    SystemExec();
+
+    /// Closes no descriptor, and leaves ::se as it is.
+    ~SystemExec();
+
+    SystemExec(const SystemExec&) = delete;
+    SystemExec& operator=(const SystemExec&) = delete;
+
+    /// Choose the program, as a path or a name that is looked up on the search path. It is one file name and
+    /// is not split at blanks. Copied.
+    void setCommand(std::string& command);
+
+    /// Choose the child's arguments: @p args[0] is its name as it sees it, a null pointer ends the array. The
+    /// array stays the caller's and valid until execute() has returned. With null, the default, the command
+    /// is the only argument.
+    void setArgList(char** args);
+
+    /// Start the child, which runs the command after a second's delay.
+    ///
+    /// First closes the pipe ends that this runner still holds. Writes its progress to standard output and
+    /// flushes every stdio stream, so it waits for a thread that is blocked in a stdio call. Replaces the
+    /// process's SIGCHLD handler with signalHandler().
+    ///
+    /// No result: when a pipe or the child can't be made, a line on standard error tells so and the pipe ends
+    /// are -1. When the program can't be run, the child says so on its two output pipes and exits with 1.
+    void execute();
+
+    /// @return where to read the child's output, or -1 before execute() and after the child has ended.
+    int getStdOut();
+
+    /// @return where to write the child's input, or -1 as for getStdOut(). Close it to end the input. The
+    /// number still counts as the runner's and is closed again when the child ends; if it could be in use for
+    /// another file by then, put "/dev/null" in its place with dup2() instead.
+    int getStdIn();
+
+    /// @return where to read the child's error output, or -1 as for getStdOut().
+    int getStdErr();
+
+private:
+    friend void signalHandler(int sig);
+
+    GORV_LOCAL void closePipes();
+
+    std::string m_command;
+    int m_stdOut;
+    int m_stdIn;
+    int m_stdErr;
+    int m_pid;
+    char** m_argList; // not owned
+};
+
+/// The runner whose execute() ran last, or null. The SIGCHLD handler works on it; nothing resets it.
+extern GORV_API SystemExec* se;
+
+/// The SIGCHLD handler that SystemExec::execute() installs: closes the pipe ends of ::se, each at most once,
+/// and waits for any one child, whichever it is. Does nothing for another signal or while ::se is null. Makes
+/// only async-signal-safe calls and keeps errno.
+///
+/// A child that the program waits for itself (system(), popen(), waitpid()) may be reaped here. Two children
+/// that end together may raise one signal, and one of them is then left for the next.
+GORV_API void signalHandler(int sig);
