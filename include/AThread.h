@@ -1,0 +1,64 @@
+#pragma once
+
+#include "GorvApi.h"
+
+#include <cstdint>
+#include <pthread.h>
+
+/// A base for classes that run their work on a thread of their own.
+///
+/// The derived class supplies run(). Start an object at most once; before it is destroyed, its owner calls
+/// stopThread() and join(). Nothing here throws or reports a failure. Neither copied nor moved.
+///
+/// @code
+/// class Poller : public AThread {
+///     void run() override
+///     {
+///         while (!__atomic_load_n(&m_stopRequested, __ATOMIC_ACQUIRE))
+///             pollOnce();
+///     }
+/// };
+/// @endcode
+class GORV_API AThread {
+public:
+    AThread();
+
+    /// Neither stops nor joins the thread.
+    virtual ~AThread();
+
+    AThread(const AThread&) = delete;
+    AThread& operator=(const AThread&) = delete;
+
+    /// Create the thread, which calls run() once. isRunning() is true from here on, even when the system
+    /// can't create a thread.
+    virtual void start();
+
+    /// The body. An exception that leaves it ends the process.
+    virtual void run() = 0;
+
+    /// Ask the body to return. Neither wakes it nor waits for it. Safe from any thread, also before start().
+    virtual void stopThread();
+
+    /// Wait until the body has returned. Called by one thread. Returns at once if start() was not called or
+    /// could create no thread, and when the thread was joined before.
+    void join();
+
+    /// @return whether start() was called; the end of the body and join() don't change that. Safe from any
+    /// thread.
+    bool isRunning();
+
+    /// @return the kernel's id of the calling thread, which inside run() is the object's own.
+    std::int64_t getThreadID();
+
+    /// Call run() on @p object, an AThread. The start routine of the thread.
+    /// @return null.
+    static void* entryPoint(void* object);
+
+private:
+    pthread_t m_thread; // 0 while there is nothing to join
+    pthread_attr_t m_attributes;
+
+protected:
+    bool m_stopRequested; ///< Set by stopThread(), possibly while the body runs: read it as an atomic.
+    bool m_running;       ///< Set by start().
+};

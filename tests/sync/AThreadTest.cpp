@@ -1,0 +1,60 @@
+#include "AThread.h"
+
+#include <atomic>
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+static bool s_creationFails = false;
+
+// The library's call ends here.
+extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* thread,
+                                                                     const pthread_attr_t* attributes,
+                                                                     void* (*body)(void*),
+                                                                     void* object) noexcept
+{
+    static const auto s_create =
+        reinterpret_cast<decltype(&pthread_create)>(::dlsym(RTLD_NEXT, "pthread_create"));
+    *thread = 1; // a failed creation may leave anything
+    return s_creationFails ? EAGAIN : s_create(thread, attributes, body, object);
+}
+
+struct Counter : AThread {
+    void run() override
+    {
+        for (m_id = getThreadID(); !__atomic_load_n(&m_stopRequested, __ATOMIC_ACQUIRE);)
+            ++m_rounds;
+    }
+    std::atomic<std::int64_t> m_id = 0;
+    std::atomic<std::int64_t> m_rounds = 0;
+};
+
+TEST(AThreadTest, BodyRunsOnItsOwnThreadUntilItIsAskedToStop)
+{
+    Counter thread;
+    thread.join(); // not started: returns at once
+    EXPECT_FALSE(thread.isRunning());
+    thread.start();
+    while (thread.m_rounds == 0)
+        EXPECT_TRUE(thread.isRunning());
+    thread.stopThread();
+    thread.join();
+    Counter next;
+    next.start();
+    thread.join(); // must not wait for the next thread, which has taken over the handle
+    next.stopThread();
+    next.join();
+    EXPECT_TRUE(thread.isRunning());
+    EXPECT_NE(thread.m_id, ::gettid());
+    EXPECT_EQ(thread.getThreadID(), ::gettid());
+}
+
+TEST(AThreadTest, JoinReturnsWhenNoThreadCouldBeCreated)
+{
+    Counter thread;
+    s_creationFails = true;
+    thread.start();
+    s_creationFails = false;
+    thread.join();
+    EXPECT_TRUE(thread.isRunning());
+    EXPECT_EQ(thread.m_id, 0);
+}
