@@ -1,0 +1,90 @@
+#pragma once
+
+#include "GorvApi.h"
+#include "Monitor.h"
+
+#include <cstdarg>
+#include <cstdio>
+
+/// A trace file: one line a call, with a millisecond stamp, filtered by a numeric threshold.
+///
+/// A program creates one trace, points ::gTrace at it and calls Init(). Init(), TraceLog() and Close() are
+/// safe from any thread, and lines never mix. The file is emptied at its first opening in the life of the
+/// object and appended to afterwards. Neither copied nor moved.
+///
+/// A line reads "YYYY/MM/DD HH:MM:SS_mmm MESSAGE", in local time. No line end is added: the format carries
+/// its own "\n". Lines that can't be written are dropped silently.
+///
+/// @code
+/// ATrace trace;
+/// gTrace = &trace;
+/// trace.Init(3, "/var/log/consoled.trace");
+/// gTrace->TraceLog(2, "%d clients\n", count);
+/// @endcode
+class GORV_API ATrace {
+public:
+    /// A trace that writes nothing until Init().
+    ATrace();
+
+    /// Closes the file. No other thread may be tracing.
+    virtual ~ATrace();
+
+    ATrace(const ATrace&) = delete;
+    ATrace& operator=(const ATrace&) = delete;
+
+    /// Admit levels up to @p level, and trace into the file at @p fileName, which is copied. A file that is
+    /// open stays the destination until Close(). Writes "ATrace::Init: Trace Starting" through ::gTrace if
+    /// that is set. Opens nothing itself.
+    ///
+    /// With @p fileName null only the threshold changes, and "Trace File Name Missing" goes to standard
+    /// output. Also when memory runs out, only the threshold changes.
+    void Init(int level, char* fileName);
+    /// The same for constant names.
+    template <typename = void>
+    void Init(int level, const char* fileName);
+
+    /// Write one line and flush it if @p level is 0, negative or at most the threshold; a negative threshold
+    /// admits level 0 and what is not above itself. Opens the file if it is not open.
+    void TraceLog(int level, char* format, ...) GORV_PRINTF(3, 4);
+    /// The same for constant formats.
+    template <typename = void>
+    void TraceLog(int level, const char* format, ...) GORV_PRINTF(3, 4);
+
+    /// Close the file. The next line that passes the threshold opens it again.
+    void Close();
+
+private:
+    // Exported: the template of TraceLog() calls it from the host.
+    void vTraceLog(int level, const char* format, va_list args) GORV_PRINTF(3, 0);
+    GORV_LOCAL bool openFile();
+
+    bool m_disabled; // until an Init() with a name
+    char* m_fileName;
+    FILE* m_file;
+    int m_level;
+    bool m_firstOpen;
+    Monitor m_monitor;
+};
+
+/// The trace that the program uses; null until the program sets it.
+extern GORV_API ATrace* gTrace;
+
+/// Does nothing, whatever @p text is.
+GORV_API void ShowLastError(char* text);
+
+// The constant forms are templates so that a null pointer, which fits both forms alike, takes the plain one.
+
+template <typename>
+void ATrace::Init(int level, const char* fileName)
+{
+    Init(level, const_cast<char*>(fileName));
+}
+
+template <typename>
+void ATrace::TraceLog(int level, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    vTraceLog(level, format, args);
+    va_end(args);
+}

@@ -1,0 +1,122 @@
+#include "ATrace.h"
+
+#include "log/LocalTime.h"
+#include "sync/SharedField.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <stdio_ext.h>
+#include <sys/time.h>
+#include <utility>
+
+ATrace* gTrace = nullptr;
+
+namespace {
+
+constexpr int kMicrosecondsPerMillisecond = 1000;
+constexpr const char* kEmptyMode = "we"; // "e": close-on-exec
+constexpr const char* kAppendMode = "ae";
+
+/// The stamp that the thread made last, and the time of its text up to the seconds.
+struct Stamp {
+    LocalSecond time;
+    int secondsLength = 0;
+    char text[96] = {};
+};
+
+const char* currentStamp()
+{
+    static constinit thread_local Stamp s_stamp;
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    if (s_stamp.time.moveTo(now.tv_sec)) {
+        const std::tm& fields = s_stamp.time.fields();
+        s_stamp.secondsLength = std::snprintf(
+            s_stamp.text, sizeof s_stamp.text, "%04i/%02i/%02i %02i:%02i:%02i_", fields.tm_year + 1900,
+            fields.tm_mon + 1, fields.tm_mday, fields.tm_hour, fields.tm_min, fields.tm_sec);
+    }
+    const int milliseconds = static_cast<int>(now.tv_usec / kMicrosecondsPerMillisecond);
+    char* position = s_stamp.text + s_stamp.secondsLength;
+    *position++ = static_cast<char>('0' + milliseconds / 100);
+    *position++ = static_cast<char>('0' + milliseconds / 10 % 10);
+    *position++ = static_cast<char>('0' + milliseconds % 10);
+    *position++ = ' ';
+    *position = '\0';
+    return s_stamp.text;
+}
+
+} // namespace
+
+ATrace::ATrace() : m_disabled(true), m_fileName(nullptr), m_file(nullptr), m_level(0), m_firstOpen(true)
+{}
+
+ATrace::~ATrace()
+{
+    Close();
+    std::free(m_fileName);
+}
+
+void ATrace::Init(int level, char* fileName)
+{
+    writeShared(m_level, level);
+    if (fileName == nullptr) {
+        std::puts("Trace File Name Missing");
+        return;
+    }
+    char* nameCopy = ::strdup(fileName);
+    if (nameCopy == nullptr)
+        return;
+    {
+        const MonitorLock lock = m_monitor.acquireLock();
+        std::free(std::exchange(m_fileName, nameCopy));
+        writeShared(m_disabled, false);
+    }
+    // Without the lock: gTrace may be another trace, and two monitors are never held at once.
+    if (gTrace != nullptr)
+        gTrace->TraceLog(0, "%s Trace Starting\n", "ATrace::Init:");
+}
+
+void ATrace::TraceLog(int level, char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    vTraceLog(level, format, args);
+    va_end(args);
+}
+
+void ATrace::Close()
+{
+    const MonitorLock lock = m_monitor.acquireLock();
+    if (m_file != nullptr)
+        std::fclose(std::exchange(m_file, nullptr));
+}
+
+void ATrace::vTraceLog(int level, const char* format, va_list args)
+{
+    // The threshold first: most calls end here. An enabled trace has a file name.
+    if ((level > readShared(m_level) && level != 0) || readShared(m_disabled))
+        return;
+    const MonitorLock lock = m_monitor.acquireLock();
+    if (m_file == nullptr && !openFile())
+        return;
+    std::fputs(currentStamp(), m_file);
+    std::vfprintf(m_file, format, args);
+    std::fflush(m_file);
+}
+
+bool ATrace::openFile()
+{
+    if (m_firstOpen) {
+        m_firstOpen = false;
+        if (FILE* emptied = std::fopen(m_fileName, kEmptyMode))
+            std::fclose(emptied);
+    }
+    m_file = std::fopen(m_fileName, kAppendMode);
+    if (m_file == nullptr)
+        return false;
+    __fsetlocking(m_file, FSETLOCKING_BYCALLER); // the monitor's
+    return true;
+}
+
+void ShowLastError([[maybe_unused]] char* text)
+{}

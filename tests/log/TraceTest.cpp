@@ -1,0 +1,109 @@
+#include "ATrace.h"
+#include "support/Files.h"
+
+#include <gtest/gtest.h>
+#include <sys/time.h>
+#include <thread>
+
+#pragma GCC diagnostic ignored "-Wformat-nonliteral" // such formats take the other form
+
+static timeval s_now = {1700000000, 123456};
+
+// The library's clock.
+extern "C" __attribute__((visibility("default"))) int gettimeofday(timeval* now, void*) noexcept
+{
+    *now = s_now;
+    return 0;
+}
+
+namespace {
+
+const std::string kStamp = "2023/11/14 22:13:20_123 ";
+const std::string kStartLine = kStamp + "ATrace::Init: Trace Starting\n";
+
+struct TraceTest : testing::Test {
+    TraceTest() { setZone("UTC0"); }
+    ~TraceTest() override { gTrace = nullptr; }
+
+    static void setZone(const char* zone)
+    {
+        ::setenv("TZ", zone, 1);
+        ::tzset();
+    }
+
+    TempDir m_dir;
+    const std::string m_path = m_dir.path("trace"), m_other = m_dir.path("other");
+    ATrace m_trace;
+};
+
+TEST_F(TraceTest, LinesAreFilteredAndStampedInLocalTime)
+{
+    m_trace.Init(3, nullptr);
+    m_trace.TraceLog(0, "still disabled\n");
+    std::string expected;
+    for (const int threshold : {3, 0, -2}) {
+        m_trace.Init(threshold, m_path.c_str());
+        for (int level = -4; level <= 5; ++level) {
+            m_trace.TraceLog(level, "%i of %s\n", level, "many");
+            if (level == 0 || level <= threshold)
+                expected += kStamp + std::to_string(level) + " of many\n";
+        }
+    }
+    setZone("EAST-5:30");
+    for (s_now.tv_usec = 999999; s_now.tv_usec > 1; s_now.tv_usec /= 1001)
+        m_trace.TraceLog(0, "\n");
+    s_now.tv_usec = 123456;
+    EXPECT_EQ(readFile(m_path), expected + "2023/11/15 03:43:20_999 \n2023/11/15 03:43:20_000 \n");
+}
+
+TEST_F(TraceTest, FileIsEmptiedAtTheFirstOpeningOfAnObjectOnly)
+{
+    std::ofstream(m_path) << "old\n";
+    std::ofstream(m_other) << "kept\n";
+    m_trace.Init(3, std::string(m_path).data());
+    EXPECT_EQ(readFile(m_path), "old\n"); // no start line without gTrace
+    gTrace = &m_trace;
+    ATrace().Init(3, m_other.c_str()); // its start line goes through gTrace
+    m_trace.Close();
+    m_trace.TraceLog(0, std::string("%s\n").data(), "appended");
+    m_trace.Init(3, m_other.c_str()); // the open file stays the destination
+    m_trace.Close();
+    m_trace.TraceLog(0, "last\n");
+    EXPECT_EQ(readFile(m_path), kStartLine + kStamp + "appended\n" + kStartLine);
+    EXPECT_EQ(readFile(m_other), "kept\n" + kStamp + "last\n");
+}
+
+TEST_F(TraceTest, LinesThatCannotBeWrittenAreDropped)
+{
+    m_trace.Init(0, "/dev/full");
+    m_trace.TraceLog(0, "%010000i\n", 1);
+    m_trace.Close();
+    m_trace.Init(0, (m_other + "/trace").c_str());
+    m_trace.TraceLog(0, "lost\n");
+    std::filesystem::create_directory(m_other);
+    m_trace.TraceLog(0, "written\n");
+    EXPECT_EQ(readFile(m_other + "/trace"), kStamp + "written\n");
+}
+
+TEST_F(TraceTest, LinesStayWholeWhileAnotherThreadClosesAndInitialises)
+{
+    m_trace.Init(1, m_path.c_str());
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i)
+        threads.emplace_back([this] {
+            for (int line = 0; line < 500; ++line)
+                m_trace.TraceLog(1, "%s line\n", "whole");
+        });
+    for (int round = 0; round < 200; ++round) {
+        m_trace.Close();
+        m_trace.Init(1, (round % 2 == 0 ? m_other : m_path).c_str());
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    std::string expected;
+    for (int line = 0; line < 8 * 500; ++line)
+        expected += kStamp + "whole line\n";
+    EXPECT_EQ(readFile(m_path) + readFile(m_other), expected);
+}
+
+} // namespace
