@@ -5,10 +5,14 @@
 #include "AInteger.h"
 #include "ALog.h"
 #include "ASocket.h"
+#include "AThread.h"
+#include "ATrace.h"
+#include "CommandLine.h"
 #include "GorvSocketException.h"
 #include "KEPClient.h"
 #include "NumberFormatException.h"
 #include "PAMHelper.h"
+#include "SystemExec.h"
 
 #include <cstddef>
 #include <cstring>
@@ -89,6 +93,19 @@ TEST(LayoutTest, FieldsStandInTheirOrder)
                  {FIELD(ASocket, m_socket), FIELD(ASocket, m_networkByteOrder), FIELD(ASocket, m_address),
                   FIELD(ASocket, m_log), FIELD(ASocket, m_socketState), FIELD(ASocket, m_silent)},
                  sizeof(ASocket));
+    expectLayout(kVtable,
+                 {FIELD(ATrace, m_disabled), FIELD(ATrace, m_fileName), FIELD(ATrace, m_file),
+                  FIELD(ATrace, m_level), FIELD(ATrace, m_firstOpen), FIELD(ATrace, m_monitor)},
+                 sizeof(ATrace));
+    expectLayout(kVtable,
+                 {FIELD(AThread, m_thread), FIELD(AThread, m_attributes), FIELD(AThread, m_stopRequested),
+                  FIELD(AThread, m_running)},
+                 sizeof(AThread));
+    expectLayout(0,
+                 {FIELD(SystemExec, m_command), FIELD(SystemExec, m_stdOut), FIELD(SystemExec, m_stdIn),
+                  FIELD(SystemExec, m_stdErr), FIELD(SystemExec, m_pid), FIELD(SystemExec, m_argList)},
+                 sizeof(SystemExec));
+    expectLayout(0, {FIELD(CommandLine, m_args)}, sizeof(CommandLine));
 }
 
 std::size_t slotOf(auto operation)
@@ -104,6 +121,12 @@ TEST(LayoutTest, VirtualOperationsOfTheSocketKeepTheirSlots)
         (std::vector{slotOf(&ASocket::close), slotOf(&ASocket::writeByte), slotOf(&ASocket::writeShort),
                      slotOf(&ASocket::read), slotOf(&ASocket::readFully), slotOf(&AInputStream::readFully)}),
         (std::vector<std::size_t>{4, 7, 8, 9, 13, 4})); // destruction takes 5 and 6
+}
+
+TEST(LayoutTest, VirtualOperationsOfTheThreadKeepTheirSlots)
+{
+    EXPECT_EQ((std::vector{slotOf(&AThread::start), slotOf(&AThread::run), slotOf(&AThread::stopThread)}),
+              (std::vector<std::size_t>{2, 3, 4})); // behind destruction
 }
 
 TEST(LayoutTest, WhatTheClassesAddLivesInPadding)
@@ -138,6 +161,7 @@ constexpr bool kStaysInPlace = !std::is_copy_constructible_v<T> && !std::is_move
                                !std::is_copy_assignable_v<T> && std::has_virtual_destructor_v<T>;
 
 static_assert(kStaysInPlace<Monitor> && kStaysInPlace<MonitorLock> && kStaysInPlace<ALog> &&
-              kStaysInPlace<AComponentLog> && kStaysInPlace<KEPClient> && kStaysInPlace<PAMHelper>);
+              kStaysInPlace<AComponentLog> && kStaysInPlace<KEPClient> && kStaysInPlace<PAMHelper> &&
+              kStaysInPlace<ATrace>);
 
 } // namespace
