@@ -135,7 +135,9 @@ MODULE_ENTRY pam_sm_authenticate(pam_handle_t* handle, int, int argc, const char
     const int asked = pam_get_authtok(handle, PAM_AUTHTOK, &password, nullptr);
     if (asked != PAM_SUCCESS)
         return asked;
-    return found == PAM_SUCCESS && matches(account[Hash], password) ? PAM_SUCCESS : PAM_AUTH_ERR;
+    // An unknown user costs as much time as a wrong password.
+    const bool right = matches(account[Hash], password);
+    return right && found == PAM_SUCCESS ? PAM_SUCCESS : PAM_AUTH_ERR;
 }
 
 MODULE_ENTRY pam_sm_setcred(pam_handle_t*, int, int, const char**)

@@ -9,7 +9,7 @@
 #include <unistd.h>
 #include <vector>
 
-/// Looks for a secret in all that this process can write.
+/// Looks for a secret in all that a process can write.
 class ProcessMemory {
 public:
     /// A text that stands in memory only where somebody asked for it.
@@ -57,11 +57,11 @@ public:
     }
 
     /// Whether the second half of @p secret stands anywhere: freed memory may have lost its first bytes.
-    static bool holds(const Secret& secret)
+    static bool holds(const Secret& secret, const std::string& process = "self")
     {
         const std::string needle = secret.m_scrambled.substr(secret.m_scrambled.size() / 2);
-        FILE* maps = std::fopen("/proc/self/maps", "r");
-        const int memory = ::open("/proc/self/mem", O_RDONLY | O_CLOEXEC);
+        FILE* maps = std::fopen(("/proc/" + process + "/maps").c_str(), "r");
+        const int memory = ::open(("/proc/" + process + "/mem").c_str(), O_RDONLY | O_CLOEXEC);
         bool found = false;
         char line[512];
         while (!found && std::fgets(line, sizeof line, maps) != nullptr) {

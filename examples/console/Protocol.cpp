@@ -1,0 +1,79 @@
+#include "Protocol.h"
+
+#include "AInteger.h"
+
+namespace protocol {
+
+namespace {
+
+constexpr std::size_t kLengthSize = 4;
+
+} // namespace
+
+std::optional<std::size_t> fieldCount(short operation)
+{
+    switch (operation) {
+    case Who:
+    case Logout:
+        return 0;
+    case Get:
+    case Run:
+        return 1;
+    case Login:
+    case Set:
+    case Event:
+    case Call:
+        return 2;
+    default:
+        return std::nullopt;
+    }
+}
+
+std::optional<std::vector<std::string_view>> splitFields(std::string_view bytes, std::size_t count)
+{
+    std::vector<std::string_view> fields;
+    while (bytes.size() >= kLengthSize && fields.size() < count) {
+        unsigned char header[kLengthSize];
+        bytes.copy(reinterpret_cast<char*>(header), kLengthSize);
+        bytes.remove_prefix(kLengthSize);
+        const auto length = static_cast<unsigned int>(AInteger::decodeInt(header, 0));
+        if (length > bytes.size())
+            return std::nullopt;
+        fields.push_back(bytes.substr(0, length));
+        bytes.remove_prefix(length);
+    }
+    if (fields.size() != count || !bytes.empty())
+        return std::nullopt;
+    return fields;
+}
+
+std::string frame(short code, std::string_view bytes)
+{
+    bytes = bytes.substr(0, kMaxBytes);
+    unsigned char header[kHeaderSize];
+    AInteger::encodeShort(header, 0, code);
+    AInteger::encodeInt(header, 2, static_cast<int>(bytes.size()));
+    std::string result;
+    result.reserve(kHeaderSize + bytes.size());
+    result.append(reinterpret_cast<const char*>(header), kHeaderSize);
+    result.append(bytes);
+    return result;
+}
+
+std::string joinFields(const std::vector<std::string_view>& fields)
+{
+    std::size_t size = 0;
+    for (const std::string_view field : fields)
+        size += kLengthSize + field.size();
+    std::string result;
+    result.reserve(size); // a field may be a password: no copy is left in a smaller buffer
+    for (const std::string_view field : fields) {
+        unsigned char length[kLengthSize];
+        AInteger::encodeInt(length, 0, static_cast<int>(field.size()));
+        result.append(reinterpret_cast<const char*>(length), kLengthSize);
+        result.append(field);
+    }
+    return result;
+}
+
+} // namespace protocol

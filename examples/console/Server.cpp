@@ -1,0 +1,152 @@
+#include "Server.h"
+
+#include <arpa/inet.h>
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+namespace {
+
+constexpr std::size_t kMaxSessions = 512;
+constexpr int kBacklog = 256;
+constexpr int kTickMs = 500;
+
+Descriptor openSpare()
+{
+    return Descriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+}
+
+} // namespace
+
+Server::Server(Services& services) : m_services(services), m_spare(openSpare())
+{
+    std::array<int, 2> ends = {-1, -1};
+    if (::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) == 0) {
+        m_wakeRead.reset(ends[0]);
+        m_wakeWrite.reset(ends[1]);
+    }
+    m_services.sessionEnded = [this] { wake(); };
+}
+
+Server::~Server() = default;
+
+int Server::listen(int port)
+{
+    Descriptor listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const int on = 1;
+    ::setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    socklen_t size = sizeof address;
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    if (!m_wakeRead.isOpen() || ::bind(listener.get(), generic, size) != 0 ||
+        ::listen(listener.get(), kBacklog) != 0 || ::getsockname(listener.get(), generic, &size) != 0)
+        return -1;
+    m_listener = std::move(listener);
+    return ntohs(address.sin_port);
+}
+
+void Server::serve()
+{
+    while (!m_stopRequested) {
+        std::array<pollfd, 2> ends = {{{m_wakeRead.get(), POLLIN, 0}, {m_listener.get(), POLLIN, 0}}};
+        if (::poll(ends.data(), ends.size(), kTickMs) < 0 && errno != EINTR)
+            break;
+        takeWakeUps();
+        burySessions();
+        if (ends[1].revents != 0)
+            acceptSome();
+    }
+    m_listener.reset();
+    for (const auto& session : m_sessions) {
+        session->stopThread();
+        session->hangUp();
+    }
+    for (const auto& session : m_sessions)
+        session->join();
+    m_sessions.clear();
+}
+
+void Server::stop()
+{
+    m_stopRequested = true;
+    wake();
+}
+
+void Server::wake()
+{
+    const int saved = errno;
+    // A full pipe wakes as well.
+    [[maybe_unused]] const ssize_t written = ::write(m_wakeWrite.get(), "", 1);
+    errno = saved;
+}
+
+void Server::takeWakeUps()
+{
+    char bytes[64];
+    while (::read(m_wakeRead.get(), bytes, sizeof bytes) > 0) {
+    }
+}
+
+void Server::acceptSome()
+{
+    for (int i = 0; i < kBacklog && acceptOne(); ++i) {
+    }
+}
+
+/// Returns whether there may be another client.
+bool Server::acceptOne()
+{
+    sockaddr_in peer{};
+    socklen_t size = sizeof peer;
+    const int descriptor =
+        ::accept4(m_listener.get(), reinterpret_cast<sockaddr*>(&peer), &size, SOCK_CLOEXEC);
+    if (descriptor >= 0 && m_sessions.size() < kMaxSessions) {
+        m_sessions.push_back(std::make_unique<Session>(descriptor, peer, m_services));
+        m_sessions.back()->start();
+    } else if (descriptor >= 0) {
+        refuse(descriptor);
+    } else if (errno == EMFILE || errno == ENFILE) {
+        refuseWithSpare();
+        return false;
+    } else {
+        return errno == EINTR || errno == ECONNABORTED;
+    }
+    return true;
+}
+
+/// No descriptor is left. The client would wait in the queue, and the loop would spin: the spare one takes it
+/// out.
+void Server::refuseWithSpare()
+{
+    m_spare.reset();
+    refuse(::accept4(m_listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    m_spare = openSpare();
+    if (!m_spare.isOpen())
+        ::poll(nullptr, 0, kTickMs);
+}
+
+void Server::refuse(int descriptor)
+{
+    const Descriptor client(descriptor);
+    const std::string frame = protocol::frame(protocol::Busy, "no room for another connection");
+    [[maybe_unused]] const ssize_t sent =
+        ::send(client.get(), frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+void Server::burySessions()
+{
+    const std::time_t now = monotonicSeconds();
+    m_sessions.remove_if([now](const std::unique_ptr<Session>& session) {
+        if (session->isOverdue(now))
+            session->hangUp();
+        if (!session->isOver(now))
+            return false;
+        session->join();
+        return true;
+    });
+}

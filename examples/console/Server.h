@@ -1,0 +1,42 @@
+#pragma once
+
+#include "Descriptor.h"
+#include "Session.h"
+
+#include <list>
+#include <memory>
+
+/// Accepts connections on loopback, gives each a session on its own thread, and buries sessions that are
+/// over. Everything but stop() belongs to the main thread.
+class Server {
+public:
+    explicit Server(Services& services);
+    ~Server();
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+
+    /// Listen on @p port of 127.0.0.1; 0 takes a free one. Returns the port, or -1.
+    int listen(int port);
+    /// Serve until stop(), then end every session.
+    void serve();
+
+    /// Make serve() return. Async-signal-safe.
+    void stop();
+
+private:
+    void wake();
+    void takeWakeUps();
+    void acceptSome();
+    bool acceptOne();
+    void refuse(int descriptor);
+    void refuseWithSpare();
+    void burySessions();
+
+    Services& m_services;
+    Descriptor m_listener;
+    Descriptor m_wakeRead;
+    Descriptor m_wakeWrite;
+    Descriptor m_spare; // given up to refuse a client when no descriptor is left
+    std::list<std::unique_ptr<Session>> m_sessions;
+    std::atomic<bool> m_stopRequested = false;
+};

@@ -1,0 +1,289 @@
+#include "Session.h"
+
+#include "ATrace.h"
+#include "AUtil.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cstdarg>
+#include <limits>
+#include <openssl/crypto.h>
+#include <sys/socket.h>
+
+namespace {
+
+constexpr int kMaxRefusals = 3;
+constexpr std::size_t kMaxLine = 256;
+
+std::string textOf(const sockaddr_in& address)
+{
+    char text[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
+    return text;
+}
+
+std::string interfaceOf(int descriptor)
+{
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    if (::getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size) != 0)
+        return {};
+    return textOf(address);
+}
+
+bool isControl(char c)
+{
+    return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+}
+
+/// Names reach the log and C interfaces, so they hold no control character; other fields no zero byte.
+bool areSane(const std::vector<std::string_view>& fields)
+{
+    return std::none_of(fields.begin(), fields.end(),
+                        [](std::string_view field) { return field.find('\0') != std::string_view::npos; }) &&
+           (fields.empty() || std::none_of(fields[0].begin(), fields[0].end(), isControl));
+}
+
+/// Wipes what may have held a password at the end of the scope.
+class WipeAtExit {
+public:
+    WipeAtExit(void* bytes, std::size_t size) : m_bytes(bytes), m_size(size) {}
+    ~WipeAtExit() { OPENSSL_cleanse(m_bytes, m_size); }
+    WipeAtExit(const WipeAtExit&) = delete;
+    WipeAtExit& operator=(const WipeAtExit&) = delete;
+
+private:
+    void* m_bytes;
+    std::size_t m_size;
+};
+
+} // namespace
+
+std::time_t monotonicSeconds()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec;
+}
+
+Session::Session(int descriptor, sockaddr_in peer, Services& services)
+    : m_services(services), m_descriptor(descriptor), m_socket(descriptor, peer), m_remote(textOf(peer)),
+      m_interface(interfaceOf(descriptor)), m_log(m_remote.c_str()), m_deadline(0)
+{
+    m_services.log.addChildLog(m_log);
+    expectClient();
+}
+
+Session::~Session()
+{
+    m_services.log.removeChildLog(m_log);
+}
+
+void Session::run()
+{
+    m_begun = true;
+    print("connected");
+    while (serveRequest()) {
+    }
+    m_login.reset(); // a client that vanished leaves no session behind
+    print("connection ended, state %d", m_socket.getSocketState());
+    hangUp();
+    m_finished = true;
+    m_services.sessionEnded();
+}
+
+void Session::hangUp()
+{
+    // The socket itself is closed when the session is destroyed: until then its number stays taken.
+    ::shutdown(m_descriptor, SHUT_RDWR);
+}
+
+bool Session::isOverdue(std::time_t now) const
+{
+    return now > m_deadline;
+}
+
+bool Session::isOver(std::time_t now) const
+{
+    return m_finished || (!m_begun && isOverdue(now));
+}
+
+/// From now on the client has as long as it may idle: to send a whole request, or to take an answer.
+void Session::expectClient()
+{
+    m_deadline = monotonicSeconds() + m_services.idleSeconds;
+}
+
+/// Returns whether the connection goes on.
+bool Session::serveRequest()
+{
+    expectClient();
+    const std::optional<Answer> answer = receiveAndServe();
+    if (!answer)
+        return false;
+    expectClient();
+    const std::string frame = protocol::frame(answer->result, answer->text);
+    m_socket.write(reinterpret_cast<const unsigned char*>(frame.data()), static_cast<int>(frame.size()));
+    return answer->goesOn && m_socket.getSocketState() == ASocket::CONNECTED;
+}
+
+/// Returns nothing when no request arrived. What a request held is wiped before it is answered.
+std::optional<Session::Answer> Session::receiveAndServe()
+{
+    const auto timeout = static_cast<unsigned int>(m_services.idleSeconds);
+    short operation = 0;
+    int length = 0;
+    if (m_socket.readShort(operation, timeout) != 2 || m_socket.readInt(length, timeout) != 4)
+        return std::nullopt;
+    if (static_cast<unsigned int>(length) > protocol::kMaxBytes)
+        return Answer{protocol::TooLarge, "a request has at most 4096 bytes", false};
+    const WipeAtExit wipe(m_bytes.data(), static_cast<std::size_t>(length));
+    if (length > 0 && m_socket.readFully(m_bytes.data(), 0, length, timeout) != length)
+        return std::nullopt;
+    m_deadline = std::numeric_limits<std::time_t>::max(); // the client owes nothing while it is served
+    return serve(operation,
+                 {reinterpret_cast<const char*>(m_bytes.data()), static_cast<std::size_t>(length)});
+}
+
+Session::Answer Session::serve(short operation, std::string_view bytes)
+{
+    const auto count = protocol::fieldCount(operation);
+    if (!count)
+        return {protocol::UnknownOperation, "no such operation"};
+    const auto fields = protocol::splitFields(bytes, *count);
+    if (!fields || !areSane(*fields))
+        return {protocol::BadRequest, "the request's fields don't fit its operation"};
+    if (operation != protocol::Login && m_login == nullptr)
+        return {protocol::NotLoggedIn, "log in first"};
+    return dispatch(operation, *fields);
+}
+
+Session::Answer Session::dispatch(short operation, const Fields& fields)
+{
+    if (gTrace != nullptr)
+        gTrace->TraceLog(3, "%s: operation %d\n", m_remote.c_str(), operation);
+    switch (operation) {
+    case protocol::Login:
+        return logIn(fields[0], fields[1]);
+    case protocol::Who:
+        return who();
+    case protocol::Get:
+        return get(fields[0]);
+    case protocol::Set:
+        return set(fields[0], fields[1]);
+    case protocol::Event:
+        return raise(fields[0], fields[1]);
+    case protocol::Call:
+        return call(fields[0], fields[1]);
+    case protocol::Run:
+        return run(fields[0]);
+    default:
+        return logOut();
+    }
+}
+
+Session::Answer Session::logIn(std::string_view user, std::string_view password)
+{
+    if (m_login != nullptr)
+        return {protocol::BadRequest, "logged in already"};
+    std::string service = m_services.pamService;
+    std::string name(user);
+    std::string secret(password);
+    const WipeAtExit wipe(secret.data(), secret.size());
+    bool skipAuth = false;
+    std::unique_ptr<PAMHelper, Dispose> login(new PAMHelper(m_remote.c_str(), m_interface.c_str()));
+    const int status = login->authenticate(service, name, secret, skipAuth);
+    if (!login->startSession()) {
+        // Neither the answer nor the log tells whether there is such a user.
+        print("login refused");
+        return {protocol::Refused, "login refused", ++m_refusals < kMaxRefusals};
+    }
+    login->setSessionId(AUtil::generateRandomKey());
+    m_login = std::move(login);
+    m_user = name;
+    print("%s logged in, session %d", m_user.c_str(), m_login->getKEPSessionId());
+    if (status == PAM_NEW_AUTHTOK_REQD)
+        return {protocol::Done, "logged in; the password must be changed"};
+    return {protocol::Done, "logged in"};
+}
+
+Session::Answer Session::who()
+{
+    std::string text = m_user + " from " + m_login->getRemoteIP() + ", session " +
+                       std::to_string(m_login->getKEPSessionId());
+    if (PAMHelper::instanceForSessionId(m_login->getSessionId()) != m_login.get())
+        text += ", not registered";
+    return {protocol::Done, std::move(text)};
+}
+
+Session::Answer Session::get(std::string_view name)
+{
+    auto value = m_services.configuration.get(std::string(name));
+    if (!value)
+        return {protocol::NotFound, "no such property"};
+    return {protocol::Done, std::move(*value)};
+}
+
+Session::Answer Session::set(std::string_view name, std::string_view value)
+{
+    const bool held = m_services.configuration.set(std::string(name), std::string(value));
+    print("%s sets %.*s: %s", m_user.c_str(), static_cast<int>(name.size()), name.data(),
+          held ? "done" : "failed");
+    if (!held)
+        return {protocol::Failed, "the property could not be set"};
+    return {protocol::Done, "set"};
+}
+
+Session::Answer Session::raise(std::string_view event, std::string_view data)
+{
+    if (!m_services.configuration.raise(std::string(event), std::string(data)))
+        return {protocol::Failed, "the event could not be raised"};
+    return {protocol::Done, "raised"};
+}
+
+Session::Answer Session::call(std::string_view function, std::string_view argument)
+{
+    auto reply = m_services.configuration.call(std::string(function), std::string(argument));
+    if (!reply)
+        return {protocol::Failed, "the call failed"};
+    return {protocol::Done, std::move(*reply)};
+}
+
+Session::Answer Session::run(std::string_view program)
+{
+    std::string output;
+    const auto outcome = m_services.programs.run(program, protocol::kMaxBytes, output);
+    print("%s runs %.*s: %zu bytes", m_user.c_str(), static_cast<int>(program.size()), program.data(),
+          output.size());
+    switch (outcome) {
+    case Programs::Outcome::Finished:
+        return {protocol::Done, std::move(output)};
+    case Programs::Outcome::NotAllowed:
+        return {protocol::Refused, "not one of the programs that may run"};
+    case Programs::Outcome::Busy:
+        return {protocol::Busy, "another program is running"};
+    default:
+        return {protocol::Failed, "the program could not be run"};
+    }
+}
+
+Session::Answer Session::logOut()
+{
+    m_login.reset();
+    print("%s logged out", m_user.c_str());
+    return {protocol::Done, "logged out", false};
+}
+
+/// One line of this connection, in the log and in the trace.
+void Session::print(const char* format, ...)
+{
+    char text[kMaxLine];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    m_log.print(" %s: %s\n", m_remote.c_str(), text);
+    m_log.flush();
+    if (gTrace != nullptr)
+        gTrace->TraceLog(1, "%s: %s\n", m_remote.c_str(), text);
+}

@@ -1,0 +1,95 @@
+#pragma once
+
+#include "AComponentLog.h"
+#include "ASocket.h"
+#include "AThread.h"
+#include "Configuration.h"
+#include "PAMHelper.h"
+#include "Programs.h"
+#include "Protocol.h"
+
+#include <array>
+#include <atomic>
+#include <ctime>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// What all sessions of the daemon share. Outlives every session.
+struct Services {
+    std::string pamService;
+    int idleSeconds = 0;
+    AComponentLog& log; ///< The parent of each connection's own component.
+    Configuration& configuration;
+    Programs& programs;
+    std::function<void()> sessionEnded; ///< Called on the session's thread as its last act.
+};
+
+/// Serves one connection on a thread of its own: at most one login, and whatever the user asks for.
+///
+/// The daemon's main thread makes it, starts it, and destroys it once it is over(). It ends by itself when
+/// the client logs out, vanishes or breaks the protocol; hangUp() ends it from outside.
+class Session : public AThread {
+public:
+    /// Takes over the accepted @p descriptor.
+    Session(int descriptor, sockaddr_in peer, Services& services);
+    ~Session() override;
+
+    void run() override;
+
+    /// Make the session's reading and writing end. From any thread.
+    void hangUp();
+    /// Whether the client owes a whole request for longer than it may idle.
+    bool isOverdue(std::time_t now) const;
+    /// Whether nothing runs any more, or never began in time. Then join() returns soon.
+    bool isOver(std::time_t now) const;
+
+private:
+    struct Dispose {
+        void operator()(PAMHelper* helper) const { helper->dispose(); }
+    };
+    using Fields = std::vector<std::string_view>;
+
+    struct Answer {
+        protocol::Result result;
+        std::string text;
+        bool goesOn = true; ///< False when the connection ends after this answer.
+    };
+
+    bool serveRequest();
+    std::optional<Answer> receiveAndServe();
+    Answer serve(short operation, std::string_view bytes);
+    Answer dispatch(short operation, const Fields& fields);
+
+    Answer logIn(std::string_view user, std::string_view password);
+    Answer who();
+    Answer get(std::string_view name);
+    Answer set(std::string_view name, std::string_view value);
+    Answer raise(std::string_view event, std::string_view data);
+    Answer call(std::string_view function, std::string_view argument);
+    Answer run(std::string_view program);
+    Answer logOut();
+
+    void expectClient();
+    void print(const char* format, ...) GORV_PRINTF(2, 3);
+
+    Services& m_services;
+    const int m_descriptor; // the socket's, which stays open as long as the session
+    ASocket m_socket;
+    const std::string m_remote;
+    const std::string m_interface;
+    AComponentLog m_log;
+    std::unique_ptr<PAMHelper, Dispose> m_login;
+    std::string m_user;
+    int m_refusals = 0;
+    std::array<unsigned char, protocol::kMaxBytes> m_bytes{};
+    std::atomic<std::time_t> m_deadline;
+    std::atomic<bool> m_begun = false;
+    std::atomic<bool> m_finished = false;
+};
+
+/// Seconds of a clock that nobody sets.
+std::time_t monotonicSeconds();

@@ -1,0 +1,237 @@
+// Talks to consoled, interactively or from a script.
+//
+//   console -port N [-host H] [-user NAME] [-c 'COMMAND; COMMAND ...']
+//
+// With -user it logs in first. The password is asked for on a terminal and is the first line of standard
+// input otherwise. Exit status: 0, 1 when a command was refused or failed, 2 wrong usage, 3 no connection.
+
+#include "AInteger.h"
+#include "Client.h"
+#include "CommandLine.h"
+#include "GorvSocketException.h"
+#include "NumberFormatException.h"
+#include "Protocol.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <openssl/crypto.h>
+#include <optional>
+#include <termios.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char* kHelp = "login USER           log in; asks for the password\n"
+                              "who                  show this session\n"
+                              "get NAME             read a property\n"
+                              "set NAME VALUE       write a property\n"
+                              "event NAME [DATA]    raise an event\n"
+                              "call NAME [ARGUMENT] call a remote function\n"
+                              "run PROGRAM          run date, disk, id or system\n"
+                              "logout               log out and leave\n"
+                              "quit                 leave\n";
+
+enum ExitStatus : int { Success = 0, CommandFailed = 1, WrongUsage = 2, NoConnection = 3 };
+
+bool isInteractive()
+{
+    return ::isatty(STDIN_FILENO) == 1;
+}
+
+/// Reads one line without its end. Returns false at the end of input.
+bool readLine(std::string& line)
+{
+    char text[512];
+    const bool read = std::fgets(text, sizeof text, stdin) != nullptr;
+    text[read ? std::strcspn(text, "\n") : 0] = '\0';
+    line = text;
+    OPENSSL_cleanse(text, sizeof text);
+    return read;
+}
+
+/// Reads one line without echo from a terminal, or as it comes from elsewhere.
+std::string readPassword()
+{
+    termios saved{};
+    const bool terminal = tcgetattr(STDIN_FILENO, &saved) == 0;
+    if (terminal) {
+        std::fputs("Password: ", stdout);
+        std::fflush(stdout);
+        termios hidden = saved;
+        hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &hidden);
+    }
+    std::string password;
+    readLine(password);
+    if (terminal) {
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
+        std::puts("");
+    }
+    return password;
+}
+
+std::string_view trimmed(std::string_view text)
+{
+    const std::size_t begin = text.find_first_not_of(" \t");
+    if (begin == std::string_view::npos)
+        return {};
+    return text.substr(begin, text.find_last_not_of(" \t") - begin + 1);
+}
+
+/// Cuts the first word off @p text.
+std::string_view takeWord(std::string_view& text)
+{
+    text = trimmed(text);
+    const std::string_view word = text.substr(0, text.find_first_of(" \t"));
+    text.remove_prefix(word.size());
+    text = trimmed(text);
+    return word;
+}
+
+/// What the user typed, command by command.
+class Console {
+public:
+    explicit Console(Client& client) : m_client(client) {}
+
+    bool isOver() const { return m_over; }
+    bool hasFailed() const { return m_failed; }
+    bool isConnected() const { return m_connected; }
+
+    void logIn(std::string_view user)
+    {
+        std::string password = readPassword();
+        ask(protocol::Login, {user, password});
+        OPENSSL_cleanse(password.data(), password.size());
+    }
+
+    void execute(std::string_view line)
+    {
+        const std::string_view word = takeWord(line);
+        if (word.empty())
+            return;
+        if (word == "help") {
+            std::fputs(kHelp, stdout);
+        } else if (word == "quit") {
+            m_over = true;
+        } else if (word == "login" && !line.empty()) {
+            logIn(line);
+        } else if (word == "who") {
+            ask(protocol::Who, {});
+        } else if (word == "get" && !line.empty()) {
+            ask(protocol::Get, {line});
+        } else if (word == "run" && !line.empty()) {
+            ask(protocol::Run, {line});
+        } else if (word == "logout") {
+            ask(protocol::Logout, {});
+            m_over = true;
+        } else if (const auto operation = withTwoFields(word); operation && !line.empty()) {
+            const std::string_view first = takeWord(line);
+            ask(*operation, {first, line});
+        } else {
+            std::fprintf(stderr, "console: cannot understand \"%.*s\"; try help\n",
+                         static_cast<int>(word.size()), word.data());
+            m_failed = true;
+        }
+    }
+
+private:
+    static std::optional<protocol::Operation> withTwoFields(std::string_view word)
+    {
+        if (word == "set")
+            return protocol::Set;
+        if (word == "event")
+            return protocol::Event;
+        if (word == "call")
+            return protocol::Call;
+        return std::nullopt;
+    }
+
+    void ask(short operation, const std::vector<std::string_view>& fields)
+    {
+        const Client::Answer answer = m_client.ask(operation, fields);
+        if (!answer.arrived) {
+            std::fputs("console: the daemon closed the connection\n", stderr);
+            m_connected = false;
+            m_failed = m_over = true;
+            return;
+        }
+        const bool done = answer.result == protocol::Done;
+        std::FILE* const stream = done ? stdout : stderr;
+        std::fprintf(stream, "%s%s%s", done ? "" : "console: ", answer.text.c_str(),
+                     !answer.text.empty() && answer.text.back() == '\n' ? "" : "\n");
+        m_failed = m_failed || !done;
+    }
+
+    Client& m_client;
+    bool m_over = false;
+    bool m_failed = false;
+    bool m_connected = true;
+};
+
+void runScript(Console& console, std::string_view script)
+{
+    while (!console.isOver() && !script.empty()) {
+        const std::size_t end = script.find(';');
+        console.execute(script.substr(0, end));
+        script.remove_prefix(end == std::string_view::npos ? script.size() : end + 1);
+    }
+}
+
+void runDialogue(Console& console)
+{
+    std::string line;
+    while (!console.isOver()) {
+        if (isInteractive()) {
+            std::fputs("console> ", stdout);
+            std::fflush(stdout);
+        }
+        if (!readLine(line))
+            return;
+        console.execute(line);
+    }
+}
+
+int talk(const char* host, int port, const char* user, const char* script)
+{
+    Client client(host, port);
+    Console console(client);
+    if (user != nullptr)
+        console.logIn(user);
+    if (script != nullptr)
+        runScript(console, script);
+    else
+        runDialogue(console);
+    if (!console.isConnected())
+        return NoConnection;
+    return console.hasFailed() ? CommandFailed : Success;
+}
+
+int portFrom(CommandLine& line)
+{
+    const char* text = line.getArg("port");
+    try {
+        return text == nullptr ? -1 : AInteger::parseInt(text);
+    } catch (const NumberFormatException&) {
+        return -1;
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    CommandLine line(argc, argv);
+    const int port = portFrom(line);
+    if (port < 1 || port > 65535) {
+        std::fputs("usage: console -port N [-host H] [-user NAME] [-c 'COMMAND; COMMAND ...']\n", stderr);
+        return WrongUsage;
+    }
+    std::signal(SIGPIPE, SIG_IGN);
+    const char* host = line.getArg("host");
+    try {
+        return talk(host == nullptr ? "127.0.0.1" : host, port, line.getArg("user"), line.getArg("c"));
+    } catch (const GorvSocketException&) {
+        return NoConnection; // the socket has said why
+    }
+}
