@@ -36,11 +36,6 @@ private:
         std::filesystem::temp_directory_path() / ("gorv_bench." + std::to_string(::getpid()));
 };
 
-std::string idOf(int number)
-{
-    return "session-" + std::to_string(number * 7919LL % 1'000'003);
-}
-
 /// As large as a helper: what else a look-up touches costs the same on both sides.
 struct Login {
     char before[32];

@@ -22,3 +22,4 @@ void registerLogComparisons();
 void registerSyncComparisons();
 void registerAuthComparisons();
 void registerStreamComparisons();
+void registerUtilComparisons();

@@ -1,5 +1,6 @@
 #include "AComponentLog.h"
 #include "ALog.h"
+#include "ATrace.h"
 #include "Compare.h"
 
 #include <Poco/FileChannel.h>
@@ -131,6 +132,40 @@ void componentWithoutBase(benchmark::State& state)
         component.print(kFormat, 17, "alice", "hostname");
 }
 
+void spdlogMilliseconds(benchmark::State& state)
+{
+    const Scratch scratch;
+    const auto logger = spdlogTo(scratch, "%Y/%m/%d %T_%e %v");
+    logger->flush_on(spdlog::level::info);
+    for (auto _ : state)
+        logger->info(kBraces, 17, "alice", "hostname");
+}
+
+/// A trace to a file of its own, with threshold 1.
+class Trace {
+public:
+    Trace() { m_trace.Init(1, m_scratch.path().c_str()); }
+    ATrace* operator->() { return &m_trace; }
+
+private:
+    Scratch m_scratch;
+    ATrace m_trace;
+};
+
+void traceFlushed(benchmark::State& state)
+{
+    Trace trace;
+    for (auto _ : state)
+        trace->TraceLog(1, kFormat, 17, "alice", "hostname");
+}
+
+void traceFilteredOut(benchmark::State& state)
+{
+    Trace trace;
+    for (auto _ : state)
+        trace->TraceLog(2, kFormat, 17, "alice", "hostname");
+}
+
 } // namespace
 
 void registerLogComparisons()
@@ -144,5 +179,9 @@ void registerLogComparisons()
             printBuffered);
     compare({"AComponentLog::print, buffered", "spdlog, buffered", 0.70}, componentBuffered, spdlogBuffered);
     compare({"AComponentLog::print without base log", "spdlog below its level", 0.50}, componentWithoutBase,
+            spdlogBelowLevel);
+    compare({"ATrace::TraceLog, flushed", "spdlog with milliseconds, flush_on", 0.90}, traceFlushed,
+            spdlogMilliseconds);
+    compare({"ATrace::TraceLog, filtered out", "spdlog below its level", 0.45}, traceFilteredOut,
             spdlogBelowLevel);
 }

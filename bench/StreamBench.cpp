@@ -1,4 +1,3 @@
-#include "AComponentLog.h"
 #include "AInteger.h"
 #include "ALog.h"
 #include "ASocket.h"
@@ -9,6 +8,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -31,6 +31,9 @@ public:
         ::connect(sender, generic, size);
         receiver = ::accept(listener, nullptr, nullptr);
         ::close(listener);
+        const int room = 1 << 20; // for a whole block
+        ::setsockopt(sender, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+        ::setsockopt(receiver, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
     }
 
     sockaddr_in address{};
@@ -58,6 +61,13 @@ public:
         benchmark::DoNotOptimize(::poll(&entry, 1, kTimeout * 1000));
         benchmark::DoNotOptimize(::recv(receiver, &value, sizeof value, MSG_WAITALL));
         benchmark::DoNotOptimize(ntohl(value));
+    }
+    void carry(std::vector<unsigned char>& block)
+    {
+        benchmark::DoNotOptimize(::write(sender, block.data(), block.size()));
+        pollfd entry{receiver, POLLIN, 0};
+        benchmark::DoNotOptimize(::poll(&entry, 1, kTimeout * 1000));
+        benchmark::DoNotOptimize(::recv(receiver, block.data(), block.size(), MSG_WAITALL));
     }
 };
 
@@ -102,30 +112,25 @@ void loggedStreams(benchmark::State& state)
     std::fclose(file);
 }
 
-/// The bare calls with the lines that the sockets write about them.
-void loggedCalls(benchmark::State& state)
+constexpr std::size_t kBlockSize = 64 * 1024;
+
+void streamBlocks(benchmark::State& state)
 {
-    FILE* file = std::tmpfile();
-    ALog base("consoled", file);
-    AComponentLog log("", base);
-    Bare bare;
+    Streams streams;
+    std::vector<unsigned char> block(kBlockSize, 'x');
     for (auto _ : state) {
-        log.print("ASocket::%s:%d: writeInt( %i )\n", "writeInt", 100, 4711);
-        log.print("ASocket::%s:%d: write( %x, %i )\n", "write", 100, 0, 4);
-        bare.send();
-        log.print("ASocket::%s:%d: timeout = %i\n", "readInt", 100, kTimeout);
-        log.print("ASocket::%s:%d m_socketState=<%d> offset=<%d> len=<%d> timeout=<%i>\n", "readFully", 100,
-                  1, 0, 4, kTimeout);
-        log.print("ASocket::%s:%d:    about to read from socket\n", "readFully", 100);
-        log.print("ASocket::%s:%d data=<%x> len=<%d> flag=<%d> timeout=<%i>\n", "socket_read", 100, 0, 4, 256,
-                  kTimeout);
-        bare.receive();
-        log.print("ASocket::%s:%d :    read %i bytes\n", "socket_read", 100, 4);
-        log.print("ASocket::%s:%d:    read returned %i, %i bytes have been read.\n", "readFully", 100, 4, 4);
-        log.print("ASocket::%s:%d:    read %i bytes\n", "readFully", 100, 4);
-        log.print("ASocket::%s:%d: read value = %i\n", "readInt", 100, 4711);
+        streams.out.write(block.data(), static_cast<int>(block.size()));
+        benchmark::DoNotOptimize(
+            streams.in.readFully(block.data(), 0, static_cast<int>(block.size()), kTimeout));
     }
-    std::fclose(file);
+}
+
+void bareBlocks(benchmark::State& state)
+{
+    Bare bare;
+    std::vector<unsigned char> block(kBlockSize, 'x');
+    for (auto _ : state)
+        bare.carry(block);
 }
 
 const char* opaque(const char* text)
@@ -150,8 +155,9 @@ void strtolOfTheSame(benchmark::State& state)
 
 void registerStreamComparisons()
 {
-    compare({"writeInt + readInt, 5 s time-out, no log", "write + poll + recv", 1.05}, streams, bareCalls);
-    compare({"writeInt + readInt, 5 s time-out, logged", "write + poll + recv + the same lines", 1.10},
-            loggedStreams, loggedCalls);
+    const char* trip = "write + poll + recv";
+    compare({"writeInt + readInt, 5 s time-out, no log", trip, 1.05}, streams, bareCalls);
+    compare({"the same, its log attached: ten lines a trip", trip, 1.10}, loggedStreams, bareCalls);
+    compare({"64 KiB blocks one way", trip, 1.03}, streamBlocks, bareBlocks);
     compare({"AInteger::parseInt", "strtol of the same text", 1.50}, parseInt, strtolOfTheSame);
 }
