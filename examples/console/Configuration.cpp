@@ -18,7 +18,7 @@ int countSessions(int* size, int maxReplySize, void* /*request*/, void* reply)
     const std::size_t count = PAMHelper::instanceMap.size();
     PAMHelper::getMonitor()->releaseLock();
     *size = std::snprintf(static_cast<char*>(reply), static_cast<std::size_t>(maxReplySize), "%zu", count);
-    return 0;
+    return *size < maxReplySize ? 0 : -1;
 }
 
 int (*s_countSessions)(int*, int, void*, void*) = countSessions;
@@ -74,7 +74,7 @@ std::optional<std::string> Configuration::call(const std::string& function, std:
     const int result =
         m_client.callFunction(function.c_str(), static_cast<int>(argument.size()), argument.data(),
                               static_cast<int>(reply.size()), received, reply.data());
-    if (result != 0)
+    if (result != 0 || received < 0 || static_cast<std::size_t>(received) > reply.size())
         return std::nullopt;
     reply.resize(static_cast<std::size_t>(received));
     return reply;

@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <fcntl.h>
+#include <new>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -16,6 +17,12 @@ constexpr int kTickMs = 500;
 Descriptor openSpare()
 {
     return Descriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+}
+
+/// What the system lacks now it may have in a moment; till then this loop must not spin.
+void takeBreath()
+{
+    ::poll(nullptr, 0, kTickMs);
 }
 
 } // namespace
@@ -54,8 +61,11 @@ void Server::serve()
 {
     while (!m_stopRequested) {
         std::array<pollfd, 2> ends = {{{m_wakeRead.get(), POLLIN, 0}, {m_listener.get(), POLLIN, 0}}};
-        if (::poll(ends.data(), ends.size(), kTickMs) < 0 && errno != EINTR)
-            break;
+        if (::poll(ends.data(), ends.size(), kTickMs) < 0) {
+            if (errno != EINTR)
+                takeBreath();
+            continue;
+        }
         takeWakeUps();
         burySessions();
         if (ends[1].revents != 0)
@@ -106,17 +116,28 @@ bool Server::acceptOne()
     const int descriptor =
         ::accept4(m_listener.get(), reinterpret_cast<sockaddr*>(&peer), &size, SOCK_CLOEXEC);
     if (descriptor >= 0 && m_sessions.size() < kMaxSessions) {
-        m_sessions.push_back(std::make_unique<Session>(descriptor, peer, m_services));
-        m_sessions.back()->start();
+        beginSession(Descriptor(descriptor), peer);
     } else if (descriptor >= 0) {
         refuse(descriptor);
     } else if (errno == EMFILE || errno == ENFILE) {
         refuseWithSpare();
         return false;
+    } else if (errno == ENOMEM || errno == ENOBUFS) {
+        takeBreath();
+        return false;
     } else {
         return errno == EINTR || errno == ECONNABORTED;
     }
     return true;
+}
+
+void Server::beginSession(Descriptor descriptor, const sockaddr_in& peer)
+{
+    try {
+        m_sessions.push_back(std::make_unique<Session>(std::move(descriptor), peer, m_services));
+        m_sessions.back()->start();
+    } catch (const std::bad_alloc&) { // the client is hung up, the others go on
+    }
 }
 
 /// No descriptor is left. The client would wait in the queue, and the loop would spin: the spare one takes it
@@ -127,7 +148,7 @@ void Server::refuseWithSpare()
     refuse(::accept4(m_listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
     m_spare = openSpare();
     if (!m_spare.isOpen())
-        ::poll(nullptr, 0, kTickMs);
+        takeBreath();
 }
 
 void Server::refuse(int descriptor)

@@ -28,6 +28,7 @@ private:
     void takeWakeUps();
     void acceptSome();
     bool acceptOne();
+    void beginSession(Descriptor descriptor, const sockaddr_in& peer);
     void refuse(int descriptor);
     void refuseWithSpare();
     void burySessions();

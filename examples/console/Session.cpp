@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cstdarg>
+#include <exception>
 #include <limits>
 #include <openssl/crypto.h>
 #include <sys/socket.h>
@@ -13,7 +14,9 @@
 namespace {
 
 constexpr int kMaxRefusals = 3;
-constexpr std::size_t kMaxLine = 256;
+constexpr std::size_t kMaxLine = 512;
+constexpr std::size_t kMaxName = 255;
+constexpr int kBeginSeconds = 5; // a thread that has not begun by then could not be created
 
 std::string textOf(const sockaddr_in& address)
 {
@@ -36,12 +39,14 @@ bool isControl(char c)
     return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
 }
 
-/// Names reach the log and C interfaces, so they hold no control character; other fields no zero byte.
+/// Names reach the log and C interfaces, so they are short and hold no control character; other fields hold
+/// no zero byte.
 bool areSane(const std::vector<std::string_view>& fields)
 {
     return std::none_of(fields.begin(), fields.end(),
                         [](std::string_view field) { return field.find('\0') != std::string_view::npos; }) &&
-           (fields.empty() || std::none_of(fields[0].begin(), fields[0].end(), isControl));
+           (fields.empty() ||
+            (fields[0].size() <= kMaxName && std::none_of(fields[0].begin(), fields[0].end(), isControl)));
 }
 
 /// Wipes what may have held a password at the end of the scope.
@@ -66,12 +71,13 @@ std::time_t monotonicSeconds()
     return now.tv_sec;
 }
 
-Session::Session(int descriptor, sockaddr_in peer, Services& services)
-    : m_services(services), m_descriptor(descriptor), m_socket(descriptor, peer), m_remote(textOf(peer)),
-      m_interface(interfaceOf(descriptor)), m_log(m_remote.c_str()), m_deadline(0)
+Session::Session(Descriptor descriptor, sockaddr_in peer, Services& services)
+    : m_services(services), m_descriptor(descriptor.get()), m_socket(descriptor.release(), peer),
+      m_remote(textOf(peer)), m_interface(interfaceOf(m_descriptor)),
+      m_label(m_remote + ":" + std::to_string(ntohs(peer.sin_port))), m_connected(monotonicSeconds()),
+      m_log(m_label.c_str()), m_deadline(m_connected + kBeginSeconds)
 {
     m_services.log.addChildLog(m_log);
-    expectClient();
 }
 
 Session::~Session()
@@ -81,9 +87,14 @@ Session::~Session()
 
 void Session::run()
 {
+    expectClient();
     m_begun = true;
     print("connected");
-    while (serveRequest()) {
+    try {
+        while (!isStopping() && serveRequest()) {
+        }
+    } catch (const std::exception& failure) { // out of memory, say: the end of this connection only
+        print("failed: %s", failure.what());
     }
     m_login.reset(); // a client that vanished leaves no session behind
     print("connection ended, state %d", m_socket.getSocketState());
@@ -108,10 +119,17 @@ bool Session::isOver(std::time_t now) const
     return m_finished || (!m_begun && isOverdue(now));
 }
 
-/// From now on the client has as long as it may idle: to send a whole request, or to take an answer.
+/// Set by stopThread(), on the main thread.
+bool Session::isStopping()
+{
+    return __atomic_load_n(&m_stopRequested, __ATOMIC_ACQUIRE);
+}
+
+/// From now on the client has as long as it may idle: to send a whole request, or to take an answer. Before
+/// it has logged in, no request gives it more time.
 void Session::expectClient()
 {
-    m_deadline = monotonicSeconds() + m_services.idleSeconds;
+    m_deadline = (m_login == nullptr ? m_connected : monotonicSeconds()) + m_services.idleSeconds;
 }
 
 /// Returns whether the connection goes on.
@@ -161,7 +179,7 @@ Session::Answer Session::serve(short operation, std::string_view bytes)
 Session::Answer Session::dispatch(short operation, const Fields& fields)
 {
     if (gTrace != nullptr)
-        gTrace->TraceLog(3, "%s: operation %d\n", m_remote.c_str(), operation);
+        gTrace->TraceLog(3, "%s: operation %d\n", m_label.c_str(), operation);
     switch (operation) {
     case protocol::Login:
         return logIn(fields[0], fields[1]);
@@ -192,7 +210,11 @@ Session::Answer Session::logIn(std::string_view user, std::string_view password)
     const WipeAtExit wipe(secret.data(), secret.size());
     bool skipAuth = false;
     std::unique_ptr<PAMHelper, Dispose> login(new PAMHelper(m_remote.c_str(), m_interface.c_str()));
+    MonitorLock queue = PAMHelper::getMonitor()->acquireLock(); // logins wait here while another is slow
+    if (isStopping())
+        return {protocol::Failed, "the daemon is stopping", false};
     const int status = login->authenticate(service, name, secret, skipAuth);
+    queue.releaseLock();
     if (!login->startSession()) {
         // Neither the answer nor the log tells whether there is such a user.
         print("login refused");
@@ -221,6 +243,8 @@ Session::Answer Session::get(std::string_view name)
     auto value = m_services.configuration.get(std::string(name));
     if (!value)
         return {protocol::NotFound, "no such property"};
+    if (value->size() > protocol::kMaxBytes)
+        return {protocol::Failed, "the value is too long to be shown"};
     return {protocol::Done, std::move(*value)};
 }
 
@@ -236,7 +260,10 @@ Session::Answer Session::set(std::string_view name, std::string_view value)
 
 Session::Answer Session::raise(std::string_view event, std::string_view data)
 {
-    if (!m_services.configuration.raise(std::string(event), std::string(data)))
+    const bool raised = m_services.configuration.raise(std::string(event), std::string(data));
+    print("%s raises %.*s: %s", m_user.c_str(), static_cast<int>(event.size()), event.data(),
+          raised ? "done" : "failed");
+    if (!raised)
         return {protocol::Failed, "the event could not be raised"};
     return {protocol::Done, "raised"};
 }
@@ -252,19 +279,23 @@ Session::Answer Session::call(std::string_view function, std::string_view argume
 Session::Answer Session::run(std::string_view program)
 {
     std::string output;
-    const auto outcome = m_services.programs.run(program, protocol::kMaxBytes, output);
-    print("%s runs %.*s: %zu bytes", m_user.c_str(), static_cast<int>(program.size()), program.data(),
-          output.size());
-    switch (outcome) {
-    case Programs::Outcome::Finished:
-        return {protocol::Done, std::move(output)};
-    case Programs::Outcome::NotAllowed:
-        return {protocol::Refused, "not one of the programs that may run"};
-    case Programs::Outcome::Busy:
-        return {protocol::Busy, "another program is running"};
-    default:
-        return {protocol::Failed, "the program could not be run"};
-    }
+    const auto outcome = m_services.programs.run(
+        program, protocol::kMaxBytes, [this] { return isStopping(); }, output);
+    const Answer answer = [&]() -> Answer {
+        switch (outcome) {
+        case Programs::Outcome::Finished:
+            return {protocol::Done, std::move(output)};
+        case Programs::Outcome::NotAllowed:
+            return {protocol::Refused, "not one of the programs that may run"};
+        case Programs::Outcome::Busy:
+            return {protocol::Busy, "another program is running"};
+        default:
+            return {protocol::Failed, "the program failed"};
+        }
+    }();
+    print("%s runs %.*s: result %d", m_user.c_str(), static_cast<int>(program.size()), program.data(),
+          answer.result);
+    return answer;
 }
 
 Session::Answer Session::logOut()
@@ -282,8 +313,8 @@ void Session::print(const char* format, ...)
     va_start(args, format);
     std::vsnprintf(text, sizeof text, format, args);
     va_end(args);
-    m_log.print(" %s: %s\n", m_remote.c_str(), text);
+    m_log.print(" %s: %s\n", m_label.c_str(), text);
     m_log.flush();
     if (gTrace != nullptr)
-        gTrace->TraceLog(1, "%s: %s\n", m_remote.c_str(), text);
+        gTrace->TraceLog(1, "%s: %s\n", m_label.c_str(), text);
 }

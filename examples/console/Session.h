@@ -4,6 +4,7 @@
 #include "ASocket.h"
 #include "AThread.h"
 #include "Configuration.h"
+#include "Descriptor.h"
 #include "PAMHelper.h"
 #include "Programs.h"
 #include "Protocol.h"
@@ -35,14 +36,14 @@ struct Services {
 class Session : public AThread {
 public:
     /// Takes over the accepted @p descriptor.
-    Session(int descriptor, sockaddr_in peer, Services& services);
+    Session(Descriptor descriptor, sockaddr_in peer, Services& services);
     ~Session() override;
 
     void run() override;
 
     /// Make the session's reading and writing end. From any thread.
     void hangUp();
-    /// Whether the client owes a whole request for longer than it may idle.
+    /// Whether the client has owed a request, or its login, for longer than it may idle.
     bool isOverdue(std::time_t now) const;
     /// Whether nothing runs any more, or never began in time. Then join() returns soon.
     bool isOver(std::time_t now) const;
@@ -60,6 +61,7 @@ private:
     };
 
     bool serveRequest();
+    bool isStopping();
     std::optional<Answer> receiveAndServe();
     Answer serve(short operation, std::string_view bytes);
     Answer dispatch(short operation, const Fields& fields);
@@ -81,6 +83,8 @@ private:
     ASocket m_socket;
     const std::string m_remote;
     const std::string m_interface;
+    const std::string m_label; // address and port: no two connections share it
+    const std::time_t m_connected;
     AComponentLog m_log;
     std::unique_ptr<PAMHelper, Dispose> m_login;
     std::string m_user;

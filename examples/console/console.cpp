@@ -14,7 +14,6 @@
 
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <openssl/crypto.h>
 #include <optional>
 #include <termios.h>
@@ -22,15 +21,20 @@
 
 namespace {
 
-constexpr const char* kHelp = "login USER           log in; asks for the password\n"
-                              "who                  show this session\n"
-                              "get NAME             read a property\n"
-                              "set NAME VALUE       write a property\n"
-                              "event NAME [DATA]    raise an event\n"
-                              "call NAME [ARGUMENT] call a remote function\n"
-                              "run PROGRAM          run date, disk, id or system\n"
-                              "logout               log out and leave\n"
-                              "quit                 leave\n";
+constexpr const char* kHelp =
+    "login USER           log in; asks for the password\n"
+    "who                  show this session\n"
+    "get NAME             read a property\n"
+    "set NAME VALUE       write a property\n"
+    "event NAME [DATA]    raise an event\n"
+    "call NAME [ARGUMENT] call a remote function\n"
+    "run PROGRAM          run date, disk, id or system\n"
+    "logout               log out and leave\n"
+    "quit                 leave\n"
+    "Words are separated by blanks; a value is the rest of the line, as it stands. After\n"
+    "-c, a semicolon ends a command.\n";
+
+constexpr std::size_t kMaxLine = 4096;
 
 enum ExitStatus : int { Success = 0, CommandFailed = 1, WrongUsage = 2, NoConnection = 3 };
 
@@ -39,36 +43,67 @@ bool isInteractive()
     return ::isatty(STDIN_FILENO) == 1;
 }
 
-/// Reads one line without its end. Returns false at the end of input.
-bool readLine(std::string& line)
+enum class Line { Read, TooLong, End };
+
+/// Reads one line without its end, in full or not at all.
+Line readLine(std::string& line)
 {
-    char text[512];
-    const bool read = std::fgets(text, sizeof text, stdin) != nullptr;
-    text[read ? std::strcspn(text, "\n") : 0] = '\0';
-    line = text;
-    OPENSSL_cleanse(text, sizeof text);
-    return read;
+    line.clear();
+    line.reserve(kMaxLine); // it may be a password: no copy is left in a smaller buffer
+    bool tooLong = false;
+    int c = std::getchar();
+    if (c == EOF)
+        return Line::End;
+    for (; c != EOF && c != '\n'; c = std::getchar()) {
+        tooLong = tooLong || line.size() == kMaxLine;
+        if (!tooLong)
+            line.push_back(static_cast<char>(c));
+    }
+    return tooLong ? Line::TooLong : Line::Read;
 }
 
-/// Reads one line without echo from a terminal, or as it comes from elsewhere.
-std::string readPassword()
-{
-    termios saved{};
-    const bool terminal = tcgetattr(STDIN_FILENO, &saved) == 0;
-    if (terminal) {
-        std::fputs("Password: ", stdout);
-        std::fflush(stdout);
-        termios hidden = saved;
+/// Turns a terminal's echo off for one scope, in which it can't be interrupted: the shell would stay without
+/// echo.
+class HiddenInput {
+public:
+    HiddenInput()
+    {
+        m_isTerminal = tcgetattr(STDIN_FILENO, &m_settings) == 0;
+        if (!m_isTerminal)
+            return;
+        sigset_t interrupts;
+        sigemptyset(&interrupts);
+        for (const int signal : {SIGINT, SIGQUIT, SIGTSTP, SIGTERM})
+            sigaddset(&interrupts, signal);
+        sigprocmask(SIG_BLOCK, &interrupts, &m_mask);
+        termios hidden = m_settings;
         hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO);
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &hidden);
     }
-    std::string password;
-    readLine(password);
-    if (terminal) {
-        tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
-        std::puts("");
+    ~HiddenInput()
+    {
+        if (!m_isTerminal)
+            return;
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &m_settings);
+        std::fputs("\n", stderr);
+        sigprocmask(SIG_SETMASK, &m_mask, nullptr);
     }
-    return password;
+    HiddenInput(const HiddenInput&) = delete;
+    HiddenInput& operator=(const HiddenInput&) = delete;
+
+private:
+    bool m_isTerminal = false;
+    termios m_settings{};
+    sigset_t m_mask{};
+};
+
+/// Reads a password without echo from a terminal, or as it comes from elsewhere.
+bool readPassword(std::string& password)
+{
+    const HiddenInput hidden;
+    if (isInteractive())
+        std::fputs("Password: ", stderr);
+    return readLine(password) == Line::Read;
 }
 
 std::string_view trimmed(std::string_view text)
@@ -100,9 +135,18 @@ public:
 
     void logIn(std::string_view user)
     {
-        std::string password = readPassword();
-        ask(protocol::Login, {user, password});
+        std::string password;
+        if (readPassword(password))
+            ask(protocol::Login, {user, password});
+        else
+            complain("no password");
         OPENSSL_cleanse(password.data(), password.size());
+    }
+
+    void complain(const char* what)
+    {
+        std::fprintf(stderr, "console: %s\n", what);
+        m_failed = true;
     }
 
     void execute(std::string_view line)
@@ -149,6 +193,13 @@ private:
 
     void ask(short operation, const std::vector<std::string_view>& fields)
     {
+        std::size_t size = 0;
+        for (const std::string_view field : fields)
+            size += 4 + field.size();
+        if (size > protocol::kMaxBytes) {
+            complain("the request is too long");
+            return;
+        }
         const Client::Answer answer = m_client.ask(operation, fields);
         if (!answer.arrived) {
             std::fputs("console: the daemon closed the connection\n", stderr);
@@ -186,9 +237,16 @@ void runDialogue(Console& console)
             std::fputs("console> ", stdout);
             std::fflush(stdout);
         }
-        if (!readLine(line))
+        switch (readLine(line)) {
+        case Line::Read:
+            console.execute(line);
+            break;
+        case Line::TooLong:
+            console.complain("the line is too long");
+            break;
+        case Line::End:
             return;
-        console.execute(line);
+        }
     }
 }
 
@@ -228,6 +286,7 @@ int main(int argc, char** argv)
         return WrongUsage;
     }
     std::signal(SIGPIPE, SIG_IGN);
+    std::setvbuf(stdin, nullptr, _IONBF, 0); // a password must not stay in the stream's buffer
     const char* host = line.getArg("host");
     try {
         return talk(host == nullptr ? "127.0.0.1" : host, port, line.getArg("user"), line.getArg("c"));

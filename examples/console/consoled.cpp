@@ -64,16 +64,24 @@ bool parse(int argc, char** argv, Options& options)
            options.service != nullptr;
 }
 
-void setUpSignals()
+/// Before there is any other thread, those of the service library included.
+void setUpProcess()
 {
-    // Programs waits for its children itself, so no thread may take the signal by chance.
+    // A PAM module that asks on standard input must not make all logins wait for a terminal.
+    if (std::freopen("/dev/null", "r", stdin) == nullptr)
+        std::fclose(stdin);
+    // Programs looks for its children itself, so no thread may take the signal by chance.
     sigset_t childEnded;
     sigemptyset(&childEnded);
     sigaddset(&childEnded, SIGCHLD);
     pthread_sigmask(SIG_BLOCK, &childEnded, nullptr);
     std::signal(SIGPIPE, SIG_IGN); // a vanished client is a failed write, not the end of the daemon
-    std::signal(SIGTERM, stopServer);
-    std::signal(SIGINT, stopServer);
+}
+
+void handleStopSignals(void (*handler)(int))
+{
+    std::signal(SIGTERM, handler);
+    std::signal(SIGINT, handler);
 }
 
 int serve(const Options& options, ALog& log)
@@ -91,12 +99,13 @@ int serve(const Options& options, ALog& log)
         std::perror("consoled: cannot listen");
         return 1;
     }
-    setUpSignals();
+    handleStopSignals(stopServer);
     std::printf("consoled: listening on port %d\n", port);
     std::fflush(stdout);
     daemon.print(" listening on port %d\n", port);
     daemon.flush();
     server.serve();
+    handleStopSignals(SIG_IGN); // the server is about to go
     daemon.print(" stopped\n");
     daemon.flush();
     return 0;
@@ -113,6 +122,7 @@ int main(int argc, char** argv)
                    stderr);
         return 2;
     }
+    setUpProcess();
     useServiceFilesIn(options.confdir);
     ALog log("consoled", stderr);
     if (options.log != nullptr && log.setOutputFile(options.log) != 0) {

@@ -245,12 +245,18 @@ TEST_F(PamCallsTest, DisposeClosesAndEndsWithTheStatusOfTheClose)
 {
     logIn();
     ASSERT_TRUE(m_helper->startSession());
+    m_helper->setSessionId("S1");
     s_pam.closeStatus = PAM_SESSION_ERR;
     takeCalls();
+    EXPECT_EQ(m_helper->stopSession(), 0);
+    EXPECT_EQ(m_helper->getAuthResult(), PAM_SESSION_ERR);
+    EXPECT_EQ(PAMHelper::instanceForSessionId("S1"), nullptr);
+    EXPECT_FALSE(m_helper->startSession());
     m_helper->dispose();
     EXPECT_EQ(takeCalls(), (Calls{"1 close 0", "1 end 14"}));
     m_helper = new PAMHelper(nullptr, nullptr);
-    EXPECT_EQ(m_helper->stopSession(), 0); // no transaction, no call
+    EXPECT_EQ(m_helper->stopSession() + m_helper->setEnv("A", "B"), 0); // no transaction, no call
+    EXPECT_EQ(m_helper->getEnv("A"), nullptr);
     EXPECT_EQ(takeCalls(), Calls{});
 }
 
@@ -318,11 +324,14 @@ TEST_F(PamCallsTest, HelperOutlivesTheCallsThatOthersAreStillIn)
             if (call != "close 0")
                 return;
             s_pam.onStep = nullptr;
+            EXPECT_FALSE(m_helper->isValid());
             std::thread([this] { m_helper->dispose(); }).join(); // while this thread closes the session
         };
         PAMHelper* const helper = m_helper;
         helper->stopSession();
-        EXPECT_TRUE(takeCalls().back().ends_with(" end 0"));
+        const Calls calls = takeCalls();
+        EXPECT_EQ(calls.size(), 2U); // one close, one end
+        EXPECT_TRUE(calls.back().ends_with(" end 0"));
         m_helper = new PAMHelper(nullptr, nullptr);
         std::vector<std::thread> threads;
         PAMHelper::getMonitor()->fastLock(); // all of them are in dispose before one goes on
@@ -340,20 +349,6 @@ TEST_F(PamCallsTest, HelperOutlivesTheCallsThatOthersAreStillIn)
             thread.join();
         m_helper = new PAMHelper(nullptr, nullptr);
     }
-}
-
-TEST_F(PamCallsTest, TwoThreadsCloseASessionOnce)
-{
-    logIn();
-    ASSERT_TRUE(m_helper->startSession());
-    takeCalls();
-    s_pam.onStep = [&](const std::string&) {
-        s_pam.onStep = nullptr;
-        EXPECT_FALSE(m_helper->isValid());
-        std::thread([&] { m_helper->stopSession(); }).join();
-    };
-    m_helper->stopSession();
-    EXPECT_EQ(takeCalls(), Calls{"1 close 0"});
 }
 
 TEST_F(PamCallsTest, SessionIdTextGivesTheNumericId)

@@ -25,8 +25,9 @@ using namespace protocol;
 // The sanitizers' runs look for faults of another kind, with a fraction of the load.
 constexpr int kScale = ProcessMemory::canBeSearched() ? 1 : 20;
 constexpr const char* kPassword = "wonderland";
-constexpr const char* kAccount =
-    "alice:salt$8808161c460734fc7bb91a1d1a26e7a2eb75ef0b18ce8538c05218d503e23c36:0:auto\n";
+constexpr const char* kAccounts =
+    "alice:salt$8808161c460734fc7bb91a1d1a26e7a2eb75ef0b18ce8538c05218d503e23c36:0:auto\n"
+    "bob:salt$8e7f7bd5a1dc7663c6ccf7811c8b9123e0ac587c8999d987e0da176f5a980118:0:auto\n";
 
 struct Answer {
     int result = -1; // -1: the daemon closed the connection
@@ -42,6 +43,8 @@ public:
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         address.sin_port = htons(static_cast<std::uint16_t>(port));
+        const timeval limit = {60, 0};
+        ::setsockopt(m_descriptor, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
         m_connected = ::connect(m_descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     }
     ~Peer()
@@ -93,7 +96,7 @@ class ConsoleTest : public testing::Test {
 protected:
     ConsoleTest()
     {
-        std::ofstream(m_dir.path("accounts")) << kAccount;
+        std::ofstream(m_dir.path("accounts")) << kAccounts;
         std::ofstream service(m_dir.path("test"));
         for (const char* type : {"auth", "account", "session"})
             service << type << " required " GORV_DEMO_MODULE " accounts=" << m_dir.path("accounts")
@@ -213,15 +216,21 @@ TEST_F(ConsoleTest, ClientWalksThroughASession)
     for (const char* bad :
          {"-user alice -c 'get missing'", "-user alice -c 'run rm'", "-c 'who'", "-c 'dance'"})
         EXPECT_EQ(runClient(bad, output), 1) << bad;
+    output.clear();
+    const std::string dialogue =
+        std::string(kPassword) + "\nget hostname\nset k " + std::string(5000, 'x') + " run id\nget k";
+    EXPECT_EQ(runClient("-user alice", output, dialogue.c_str()), 1); // the long line is refused as a whole
+    EXPECT_EQ(output, "logged in\nbox-17\n");
     EXPECT_EQ(runClient("-user alice -c who", output, "wrong"), 1);
     const int port = std::exchange(m_port, 0);
     EXPECT_EQ(runClient("", output), 2);
     m_port = 1;
     EXPECT_EQ(runClient("-c who", output), 3);
     m_port = port;
-    EXPECT_NE(readFile(m_dir.path("log")).find("consoled - 127.0.0.1: alice logged in, session 1\n"),
-              std::string::npos);
-    EXPECT_NE(readFile(m_dir.path("trace")).find("127.0.0.1: operation 7\n"), std::string::npos);
+    EXPECT_TRUE(
+        std::regex_search(readFile(m_dir.path("log")),
+                          std::regex("consoled - 127\\.0\\.0\\.1:\\d+: alice logged in, session 1\n")));
+    EXPECT_NE(readFile(m_dir.path("trace")).find(": operation 7\n"), std::string::npos);
     EXPECT_NE(readFile(m_dir.path("record")).find("close user=alice rhost=127.0.0.1 INTERFACE_IP=127.0.0.1"),
               std::string::npos);
 }
@@ -247,13 +256,18 @@ TEST_F(ConsoleTest, PasswordIsNowhereAfterTheLogin)
         GTEST_SKIP() << "a sanitizer's own memory is searched in vain";
     start({"-log", m_dir.path("log"), "-trace", m_dir.path("trace"), "-level", "9"});
     const ProcessMemory::Secret secret("a passphrase that is far too long for any small buffer");
+    const ProcessMemory::Secret property("what is no secret at all and is kept on purpose");
+    const std::string pid = std::to_string(m_pid);
+    const std::string password = secret.text();
+    const Peer refused(m_port);
+    EXPECT_EQ(refused.ask(Login, {"alice", password}).result, Refused);
     const Peer peer(m_port);
-    std::string password = secret.text();
-    EXPECT_EQ(peer.ask(Login, {"alice", password}).result, Refused);
-    EXPECT_FALSE(ProcessMemory::holds(secret, std::to_string(m_pid)));
+    EXPECT_EQ(peer.ask(Login, {"bob", password}).result, Done);
+    EXPECT_FALSE(ProcessMemory::holds(secret, pid));
+    EXPECT_EQ(peer.ask(Set, {"motto", property.text()}).result, Done);
+    EXPECT_TRUE(ProcessMemory::holds(property, pid)); // the search works
     for (const char* file : {"log", "trace", "record", "stderr"})
         EXPECT_EQ(readFile(m_dir.path(file)).find(password), std::string::npos) << file;
-    EXPECT_EQ(peer.ask(Who).result, NotLoggedIn); // it is alive and was searched
 }
 
 TEST_F(ConsoleTest, TwoHundredClientsAreAllServedAndLeaveNothing)
@@ -324,6 +338,7 @@ TEST_F(ConsoleTest, BrokenAndHostileFramesHarmNobody)
         {frame(Get, std::string("\xff\xff\xff\xff", 4)), BadRequest, true},
         {frame(Get, joinFields({"two", "fields"})), BadRequest, true},
         {frame(Get, joinFields({"new\nline"})), BadRequest, true},
+        {frame(Get, joinFields({std::string(256, 'n')})), BadRequest, true},
         {frame(Login, joinFields({std::string_view("a\0b", 3), "c"})), BadRequest, true},
         {frame(Who, ""), NotLoggedIn, true},
         {std::string("\0\3\x7f\xff\xff\xff", 6), TooLarge, false},
@@ -413,6 +428,24 @@ TEST_F(ConsoleTest, ClientThatOwesARequestIsHungUp)
         eventually([&] { return readFile(m_dir.path("record")).find("close ") != std::string::npos; }));
 }
 
+TEST_F(ConsoleTest, OneProgramRunsAtATimeAndTheNextAfterIt)
+{
+    start();
+    const Peer first(m_port);
+    const Peer second(m_port);
+    ASSERT_EQ(first.logIn().result + second.logIn().result, Done);
+    const long before = descriptors();
+    first.send(frame(protocol::Run, joinFields({"id"})));
+    second.send(frame(protocol::Run, joinFields({"id"})));
+    const std::array<Answer, 2> answers = {first.receive(), second.receive()};
+    const Answer& done = answers[answers[0].result == Done ? 0 : 1];
+    EXPECT_EQ(answers[0].result + answers[1].result, Done + Busy);
+    EXPECT_TRUE(done.text.starts_with("uid=")) << done.text;
+    EXPECT_EQ(first.ask(protocol::Run, {"disk"}).result, Done);
+    EXPECT_EQ(descriptors(),
+              3 + 5 + 2); // standard streams; listener, wake pipe, spare, /dev/null; the two clients
+}
+
 TEST_F(ConsoleTest, TerminationClosesEverySession)
 {
     start({"-log", m_dir.path("log")});
@@ -422,6 +455,7 @@ TEST_F(ConsoleTest, TerminationClosesEverySession)
         ASSERT_EQ(peers.back()->logIn().result, Done);
         peers.back()->send(std::string_view("\0\1\0", static_cast<std::size_t>(i) % 4));
     }
+    peers.front()->send(frame(protocol::Run, joinFields({"id"})));
     EXPECT_EQ(stop(), 0);
     const std::string record = readFile(m_dir.path("record"));
     const std::regex close("(^|\n)close ");

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <string>
 #include <string_view>
 #include <unistd.h>
@@ -82,6 +83,7 @@ private:
     {
         std::vector<char> bytes(end - begin);
         const ssize_t count = ::pread(memory, bytes.data(), bytes.size(), static_cast<off_t>(begin));
+        EXPECT_GT(count, 0) << "what can't be read can't be searched";
         for (char& byte : bytes)
             byte = static_cast<char>(byte ^ Secret::kMask); // no second copy is left behind
         const std::string_view text(bytes.data(), count < 0 ? 0 : static_cast<std::size_t>(count));
