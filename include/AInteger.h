@@ -6,8 +6,8 @@
 
 /// An int, its text, and integers in byte buffers with the most significant byte first.
 ///
-/// Immutable; every operation is safe from any thread. Offsets count bytes from @p data and are not checked:
-/// the two or four bytes from there must lie inside the caller's buffer.
+/// Only assignment changes an object; all else is safe from any thread. Offsets count bytes from @p data and
+/// are not checked: the two or four bytes from there must lie inside the caller's buffer.
 ///
 /// @code
 /// unsigned char frame[6];

@@ -51,16 +51,17 @@ public:
     /// The same, not silent.
     ASocket(const char* ip, int port);
 
-    /// Take over @p socket, a connection accepted from @p address. Checks nothing.
+    /// Take over @p socket, a connection accepted from @p address. Checks nothing. The descriptor must block:
+    /// receiving from one that doesn't keeps asking until data comes.
     ASocket(int socket, sockaddr_in& address);
 
     ASocket& operator=(const ASocket&) = delete;
 
     /// Open a connection. A descriptor that the object still holds is closed first.
     ///
-    /// Resolving and connecting block as long as the system lets them. On failure the state is CONNECT_FAILED
-    /// (no socket could be made) or CLOSED, no descriptor is held, both standard streams have a message, and
-    /// GorvSocketException is thrown.
+    /// Resolving and connecting block as long as the system lets them; a signal can fail them. On failure the
+    /// state is CONNECT_FAILED (no socket could be made) or CLOSED, no descriptor is held, both standard
+    /// streams have a message, and GorvSocketException is thrown.
     /// @param ip host name or dotted address
     /// @param port the low 16 bits count
     void createIPSocket(const char* ip, int port);
@@ -72,7 +73,7 @@ public:
     /// Choose whether the next createIPSocket() leaves out its two progress lines. Off in a new socket.
     void setSilent(bool silent);
 
-    /// @return whether the object holds a descriptor.
+    /// @return whether the object holds a descriptor, as it still does after the peer has closed.
     bool isOpen();
 
     /// @return the state, one of the constants above.
@@ -81,13 +82,14 @@ public:
     // From here on the order of the virtual operations is part of the interface: programs call them by slot.
 
     // Sending. Unless the state is CONNECTED nothing is sent. A failure prints "Socket write failed" on
-    // standard error and sets IO_ERROR.
+    // standard error and sets IO_ERROR; a part may have been sent. A signal is no failure.
 
     /// Send @p len bytes from @p data, however many system calls that takes: normally one.
     void write(const unsigned char* data, int len) override;
     /// Send the 4 bytes of @p value through write().
     void writeInt(int value) override;
-    /// Send the characters of @p text through write(), without its terminator. Null sends nothing.
+    /// Send the characters of @p text, as many as an int counts, through write(), without its terminator.
+    /// Null sends nothing.
     void writeString(const unsigned char* text) override;
     /// Call the system's fsync on the descriptor. Nothing is ever pending in the object.
     void flush() override;
@@ -108,7 +110,7 @@ public:
     // interrupts nothing, but a wait starts anew, with its whole time-out.
 
     /// Receive once into @p data + @p offset. Fewer than @p len bytes (at least 1) come back when the peer
-    /// closes or a signal arrives in between.
+    /// closes or a signal arrives in between. A @p len of 0 can't be told from a closed peer.
     /// @return 0 too when the state isn't CONNECTED
     int read(unsigned char* data, int offset, int len, unsigned int timeout) override;
     /// Receive 4 bytes through readFully().
@@ -125,7 +127,8 @@ public:
     int readFully(unsigned char* data, int offset, int len, unsigned int timeout) override;
 
     /// Wait and receive once, in any state.
-    /// @param flag flags of the system's recv
+    /// @param len at least 1
+    /// @param flag flags of the system's recv; with MSG_DONTWAIT it keeps asking until data comes
     int socket_read(unsigned char* data, int len, int flag, unsigned int timeout);
 
     /// writeString(), for chains.

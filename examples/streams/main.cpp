@@ -68,6 +68,10 @@ int main(int argc, char** argv)
         return 1;
     }
     const pid_t child = ::fork();
+    if (child < 0) {
+        std::perror("streams");
+        return 1;
+    }
     if (child == 0)
         return runChild(ntohs(address.sin_port), argc > 1 ? argv[1] : "world");
     {

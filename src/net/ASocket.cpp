@@ -115,10 +115,10 @@ ssize_t sendOnce(int descriptor, const unsigned char* data, int len)
     return ::write(descriptor, data, static_cast<std::size_t>(len));
 }
 
-/// The byte that a log line shows of a buffer.
+/// The byte that a log line shows of a buffer, 0 if there is none.
 unsigned firstByte(const unsigned char* data, int len)
 {
-    return len > 0 ? *data : 0;
+    return data != nullptr && len > 0 ? *data : 0;
 }
 
 } // namespace
