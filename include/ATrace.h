@@ -26,7 +26,7 @@ public:
     /// A trace that writes nothing until Init().
     ATrace();
 
-    /// Closes the file. No other thread may be tracing.
+    /// Closes the file. No other thread may be tracing; point ::gTrace elsewhere first.
     virtual ~ATrace();
 
     ATrace(const ATrace&) = delete;
@@ -43,8 +43,8 @@ public:
     template <typename = void>
     void Init(int level, const char* fileName);
 
-    /// Write one line and flush it if @p level is 0, negative or at most the threshold; a negative threshold
-    /// admits level 0 and what is not above itself. Opens the file if it is not open.
+    /// Write one line and flush it if @p level is 0 or not above the threshold, so that a threshold of 0 or
+    /// more admits every negative level. Opens the file if it is not open.
     void TraceLog(int level, char* format, ...) GORV_PRINTF(3, 4);
     /// The same for constant formats.
     template <typename = void>

@@ -5,7 +5,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <stdio_ext.h>
 #include <sys/time.h>
 #include <utility>
 
@@ -112,10 +111,7 @@ bool ATrace::openFile()
             std::fclose(emptied);
     }
     m_file = std::fopen(m_fileName, kAppendMode);
-    if (m_file == nullptr)
-        return false;
-    __fsetlocking(m_file, FSETLOCKING_BYCALLER); // the monitor's
-    return true;
+    return m_file != nullptr;
 }
 
 void ShowLastError([[maybe_unused]] char* text)

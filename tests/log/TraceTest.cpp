@@ -18,18 +18,12 @@ extern "C" __attribute__((visibility("default"))) int gettimeofday(timeval* now,
 
 namespace {
 
-const std::string kStamp = "2023/11/14 22:13:20_123 ";
+const std::string kStamp = "2023/11/15 03:43:20_123 ";
 const std::string kStartLine = kStamp + "ATrace::Init: Trace Starting\n";
 
 struct TraceTest : testing::Test {
-    TraceTest() { setZone("UTC0"); }
+    TraceTest() { ::setenv("TZ", "EAST-5:30", 1); }
     ~TraceTest() override { gTrace = nullptr; }
-
-    static void setZone(const char* zone)
-    {
-        ::setenv("TZ", zone, 1);
-        ::tzset();
-    }
 
     TempDir m_dir;
     const std::string m_path = m_dir.path("trace"), m_other = m_dir.path("other");
@@ -38,7 +32,9 @@ struct TraceTest : testing::Test {
 
 TEST_F(TraceTest, LinesAreFilteredAndStampedInLocalTime)
 {
+    CapturedStream console(stdout);
     m_trace.Init(3, nullptr);
+    EXPECT_EQ(console.text(), "Trace File Name Missing\n");
     m_trace.TraceLog(0, "still disabled\n");
     std::string expected;
     for (const int threshold : {3, 0, -2}) {
@@ -49,11 +45,12 @@ TEST_F(TraceTest, LinesAreFilteredAndStampedInLocalTime)
                 expected += kStamp + std::to_string(level) + " of many\n";
         }
     }
-    setZone("EAST-5:30");
-    for (s_now.tv_usec = 999999; s_now.tv_usec > 1; s_now.tv_usec /= 1001)
+    for (const int microseconds : {999999, 500, 123456}) {
+        s_now.tv_usec = microseconds;
         m_trace.TraceLog(0, "\n");
-    s_now.tv_usec = 123456;
-    EXPECT_EQ(readFile(m_path), expected + "2023/11/15 03:43:20_999 \n2023/11/15 03:43:20_000 \n");
+    }
+    EXPECT_EQ(readFile(m_path),
+              expected + "2023/11/15 03:43:20_999 \n2023/11/15 03:43:20_000 \n" + kStamp + "\n");
 }
 
 TEST_F(TraceTest, FileIsEmptiedAtTheFirstOpeningOfAnObjectOnly)
@@ -85,7 +82,7 @@ TEST_F(TraceTest, LinesThatCannotBeWrittenAreDropped)
     EXPECT_EQ(readFile(m_other + "/trace"), kStamp + "written\n");
 }
 
-TEST_F(TraceTest, LinesStayWholeWhileAnotherThreadClosesAndInitialises)
+TEST_F(TraceTest, LinesStayWholeWhileAnotherThreadClosesAndInitialisesAndFlushesAllStreams)
 {
     m_trace.Init(1, m_path.c_str());
     std::vector<std::thread> threads;
@@ -97,6 +94,7 @@ TEST_F(TraceTest, LinesStayWholeWhileAnotherThreadClosesAndInitialises)
     for (int round = 0; round < 200; ++round) {
         m_trace.Close();
         m_trace.Init(1, (round % 2 == 0 ? m_other : m_path).c_str());
+        std::fflush(nullptr);
     }
     for (std::thread& thread : threads)
         thread.join();
