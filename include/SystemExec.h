@@ -28,7 +28,7 @@
 /// SIGPIPE if the child may end before it has read its input.
 ///
 /// The child stays in the caller's process group and inherits what a program inherits over exec, with SIGCHLD
-/// and SIGPIPE back at their defaults and SIGCHLD not blocked.
+/// and SIGPIPE back at their defaults and SIGCHLD not blocked. Handlers of the caller never run in it.
 class GORV_API SystemExec {
 public:
     /// A runner without a command; all three pipe ends are -1.
@@ -56,7 +56,8 @@ public:
     /// process's SIGCHLD handler with signalHandler().
     ///
     /// No result: when a pipe or the child can't be made, a line on standard error tells so and the pipe ends
-    /// are -1. When the program can't be run, the child says so on its two output pipes and exits with 1.
+    /// are -1. When the program can't be run, the child says so on its two output pipes and ends with
+    /// exit(1), which runs the exit handlers of the caller's program there.
     void execute();
 
     /// @return where to read the child's output, or -1 before execute() and after the child has ended.
@@ -88,8 +89,9 @@ extern GORV_API SystemExec* se;
 
 /// The SIGCHLD handler that SystemExec::execute() installs: closes the pipe ends of ::se, each at most once,
 /// and waits for any one child, whichever it is. Does nothing for another signal or while ::se is null. Makes
-/// only async-signal-safe calls and keeps errno.
+/// only async-signal-safe calls and keeps errno. A child that is stopped or continued doesn't raise it.
 ///
-/// A child that the program waits for itself (system(), popen(), waitpid()) may be reaped here. Two children
-/// that end together may raise one signal, and one of them is then left for the next.
+/// A child that the program waits for itself (system(), popen(), waitpid()) may be reaped here. If the
+/// program was faster and has another child, the handler waits, and holds its thread up, until that one ends.
+/// Two children that end together may raise one signal, and one of them is then left for the next.
 GORV_API void signalHandler(int sig);

@@ -2,16 +2,13 @@
 
 #include "util/FileDescriptor.h"
 
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
-#include <initializer_list>
-#include <string_view>
-#include <sys/uio.h>
+#include <stdio_ext.h>
 #include <sys/wait.h>
 
 SystemExec* se = nullptr;
@@ -63,28 +60,44 @@ sigset_t childSignal()
     return set;
 }
 
-/// Holds SIGCHLD back in the calling thread for one scope.
-class ChildSignalBlock {
-public:
-    ChildSignalBlock()
-    {
-        const sigset_t set = childSignal();
-        pthread_sigmask(SIG_BLOCK, &set, &m_before);
-    }
-    ~ChildSignalBlock() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+sigset_t everySignal()
+{
+    sigset_t set;
+    sigfillset(&set);
+    return set;
+}
 
-    ChildSignalBlock(const ChildSignalBlock&) = delete;
-    ChildSignalBlock& operator=(const ChildSignalBlock&) = delete;
+/// Holds signals back in the calling thread for one scope.
+class SignalBlock {
+public:
+    explicit SignalBlock(const sigset_t& set) { pthread_sigmask(SIG_BLOCK, &set, &m_before); }
+    ~SignalBlock() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+
+    SignalBlock(const SignalBlock&) = delete;
+    SignalBlock& operator=(const SignalBlock&) = delete;
 
 private:
     sigset_t m_before{};
 };
 
-/// Sleep through the signals that the caller handles, too.
-void delayStart()
+void dropHandlers()
 {
-    for (unsigned left = kStartDelaySeconds; left > 0;)
-        left = ::sleep(left);
+    for (int signal = 1; signal < NSIG; ++signal) {
+        struct sigaction action {};
+        if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN)
+            std::signal(signal, SIG_DFL);
+    }
+}
+
+/// A signal must not run a handler of the caller in the child, be it only until the exec: the handler would
+/// swallow what is to end the child, cut its delay short, and speak to the caller through what both share.
+pid_t forkWithoutHandlers()
+{
+    const SignalBlock block(everySignal());
+    const pid_t child = ::fork();
+    if (child == 0)
+        dropHandlers();
+    return child;
 }
 
 bool redirect(const FileDescriptor& end, int stream)
@@ -113,10 +126,11 @@ void restoreSignals()
 
 [[noreturn]] void runChild(const char* command, char* const* args, const ChildPipes& pipes)
 {
+    __fpurge(stdout); // another thread's text since the flush is for the caller to write
     std::printf("SystemExec child: In forked process for %s, pid=%i, pgid=%i\n", command, ::getpid(),
                 ::getpgid(0));
     std::fflush(stdout); // what stayed in the buffer would be lost in the exec, or land in the output pipe
-    delayStart();
+    ::sleep(kStartDelaySeconds);
     if (redirectStreams(pipes)) {
         restoreSignals();
         ::execvp(command, args);
@@ -129,16 +143,14 @@ void restoreSignals()
     std::exit(1);
 }
 
-/// Write one line to standard output, whose buffer is empty. Past stdio: a process that has just forked pays
-/// with a page fault for each page that it changes, and stdio changes several.
-void writeLine(std::initializer_list<std::string_view> texts)
+/// Not for a child that is merely stopped: the handler would close its pipes and wait for its end.
+void installHandler()
 {
-    std::array<iovec, 8> parts{};
-    int count = 0;
-    for (const std::string_view text : texts)
-        parts[static_cast<std::size_t>(count++)] = {const_cast<char*>(text.data()), text.size()};
-    while (::writev(::fileno(stdout), parts.data(), count) < 0 && errno == EINTR) {
-    }
+    std::signal(SIGCHLD, signalHandler);
+    struct sigaction action {};
+    sigaction(SIGCHLD, nullptr, &action);
+    action.sa_flags |= SA_NOCLDSTOP;
+    sigaction(SIGCHLD, &action, nullptr);
 }
 
 /// The handler may run at any point of another thread's execute(): whoever takes the number out of the field
@@ -180,8 +192,8 @@ void SystemExec::setArgList(char** args)
 void SystemExec::execute()
 {
     closePipes();
+    std::printf("SystemExec: Excecuting command: %s\n", m_command.c_str());
     std::fflush(stdout);
-    writeLine({"SystemExec: Excecuting command: ", m_command, "\n"});
 
     ChildPipes pipes;
     if (!openPipes(pipes)) {
@@ -189,11 +201,11 @@ void SystemExec::execute()
         return;
     }
 
-    // A child that is killed at once is not missed, and the handler never meets a half-stored runner.
-    const ChildSignalBlock block;
     // A child that can't exec ends through exit(), which would write its copy of every buffer again.
     std::fflush(nullptr);
-    m_pid = ::fork();
+    // A child that is killed at once is not missed, and the handler never meets a half-stored runner.
+    const SignalBlock block(childSignal());
+    m_pid = forkWithoutHandlers();
     if (m_pid == -1) {
         std::fprintf(stderr, " SystemExec: %s - Fork error. Exiting.\n", m_command.c_str());
         return;
@@ -203,13 +215,14 @@ void SystemExec::execute()
         runChild(m_command.c_str(), m_argList == nullptr ? commandOnly : m_argList, pipes);
     }
 
-    writeLine({"SystemExec parent process.  Command: ", m_command, ": fork pid : ", std::to_string(m_pid),
-               " (getpid=", std::to_string(::getpid()), ")\n"});
+    std::printf("SystemExec parent process.  Command: %s: fork pid : %i (getpid=%i)\n", m_command.c_str(),
+                m_pid, ::getpid());
+    std::fflush(stdout);
     keep(pipes.output.readEnd, m_stdOut);
     keep(pipes.input.writeEnd, m_stdIn);
     keep(pipes.error.readEnd, m_stdErr);
     std::atomic_ref<SystemExec*>(se).store(this);
-    std::signal(SIGCHLD, signalHandler);
+    installHandler();
 }
 
 int SystemExec::getStdOut()
