@@ -39,8 +39,8 @@ public:
     /// Ask the body to return. Neither wakes it nor waits for it. Safe from any thread, also before start().
     virtual void stopThread();
 
-    /// Wait until the body has returned. Called by one thread. Returns at once if start() was not called or
-    /// could create no thread, and when the thread was joined before.
+    /// Wait until the body has returned. Called by one thread, after start() has returned. Returns at once if
+    /// start() was not called or could create no thread, and when the thread was joined before.
     void join();
 
     /// @return whether start() was called; the end of the body and join() don't change that. Safe from any

@@ -48,16 +48,16 @@ public:
     void setLog(ALog& log);
 
     /// Hang the client's component log below @p parent, whose base log it takes now and whenever that
-    /// changes. Undo this with `parent.removeChildLog(client.getLog())` before the client is destroyed.
+    /// changes. Undo each call with `parent.removeChildLog(client.getLog())` before the client is destroyed.
     /// Throws std::bad_alloc when memory runs out.
     void setLog(AComponentLog& parent);
 
     /// @return the component log that the client reports through. It belongs to the client.
     AComponentLog& getLog();
 
-    /// Attach to the service, unless an earlier call did all of this, and register for the six configuration
-    /// events, stopping at the first failure. The failure is logged; that of the second to sixth event goes
-    /// to standard output too. May be called again, after success as well as after failure.
+    /// Attach to the service, unless an earlier call succeeded in full, and register for the six
+    /// configuration events, stopping at the first failure. The failure is logged; that of the second to
+    /// sixth event goes to standard output too. May be called again, after success as well as after failure.
     /// @return always true.
     bool initialize();
 
@@ -80,10 +80,9 @@ public:
     ///
     /// @param buffer points at an array made with `new char[]`, or at null. What it points at on return, also
     ///   when an exception leaves the call, is the caller's to release with `delete[]`.
-    /// @param size the size of the array; on success the size of the value, terminator included and never
-    /// more
-    ///   than the array. After any other outcome it is what the service left there: don't take it for the
-    ///   size of the array.
+    /// @param size the size of the array; on success the size of the value, its terminator included, which is
+    ///   never more than the array holds. After any other outcome it is what the service left there: don't
+    ///   take it for the size of the array.
     /// @return 0, or the service's code: then a line is logged. Throws `const char*` and logs a line when the
     ///   service finds the size that it asked for too small. Either way the array, if there is one, holds "".
     ///   Throws std::bad_alloc when memory runs out: then there is no array and @p size is 0.
