@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The trace file and the global that a program points at it.
+
 #include "GorvApi.h"
 #include "Monitor.h"
 

@@ -96,6 +96,7 @@ public:
 
     /// Write a string. The service is always given 1 for a flag, whatever @p flag is. Null is not written.
     bool setProperty(const char* name, char* value, bool flag);
+    /// The same for constant text.
     template <typename Text, IfConstText<Text> = 0>
     bool setProperty(const char* name, Text value, bool flag)
     {

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The lock of the library.
+
 #include "GorvApi.h"
 #include "MonitorLock.h"
 

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The process runner, its signal handler and the runner that the handler works on.
+
 #include "GorvApi.h"
 
 #include <string>

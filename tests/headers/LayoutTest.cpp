@@ -7,6 +7,7 @@
 #include "ASocket.h"
 #include "AThread.h"
 #include "ATrace.h"
+#include "AUtil.h"
 #include "CommandLine.h"
 #include "GorvSocketException.h"
 #include "KEPClient.h"
@@ -115,19 +116,34 @@ std::size_t slotOf(auto operation)
     return words[0] / sizeof(void*);
 }
 
-TEST(LayoutTest, VirtualOperationsOfTheSocketKeepTheirSlots)
+std::vector<std::size_t> slotsOf(auto... operations)
 {
-    EXPECT_EQ(
-        (std::vector{slotOf(&ASocket::close), slotOf(&ASocket::writeByte), slotOf(&ASocket::writeShort),
-                     slotOf(&ASocket::read), slotOf(&ASocket::readFully), slotOf(&AInputStream::readFully)}),
-        (std::vector<std::size_t>{4, 7, 8, 9, 13, 4})); // destruction takes 5 and 6
+    return {slotOf(operations)...};
 }
 
-TEST(LayoutTest, VirtualOperationsOfTheThreadKeepTheirSlots)
+TEST(LayoutTest, VirtualOperationsKeepTheirSlots)
 {
-    EXPECT_EQ((std::vector{slotOf(&AThread::start), slotOf(&AThread::run), slotOf(&AThread::stopThread)}),
-              (std::vector<std::size_t>{2, 3, 4})); // behind destruction
+    using Slots = std::vector<std::size_t>;
+    using Out = AOutputStream;
+    using In = AInputStream;
+    EXPECT_EQ(slotsOf(&Out::write, &Out::writeInt, &Out::writeString, &Out::flush, &Out::close),
+              (Slots{0, 1, 2, 3, 4}));
+    EXPECT_EQ(slotsOf(&In::read, &In::readInt, &In::readShort, &In::readByte, &In::readFully),
+              (Slots{0, 1, 2, 3, 4}));
+    EXPECT_EQ(slotsOf(&ASocket::write, &ASocket::writeInt, &ASocket::writeString, &ASocket::flush,
+                      &ASocket::close, &ASocket::writeByte, &ASocket::writeShort, &ASocket::read,
+                      &ASocket::readInt, &ASocket::readShort, &ASocket::readByte, &ASocket::readFully),
+              (Slots{0, 1, 2, 3, 4, 7, 8, 9, 10, 11, 12, 13})); // destruction takes 5 and 6
+    EXPECT_EQ(slotsOf(&AThread::start, &AThread::run, &AThread::stopThread),
+              (Slots{2, 3, 4})); // behind destruction
 }
+
+// What has no table of virtual operations gets none, and the interfaces are not destroyed through.
+static_assert(!std::is_polymorphic_v<GorvSocketException> && !std::is_polymorphic_v<SystemExec> &&
+              !std::is_polymorphic_v<CommandLine> && !std::is_polymorphic_v<AUtil> &&
+              !std::has_virtual_destructor_v<AOutputStream> && !std::has_virtual_destructor_v<AInputStream> &&
+              std::has_virtual_destructor_v<AInteger> && std::has_virtual_destructor_v<Exception> &&
+              std::has_virtual_destructor_v<ASocket> && std::has_virtual_destructor_v<AThread>);
 
 TEST(LayoutTest, WhatTheClassesAddLivesInPadding)
 {

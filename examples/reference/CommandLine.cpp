@@ -1,0 +1,17 @@
+// Options and their values, as if called: serverd ignored -port 7578 7579 -trace --verbose
+
+#include "CommandLine.h"
+
+#include <cstdio>
+
+int main()
+{
+    const char* words[] = {"serverd", "ignored", "-port", "7578", "7579", "-trace", "--verbose", nullptr};
+    CommandLine options(7, const_cast<char**>(words)); // a program passes its own argc and argv
+
+    std::printf("port: %s\n", options.getArg("port")); // the first value
+    const char* level = options.getArg("trace");
+    std::printf("trace: %d, level: %s\n", options.hasArg("trace"), level == nullptr ? "none" : level);
+    std::printf("verbose: %d\n", options.hasArg("-verbose")); // only one dash is taken off
+    std::printf("ignored: %d, help: %d\n", options.hasArg("ignored"), options.hasArg("help"));
+}

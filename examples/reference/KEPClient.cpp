@@ -1,0 +1,31 @@
+// Properties of the configuration service: a number, and a text of any length.
+
+#include "KEPClient.h"
+#include "ALog.h"
+
+#include <cstdio>
+
+int main()
+{
+    ALog log("consoled", stdout); // outlives the client, so it comes first
+    log.setShowTimestamp(false);
+    KEPClient client("consoled", 17);
+    client.setLog(log);
+    client.initialize(); // always true: what went wrong is in the log
+
+    std::printf("written: %d\n", client.setProperty("demo.port", 4711, true));
+    std::printf("written: %d\n", client.setProperty("demo.port", 4711, true)); // it holds that already
+    int port = 0;
+    if (client.getProperty("demo.port", port))
+        std::printf("port %d\n", port);
+
+    client.setProperty("demo.banner", "Authorised use only", true);
+    char* banner = nullptr; // replaced by an array that is large enough
+    int size = 0;
+    if (client.getProperty("demo.banner", &banner, size) == 0)
+        std::printf("%d bytes: %s\n", size, banner);
+    delete[] banner; // ours, also after a failure
+
+    bool missing = false;
+    std::printf("found: %d\n", client.getProperty("demo.nothing", missing));
+}

@@ -1,0 +1,36 @@
+// One login from the password to the end of the session, and one that is refused.
+
+#include "PAMHelper.h"
+#include "EmbeddedPam.h"
+
+#include <cstdio>
+#include <openssl/crypto.h>
+
+void logIn(std::string user, std::string password)
+{
+    std::string service = "gorvdemo";
+    bool skipAuth = false;
+    auto* login = new PAMHelper("::ffff:192.168.1.20", "192.168.1.1"); // client, our interface
+    const int status = login->authenticate(service, user, password, skipAuth);
+    OPENSSL_cleanse(password.data(), password.size()); // the helper wipes its own copy only
+    if (status == PAM_SUCCESS && login->startSession()) {
+        login->setSessionId("key-of-" + user);
+        // Any thread may look the login up. It holds the monitor while it uses what it has found.
+        const MonitorLock lock = PAMHelper::getMonitor()->acquireLock();
+        PAMHelper* found = PAMHelper::instanceForSessionId("key-of-" + user);
+        std::printf("session %d of %s from %s\n", found->getKEPSessionId(), user.c_str(),
+                    found->getRemoteIP().c_str());
+    } else {
+        std::printf("%s was refused: %d\n", user.c_str(), login->getAuthResult());
+    }
+    login->dispose(); // closes the session, ends the transaction, deletes the helper
+}
+
+int main()
+{
+    useServiceFilesIn(GORV_DEMO_CONFDIR); // the accounts of examples/embedded_pam, not the machine's
+    logIn("alice", "wonderland");
+    logIn("alice", "looking-glass");
+    const bool left = PAMHelper::instanceForSessionId("key-of-alice") != nullptr;
+    std::printf("still registered: %s\n", left ? "yes" : "no");
+}
