@@ -1,0 +1,75 @@
+# Debian packages of the installed components; script/package builds and proves them.
+
+# The first line of Debian's changelog says which version is packaged.
+file(STRINGS cmake/debian/changelog first_line LIMIT_COUNT 1)
+string(REGEX MATCH "\\((.*)-(.*)\\)" debian_version "${first_line}")
+if(NOT CMAKE_MATCH_1 STREQUAL PROJECT_VERSION)
+    message(FATAL_ERROR "cmake/debian/changelog is at ${CMAKE_MATCH_1}, the project at ${PROJECT_VERSION}")
+endif()
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_DEBIAN_PACKAGE_RELEASE ${CMAKE_MATCH_2})
+set(debian_version ${CMAKE_MATCH_1}-${CMAKE_MATCH_2})
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL libgorvutil1 libgorvutil-dev libkep1-substitute)
+set(CPACK_COMPONENTS_GROUPING IGNORE)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_PACKAGE_NAME libgorvutil)
+set(CPACK_PACKAGE_CONTACT "The libgorvUtil authors <authors@gorvutil.invalid>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each package's own stands in the first line of its description
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+    OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SOURCE libgorvutil)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${PROJECT_BINARY_DIR}/platform/kep")
+
+# gorv_debian_package(NAME SECTION DESCRIPTION): a component with the files that Debian's policy asks for.
+function(gorv_debian_package name section description)
+    string(TOUPPER ${name} upper)
+    set(prefix CPACK_DEBIAN_${upper})
+    set(${prefix}_PACKAGE_NAME ${name} PARENT_SCOPE)
+    set(${prefix}_PACKAGE_SECTION ${section} PARENT_SCOPE)
+    set(${prefix}_DESCRIPTION "${description}" PARENT_SCOPE)
+    set(folder "${CMAKE_CURRENT_SOURCE_DIR}/cmake/debian")
+    set(documents "${CMAKE_CURRENT_BINARY_DIR}/debian/${name}")
+    file(MAKE_DIRECTORY "${documents}")
+    execute_process(COMMAND gzip -9nc "${folder}/changelog" OUTPUT_FILE "${documents}/changelog.Debian.gz"
+        COMMAND_ERROR_IS_FATAL ANY)
+    execute_process(COMMAND gzip -9nc "${PROJECT_SOURCE_DIR}/CHANGELOG.md" OUTPUT_FILE "${documents}/changelog.gz"
+        COMMAND_ERROR_IS_FATAL ANY)
+    install(FILES "${folder}/copyright" "${documents}/changelog.Debian.gz" "${documents}/changelog.gz"
+        DESTINATION "share/doc/${name}" COMPONENT ${name})
+    if(EXISTS "${folder}/${name}.lintian-overrides")
+        install(FILES "${folder}/${name}.lintian-overrides" DESTINATION share/lintian/overrides RENAME ${name}
+            COMPONENT ${name})
+    endif()
+    if(EXISTS "${folder}/${name}.shlibs")
+        file(COPY_FILE "${folder}/${name}.shlibs" "${documents}/shlibs")
+        file(WRITE "${documents}/triggers" "activate-noawait ldconfig\n")
+        set(${prefix}_PACKAGE_SHLIBDEPS ON PARENT_SCOPE)
+        set(${prefix}_PACKAGE_CONTROL_EXTRA "${documents}/shlibs;${documents}/triggers" PARENT_SCOPE)
+    endif()
+endfunction()
+
+gorv_debian_package(libgorvutil1 libs "general-purpose classes for controller daemons
+A log and component logs, a trace file, a recursive monitor and a thread base,
+an IPv4 stream, a client of the controller's configuration service, PAM logins
+without a terminal, a process runner and a command line parser.
+
+This package holds the shared library that programs load.")
+set(CPACK_DEBIAN_LIBGORVUTIL1_PACKAGE_DEPENDS "libkep1-substitute | libkep1")
+
+gorv_debian_package(libgorvutil-dev libdevel "general-purpose classes for controller daemons (development)
+The headers of libgorvutil1, its CMake package (find_package(gorvUtil), target
+gorvUtil::gorvUtil) and its pkg-config file (gorvUtil).")
+set(CPACK_DEBIAN_LIBGORVUTIL-DEV_PACKAGE_DEPENDS "libgorvutil1 (= ${debian_version}), libpam0g-dev")
+
+gorv_debian_package(libkep1-substitute libs "stand-in for the controller's configuration service library
+A libkep.so.1 for machines other than the controller: properties, events and
+functions live in the process that loads it.")
+set(CPACK_DEBIAN_LIBKEP1-SUBSTITUTE_PACKAGE_PROVIDES libkep1)
+set(CPACK_DEBIAN_LIBKEP1-SUBSTITUTE_PACKAGE_CONFLICTS libkep1)
+
+include(CPack)
