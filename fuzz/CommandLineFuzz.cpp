@@ -7,6 +7,8 @@
 
 namespace {
 
+constexpr std::size_t kMaxTexts = 24; // each is looked up among all
+
 /// The index of the option's first occurrence, or the end.
 std::size_t findOption(const std::vector<std::string>& texts, const std::string& name)
 {
@@ -35,6 +37,7 @@ FUZZ_TARGET
     FuzzedDataProvider input(data, size);
     const int surplus = input.ConsumeIntegralInRange(-20, 20);
     std::vector<std::string> texts = fuzz::splitAtZero(input.ConsumeRemainingBytesAsString());
+    texts.resize(std::min(texts.size(), kMaxTexts));
     std::vector<char*> argv;
     for (std::string& text : texts)
         argv.push_back(text.data());

@@ -81,8 +81,7 @@ private:
         } else if (result == 0 && len > 0) {
             MUST(outcome == Outcome::End && state == ASocket::CLOSED_BY_PEER);
         } else if (result < 0) {
-            MUST(outcome == (state == ASocket::CONNECTED ? Outcome::TimedOut : Outcome::Failed) ||
-                 (outcome == Outcome::Interrupted && state == ASocket::IO_ERROR));
+            MUST(outcome == (state == ASocket::CONNECTED ? Outcome::TimedOut : Outcome::Failed));
             MUST(state == ASocket::CONNECTED || state == ASocket::IO_ERROR);
         }
         MUST(static_cast<int>(arrived) <= len);
