@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <security/pam_ext.h>
@@ -123,11 +124,18 @@ int beginStep(pam_handle_t* handle, int argc, const char** argv, const char* ste
     return findAccount(argument(argc, argv, "accounts="), user, account) ? PAM_SUCCESS : PAM_USER_UNKNOWN;
 }
 
-} // namespace
+/// Run a step. What it throws must not travel through libpam, which is written in C and frees nothing then.
+template <typename Step>
+int guarded(Step step)
+{
+    try {
+        return step();
+    } catch (const std::bad_alloc&) {
+        return PAM_BUF_ERR;
+    }
+}
 
-#define MODULE_ENTRY extern "C" __attribute__((visibility("default"))) int
-
-MODULE_ENTRY pam_sm_authenticate(pam_handle_t* handle, int, int argc, const char** argv)
+int authenticate(pam_handle_t* handle, int argc, const char** argv)
 {
     Account account;
     const int found = beginStep(handle, argc, argv, "authenticate", account);
@@ -140,19 +148,14 @@ MODULE_ENTRY pam_sm_authenticate(pam_handle_t* handle, int, int argc, const char
     return right && found == PAM_SUCCESS ? PAM_SUCCESS : PAM_AUTH_ERR;
 }
 
-MODULE_ENTRY pam_sm_setcred(pam_handle_t*, int, int, const char**)
-{
-    return PAM_SUCCESS;
-}
-
-MODULE_ENTRY pam_sm_acct_mgmt(pam_handle_t* handle, int, int argc, const char** argv)
+int checkAccount(pam_handle_t* handle, int argc, const char** argv)
 {
     Account account;
     const int found = beginStep(handle, argc, argv, "account", account);
     return found == PAM_SUCCESS ? statusOf(account[AccountStatus]) : found;
 }
 
-MODULE_ENTRY pam_sm_open_session(pam_handle_t* handle, int, int argc, const char** argv)
+int openSession(pam_handle_t* handle, int argc, const char** argv)
 {
     static std::atomic<int> s_lastSession = 0;
     Account account;
@@ -167,9 +170,38 @@ MODULE_ENTRY pam_sm_open_session(pam_handle_t* handle, int, int argc, const char
     return statusOf(account[OpenStatus]);
 }
 
-MODULE_ENTRY pam_sm_close_session(pam_handle_t* handle, int, int argc, const char** argv)
+int closeSession(pam_handle_t* handle, int argc, const char** argv)
 {
     Account account;
     const int found = beginStep(handle, argc, argv, "close", account);
     return found == PAM_SUCCESS ? statusOf(account[CloseStatus]) : found;
+}
+
+} // namespace
+
+#define MODULE_ENTRY extern "C" __attribute__((visibility("default"))) int
+
+MODULE_ENTRY pam_sm_authenticate(pam_handle_t* handle, int, int argc, const char** argv)
+{
+    return guarded([&] { return authenticate(handle, argc, argv); });
+}
+
+MODULE_ENTRY pam_sm_setcred(pam_handle_t*, int, int, const char**)
+{
+    return PAM_SUCCESS;
+}
+
+MODULE_ENTRY pam_sm_acct_mgmt(pam_handle_t* handle, int, int argc, const char** argv)
+{
+    return guarded([&] { return checkAccount(handle, argc, argv); });
+}
+
+MODULE_ENTRY pam_sm_open_session(pam_handle_t* handle, int, int argc, const char** argv)
+{
+    return guarded([&] { return openSession(handle, argc, argv); });
+}
+
+MODULE_ENTRY pam_sm_close_session(pam_handle_t* handle, int, int argc, const char** argv)
+{
+    return guarded([&] { return closeSession(handle, argc, argv); });
 }
