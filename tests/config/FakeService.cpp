@@ -15,40 +15,40 @@ __attribute__((format(printf, 2, 3))) static int answer(int success, const char*
     va_start(args, format);
     std::vsnprintf(call, sizeof call, format, args);
     va_end(args);
-    std::printf("%s\n", call);
+    std::puts(call);
     for (const auto& [start, result] : answers)
-        if (std::string(call).starts_with(start))
+        if (std::string_view(call).starts_with(start))
             return result;
     return success;
 }
 
-int kep_init(const char* name, int64_t id, int flag)
-{
-    return answer(1, "kep_init %s %lld %d", name, static_cast<long long>(id), flag);
-}
+#define ANSWER(function, parameters, success, format, ...)                                                   \
+    int function parameters                                                                                  \
+    {                                                                                                        \
+        return answer(success, #function " " format, __VA_ARGS__);                                           \
+    }
 
-int kep_event_register(const char* event)
-{
-    return answer(7, "kep_event_register %s", event);
-}
-
-int kep_event_occurred(const char* event, int size, void* data)
-{
-    return answer(1, "kep_event_occurred %s %.*s", event, size, static_cast<char*>(data));
-}
+ANSWER(kep_init, (const char* name, int64_t id, int flag), 1, "%s %d %d", name, static_cast<int>(id), flag)
+ANSWER(kep_event_register, (const char* event), 7, "%s", event)
+ANSWER(kep_event_occurred, (const char* event, int size, void* data), 1, "%s %.*s", event, size, (char*)data)
+ANSWER(kep_config_set_str_n, (const char* name, const char* value, int flag), 1, "%s %s %d", name, value,
+       flag)
+ANSWER(kep_config_set_int, (const char* name, int value, bool flag), 1, "%s %d %d", name, value, flag)
+ANSWER(kep_config_set_bool, (const char* name, bool value, bool flag), 1, "%s %d %d", name, value, flag)
+ANSWER(kep_function_register, (const char* name, kep_function** function), 0, "%s %d", name,
+       *function != nullptr)
 
 int kep_config_get(const char* name, char* buffer, int* size)
 {
-    std::pair<int, int> read{buffer == nullptr ? KEP_ERROR_MAXCNT_SIZE : 0, 5};
-    if (!answeredReads.empty()) {
-        read = answeredReads.front();
-        answeredReads.pop_front();
-    }
     answer(0, "kep_config_get %s %d", name, *size);
+    if (answeredReads.empty())
+        answeredReads = {{KEP_ERROR_MAXCNT_SIZE, 5}, {0, 5}};
     if (buffer != nullptr)
         std::memset(buffer, 'x', static_cast<std::size_t>(*size));
-    *size = read.second;
-    return read.first;
+    *size = answeredReads.front().second;
+    const int code = answeredReads.front().first;
+    answeredReads.pop_front();
+    return code;
 }
 
 int kep_config_get_str_n(const char* name, char* buffer, int size)
@@ -69,39 +69,18 @@ int kep_config_get_bool(const char* name, bool* value)
     return answer(1, "kep_config_get_bool %s", name);
 }
 
-int kep_config_set_str_n(const char* name, const char* value, int flag)
-{
-    return answer(1, "kep_config_set_str_n %s %s %d", name, value, flag);
-}
-
-int kep_config_set_int(const char* name, int value, bool flag)
-{
-    return answer(1, "kep_config_set_int %s %d %d", name, value, flag);
-}
-
-int kep_config_set_bool(const char* name, bool value, bool flag)
-{
-    return answer(1, "kep_config_set_bool %s %d %d", name, value, flag);
-}
-
-int kep_function_register(const char* name, kep_function** function)
-{
-    return answer(0, "kep_function_register %s %s", name, *function == nullptr ? "null" : "function");
-}
-
 int kep_function_execute(const char* name, int* size, void* request, int maxReplySize, void* reply)
 {
-    const int code =
-        answer(0, "kep_function_execute %s %.*s %d", name, *size, static_cast<char*>(request), maxReplySize);
-    *size = std::snprintf(static_cast<char*>(reply), static_cast<std::size_t>(maxReplySize), "reply");
-    return code;
+    std::memcpy(reply, "reply", 6);
+    const char* text = static_cast<char*>(request);
+    return answer(0, "kep_function_execute %s %.*s %d", name, std::exchange(*size, 5), text, maxReplySize);
 }
 
 int logInfo(const char* format, ...)
 {
     va_list args;
     va_start(args, format);
-    std::vprintf(format, args);
+    const int length = std::vprintf(format, args);
     va_end(args);
-    return 0;
+    return length;
 }

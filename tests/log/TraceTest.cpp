@@ -86,6 +86,10 @@ TEST_F(TraceTest, LinesStayWholeWhileAnotherThreadClosesAndInitialisesAndFlushes
 {
     m_trace.Init(1, m_path.c_str());
     std::vector<std::thread> threads;
+    threads.emplace_back([] {
+        for (int i = 0; i < 20000; ++i)
+            std::fflush(nullptr);
+    });
     for (int i = 0; i < 8; ++i)
         threads.emplace_back([this] {
             for (int line = 0; line < 500; ++line)
@@ -94,7 +98,6 @@ TEST_F(TraceTest, LinesStayWholeWhileAnotherThreadClosesAndInitialisesAndFlushes
     for (int round = 0; round < 200; ++round) {
         m_trace.Close();
         m_trace.Init(1, (round % 2 == 0 ? m_other : m_path).c_str());
-        std::fflush(nullptr);
     }
     for (std::thread& thread : threads)
         thread.join();

@@ -24,21 +24,19 @@ struct Counter : AThread {
         for (m_id = getThreadID(); !__atomic_load_n(&m_stopRequested, __ATOMIC_ACQUIRE);)
             ++m_rounds;
     }
-    std::atomic<std::int64_t> m_id = 0;
-    std::atomic<std::int64_t> m_rounds = 0;
+    std::atomic<std::int64_t> m_id = 0, m_rounds = 0;
 };
 
-TEST(AThreadTest, BodyRunsOnItsOwnThreadUntilItIsAskedToStop)
+TEST(AThreadTest, BodyRunsUntilItIsAskedToStopAndJoinNeverWaitsForMore)
 {
-    Counter thread;
-    thread.join(); // not started: returns at once
+    Counter thread, next, refused;
+    thread.join(); // not started
     EXPECT_FALSE(thread.isRunning());
     thread.start();
     while (thread.m_rounds == 0)
         EXPECT_TRUE(thread.isRunning());
     thread.stopThread();
     thread.join();
-    Counter next;
     next.start();
     thread.join(); // must not wait for the next thread, which has taken over the handle
     next.stopThread();
@@ -46,15 +44,9 @@ TEST(AThreadTest, BodyRunsOnItsOwnThreadUntilItIsAskedToStop)
     EXPECT_TRUE(thread.isRunning());
     EXPECT_NE(thread.m_id, ::gettid());
     EXPECT_EQ(thread.getThreadID(), ::gettid());
-}
-
-TEST(AThreadTest, JoinReturnsWhenNoThreadCouldBeCreated)
-{
-    Counter thread;
     s_creationFails = true;
-    thread.start();
+    refused.start();
     s_creationFails = false;
-    thread.join();
-    EXPECT_TRUE(thread.isRunning());
-    EXPECT_EQ(thread.m_id, 0);
+    refused.join(); // never there
+    EXPECT_TRUE(refused.isRunning());
 }
