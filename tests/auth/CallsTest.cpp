@@ -30,11 +30,9 @@ struct FakePam {
     std::vector<std::string> calls;
     int handles = 0;
 
-    int step(const pam_handle_t* handle, const std::string& call, int status)
-    {
+    int step(const pam_handle_t* handle, const std::string& call, int status) {
         calls.push_back((handle == nullptr ? "-" : std::to_string(handle->number)) + " " + call);
-        if (onStep)
-            onStep(call);
+        if (onStep) onStep(call);
         return status;
     }
 };
@@ -48,8 +46,7 @@ bool s_secretWasFreed = false;
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 extern "C" void __libc_free(void* block);
 
-extern "C" __attribute__((visibility("default"))) void free(void* block) noexcept
-{
+extern "C" __attribute__((visibility("default"))) void free(void* block) noexcept {
     if (s_secret != nullptr && block != nullptr && s_secret->isIn(block, malloc_usable_size(block)))
         s_secretWasFreed = true;
     __libc_free(block);
@@ -58,55 +55,45 @@ extern "C" __attribute__((visibility("default"))) void free(void* block) noexcep
 
 #define FAKE extern "C" __attribute__((visibility("default")))
 
-FAKE int pam_start(const char* service, const char* user, const pam_conv* conversation, pam_handle_t** handle)
-{
+FAKE int pam_start(const char* service, const char* user, const pam_conv* conversation, pam_handle_t** handle) {
     *handle = s_pam.startStatus == PAM_SUCCESS ? new pam_handle{++s_pam.handles, *conversation} : nullptr;
     return s_pam.step(*handle, std::string("start ") + service + " " + user, s_pam.startStatus);
 }
 
-FAKE int pam_end(pam_handle_t* handle, int status)
-{
+FAKE int pam_end(pam_handle_t* handle, int status) {
     s_pam.step(handle, "end " + std::to_string(status), 0);
     delete handle;
     return PAM_SUCCESS;
 }
 
-FAKE int pam_set_item(pam_handle_t* handle, int item, const void* value)
-{
-    return s_pam.step(handle,
-                      (item == PAM_RHOST ? "rhost " : "? ") + std::string(static_cast<const char*>(value)),
+FAKE int pam_set_item(pam_handle_t* handle, int item, const void* value) {
+    return s_pam.step(handle, (item == PAM_RHOST ? "rhost " : "? ") + std::string(static_cast<const char*>(value)),
                       PAM_SYSTEM_ERR); // not looked at
 }
 
-FAKE int pam_putenv(pam_handle_t* handle, const char* text)
-{
+FAKE int pam_putenv(pam_handle_t* handle, const char* text) {
     const bool isSecret = std::string_view(text).starts_with("CONTEXT_ID=");
     return s_pam.step(handle, isSecret ? "context" : text, PAM_BUF_ERR); // not looked at
 }
 
-FAKE const char* pam_getenv(pam_handle_t*, const char* name)
-{
+FAKE const char* pam_getenv(pam_handle_t*, const char* name) {
     return std::string_view(name) == "SESSION_ID" ? s_pam.sessionIdText : nullptr;
 }
 
-FAKE int pam_authenticate(pam_handle_t* handle, int flags)
-{
+FAKE int pam_authenticate(pam_handle_t* handle, int flags) {
     s_pam.step(handle, "authenticate " + std::to_string(flags), 0);
     return s_pam.onAuthenticate ? s_pam.onAuthenticate(handle->conversation) : s_pam.authStatus;
 }
 
-FAKE int pam_acct_mgmt(pam_handle_t* handle, int flags)
-{
+FAKE int pam_acct_mgmt(pam_handle_t* handle, int flags) {
     return s_pam.step(handle, "account " + std::to_string(flags), s_pam.accountStatus);
 }
 
-FAKE int pam_open_session(pam_handle_t* handle, int flags)
-{
+FAKE int pam_open_session(pam_handle_t* handle, int flags) {
     return s_pam.step(handle, "open " + std::to_string(flags), s_pam.openStatus);
 }
 
-FAKE int pam_close_session(pam_handle_t* handle, int flags)
-{
+FAKE int pam_close_session(pam_handle_t* handle, int flags) {
     return s_pam.step(handle, "close " + std::to_string(flags), s_pam.closeStatus);
 }
 
@@ -118,41 +105,33 @@ using Message = std::pair<int, const char*>;
 class PamCallsTest : public testing::Test {
 protected:
     PamCallsTest() : m_helper(new PAMHelper("::ffff:10.0.0.9", nullptr)) { s_pam = {}; }
-    ~PamCallsTest() override
-    {
+    ~PamCallsTest() override {
         s_pam.onStep = nullptr;
         m_helper->dispose();
     }
 
     int logIn(bool skip = false) { return m_helper->authenticate(m_service, m_user, m_password, skip); }
-    int checkAgain(std::string user, bool skip = false)
-    {
-        return m_helper->authenticate(user, m_password, skip);
-    }
+    int checkAgain(std::string user, bool skip = false) { return m_helper->authenticate(user, m_password, skip); }
     static Calls takeCalls() { return std::exchange(s_pam.calls, {}); }
 
     /// Hold a conversation. Returns its status and, on success, the replies ("-" for none).
     static int converse(const pam_conv& conversation, const std::vector<Message>& messages,
-                        std::vector<std::string>* replies = nullptr)
-    {
+                        std::vector<std::string>* replies = nullptr) {
         std::vector<pam_message> records;
         std::vector<const pam_message*> pointers;
-        for (const auto& [style, text] : messages)
-            records.push_back({style, text});
-        for (const pam_message& record : records)
-            pointers.push_back(&record);
+        for (const auto& [style, text] : messages) records.push_back({style, text});
+        for (const pam_message& record : records) pointers.push_back(&record);
         pam_response* const untouched = reinterpret_cast<pam_response*>(&records);
         pam_response* response = untouched;
-        const int status = conversation.conv(static_cast<int>(messages.size()), pointers.data(), &response,
-                                             conversation.appdata_ptr);
+        const int status =
+            conversation.conv(static_cast<int>(messages.size()), pointers.data(), &response, conversation.appdata_ptr);
         if (status != PAM_SUCCESS) {
             EXPECT_EQ(response, untouched);
             return status;
         }
         for (std::size_t i = 0; i < messages.size(); ++i) {
             EXPECT_EQ(response[i].resp_retcode, 0);
-            if (replies != nullptr)
-                replies->emplace_back(response[i].resp == nullptr ? "-" : response[i].resp);
+            if (replies != nullptr) replies->emplace_back(response[i].resp == nullptr ? "-" : response[i].resp);
             std::free(response[i].resp);
         }
         std::free(response);
@@ -163,10 +142,8 @@ protected:
     std::string m_service = "svc", m_user = "alice", m_password = "pass word";
 };
 
-TEST_F(PamCallsTest, EachFormCallsPamInItsOrder)
-{
-    std::string token = "t", context = "c", name = "NAME", value = "v", trigger = "OIDC_LOGIN",
-                lower = "oidc_login";
+TEST_F(PamCallsTest, EachFormCallsPamInItsOrder) {
+    std::string token = "t", context = "c", name = "NAME", value = "v", trigger = "OIDC_LOGIN", lower = "oidc_login";
     bool skip = false;
     const struct {
         std::function<int()> authenticate;
@@ -189,16 +166,14 @@ TEST_F(PamCallsTest, EachFormCallsPamInItsOrder)
         takeCalls();
         EXPECT_EQ(form.authenticate(), PAM_PERM_DENIED);
         Calls expected = {"1 start svc alice"};
-        for (const std::string& variable : form.variables)
-            expected.push_back("1 " + variable);
+        for (const std::string& variable : form.variables) expected.push_back("1 " + variable);
         for (const char* call : {"1 rhost 10.0.0.9", "1 INTERFACE_IP=", "1 authenticate 0", "1 account 0"})
             expected.emplace_back(call);
         EXPECT_EQ(takeCalls(), expected);
     }
 }
 
-TEST_F(PamCallsTest, LaterStepsAreLeftOutAfterAFailureOrOnRequest)
-{
+TEST_F(PamCallsTest, LaterStepsAreLeftOutAfterAFailureOrOnRequest) {
     s_pam.startStatus = PAM_ABORT;
     EXPECT_EQ(logIn(), PAM_AUTH_ERR);
     EXPECT_EQ(m_helper->getAuthResult(), PAM_AUTH_ERR);
@@ -214,15 +189,14 @@ TEST_F(PamCallsTest, LaterStepsAreLeftOutAfterAFailureOrOnRequest)
     EXPECT_EQ(takeCalls().back(), "2 authenticate 0");
 }
 
-TEST_F(PamCallsTest, CheckOfAnotherUserUsesItsOwnTransactionOnly)
-{
+TEST_F(PamCallsTest, CheckOfAnotherUserUsesItsOwnTransactionOnly) {
     m_helper->setInterfaceIP("::ffff:10.0.0.1");
     logIn();
     takeCalls();
     s_pam.authStatus = PAM_AUTH_ERR;
     EXPECT_EQ(checkAgain("bob"), PAM_AUTH_ERR);
-    EXPECT_EQ(takeCalls(), (Calls{"2 start svc bob", "2 rhost 10.0.0.9", "2 INTERFACE_IP=10.0.0.1",
-                                  "2 authenticate 0", "2 end 7"}));
+    EXPECT_EQ(takeCalls(),
+              (Calls{"2 start svc bob", "2 rhost 10.0.0.9", "2 INTERFACE_IP=10.0.0.1", "2 authenticate 0", "2 end 7"}));
     EXPECT_EQ(checkAgain("bob", true), PAM_SUCCESS);
     EXPECT_EQ(takeCalls().back(), "3 end 0");
     s_pam.startStatus = PAM_BUF_ERR;
@@ -233,16 +207,14 @@ TEST_F(PamCallsTest, CheckOfAnotherUserUsesItsOwnTransactionOnly)
     EXPECT_EQ(takeCalls(), Calls{});
 }
 
-TEST_F(PamCallsTest, FirstCheckOfANewHelperMakesTheUserItsOwn)
-{
+TEST_F(PamCallsTest, FirstCheckOfANewHelperMakesTheUserItsOwn) {
     EXPECT_EQ(checkAgain("alice", true), PAM_SUCCESS);
     EXPECT_EQ(takeCalls(), Calls{});
     EXPECT_EQ(checkAgain("bob", true), PAM_SUCCESS);
     EXPECT_EQ(takeCalls().front(), "1 start  bob");
 }
 
-TEST_F(PamCallsTest, DisposeClosesAndEndsWithTheStatusOfTheClose)
-{
+TEST_F(PamCallsTest, DisposeClosesAndEndsWithTheStatusOfTheClose) {
     logIn();
     ASSERT_TRUE(m_helper->startSession());
     m_helper->setSessionId("S1");
@@ -260,27 +232,22 @@ TEST_F(PamCallsTest, DisposeClosesAndEndsWithTheStatusOfTheClose)
     EXPECT_EQ(takeCalls(), Calls{});
 }
 
-TEST_F(PamCallsTest, EveryStepButTheCloseHoldsTheMonitor)
-{
+TEST_F(PamCallsTest, EveryStepButTheCloseHoldsTheMonitor) {
     std::vector<std::unique_ptr<LockProbe>> probes;
     s_pam.onStep = [&](const std::string& call) {
         probes.push_back(std::make_unique<LockProbe>(*PAMHelper::getMonitor()));
-        if (call == "close 0")
-            EXPECT_TRUE(probes.back()->gotIt());
-        else
-            EXPECT_TRUE(probes.back()->isKeptOut()) << call;
+        if (call == "close 0") EXPECT_TRUE(probes.back()->gotIt());
+        else EXPECT_TRUE(probes.back()->isKeptOut()) << call;
     };
     logIn();
     checkAgain("bob");
     ASSERT_TRUE(m_helper->startSession());
     m_helper->stopSession();
     s_pam.onStep = nullptr;
-    for (const auto& probe : probes)
-        EXPECT_TRUE(probe->gotIt()); // nothing keeps the lock
+    for (const auto& probe : probes) EXPECT_TRUE(probe->gotIt()); // nothing keeps the lock
 }
 
-TEST_F(PamCallsTest, OperationsWaitForTheMonitorThatGuardsThem)
-{
+TEST_F(PamCallsTest, OperationsWaitForTheMonitorThatGuardsThem) {
     Monitor* const registry = PAMHelper::getMonitor();
     Monitor* const flags = &PAMHelper::instanceFwMapMonitor;
     const struct {
@@ -314,15 +281,13 @@ TEST_F(PamCallsTest, OperationsWaitForTheMonitorThatGuardsThem)
     }
 }
 
-TEST_F(PamCallsTest, HelperOutlivesTheCallsThatOthersAreStillIn)
-{
+TEST_F(PamCallsTest, HelperOutlivesTheCallsThatOthersAreStillIn) {
     for (int round = 0; round < 200; ++round) {
         logIn(true);
         m_helper->startSession();
         takeCalls();
         s_pam.onStep = [&](const std::string& call) {
-            if (call != "close 0")
-                return;
+            if (call != "close 0") return;
             s_pam.onStep = nullptr;
             EXPECT_FALSE(m_helper->isValid());
             std::thread([this] { m_helper->dispose(); }).join(); // while this thread closes the session
@@ -341,18 +306,15 @@ TEST_F(PamCallsTest, HelperOutlivesTheCallsThatOthersAreStillIn)
                 ++begun;
                 m_helper->dispose();
             });
-        while (begun < 3)
-            std::this_thread::yield();
+        while (begun < 3) std::this_thread::yield();
         std::this_thread::sleep_for(std::chrono::microseconds(200));
         PAMHelper::getMonitor()->releaseLock();
-        for (auto& thread : threads)
-            thread.join();
+        for (auto& thread : threads) thread.join();
         m_helper = new PAMHelper(nullptr, nullptr);
     }
 }
 
-TEST_F(PamCallsTest, SessionIdTextGivesTheNumericId)
-{
+TEST_F(PamCallsTest, SessionIdTextGivesTheNumericId) {
     const struct {
         const char* text;
         int id;
@@ -375,8 +337,7 @@ TEST_F(PamCallsTest, SessionIdTextGivesTheNumericId)
     EXPECT_EQ(m_helper->getAuthResult(), PAM_SUCCESS);
 }
 
-TEST_F(PamCallsTest, AddressInMappedFormIsReduced)
-{
+TEST_F(PamCallsTest, AddressInMappedFormIsReduced) {
     const struct {
         const char* given;
         const char* kept;
@@ -394,8 +355,7 @@ TEST_F(PamCallsTest, AddressInMappedFormIsReduced)
     }
 }
 
-TEST_F(PamCallsTest, ConversationAnswersOnlyPasswordPrompts)
-{
+TEST_F(PamCallsTest, ConversationAnswersOnlyPasswordPrompts) {
     const struct {
         std::vector<Message> messages;
         int status;
@@ -420,11 +380,7 @@ TEST_F(PamCallsTest, ConversationAnswersOnlyPasswordPrompts)
          {"-", "-", "pass word"},
          "note\n",
          ""},
-        {{{PAM_TEXT_INFO, "shown"}, {99, "odd"}, {PAM_TEXT_INFO, "not shown"}},
-         PAM_CONV_ERR,
-         {},
-         "shown\n",
-         ""},
+        {{{PAM_TEXT_INFO, "shown"}, {99, "odd"}, {PAM_TEXT_INFO, "not shown"}}, PAM_CONV_ERR, {}, "shown\n", ""},
         {{}, PAM_CONV_ERR, {}, "", ""},
         {std::vector<Message>(33, {PAM_PROMPT_ECHO_OFF, "Password: "}), PAM_CONV_ERR, {}, "", ""},
         {std::vector<Message>(32, {PAM_PROMPT_ECHO_OFF, "Password: "}), PAM_SUCCESS,
@@ -447,8 +403,7 @@ TEST_F(PamCallsTest, ConversationAnswersOnlyPasswordPrompts)
     }
 }
 
-TEST_F(PamCallsTest, PromptWithEchoIsAnsweredFromStandardInputUntilItEnds)
-{
+TEST_F(PamCallsTest, PromptWithEchoIsAnsweredFromStandardInputUntilItEnds) {
     FILE* input = std::tmpfile();
     std::fputs(("Liddell\n" + std::string(600, 'x') + "\nlast").c_str(), input);
     std::rewind(input);
@@ -464,20 +419,18 @@ TEST_F(PamCallsTest, PromptWithEchoIsAnsweredFromStandardInputUntilItEnds)
     EXPECT_EQ(errors.text(), "Name? Name? Name? Name? Name? ");
     stdin = saved;
     std::fclose(input);
-    EXPECT_EQ(replies, (std::vector<std::string>{"Liddell\n", std::string(511, 'x'),
-                                                 std::string(89, 'x') + "\n", "last"}));
+    EXPECT_EQ(replies,
+              (std::vector<std::string>{"Liddell\n", std::string(511, 'x'), std::string(89, 'x') + "\n", "last"}));
 }
 
-TEST_F(PamCallsTest, PasswordIsForgottenOnEveryPath)
-{
+TEST_F(PamCallsTest, PasswordIsForgottenOnEveryPath) {
     const struct {
         const char* path;
         std::function<void()> run;
     } paths[] = {
         {"start fails", [&] { s_pam.startStatus = PAM_ABORT, logIn(); }},
         {"check fails", [&] { s_pam = {}, s_pam.authStatus = PAM_AUTH_ERR, logIn(); }},
-        {"account fails",
-         [&] { s_pam.authStatus = 0, s_pam.accountStatus = PAM_ACCT_EXPIRED, checkAgain("bob"); }},
+        {"account fails", [&] { s_pam.authStatus = 0, s_pam.accountStatus = PAM_ACCT_EXPIRED, checkAgain("bob"); }},
         {"own user", [&] { checkAgain("alice"); }},
         {"skipped", [&] { checkAgain("alice", true); }},
         {"another user", [&] { checkAgain("bob"); }},
@@ -488,10 +441,8 @@ TEST_F(PamCallsTest, PasswordIsForgottenOnEveryPath)
     }
 }
 
-TEST_F(PamCallsTest, NoTemporaryOrDiscardedReplyKeepsThePassword)
-{
-    if (!ProcessMemory::canBeSearched())
-        GTEST_SKIP() << "a sanitizer's own memory is searched in vain";
+TEST_F(PamCallsTest, NoTemporaryOrDiscardedReplyKeepsThePassword) {
+    if (!ProcessMemory::canBeSearched()) GTEST_SKIP() << "a sanitizer's own memory is searched in vain";
     const ProcessMemory::Secret secret("another passphrase that no small buffer could ever hold");
     std::string password = secret.text();
     std::string name = "NAME", value = "v";

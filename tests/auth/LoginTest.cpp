@@ -18,47 +18,39 @@ constexpr const char* kHash = "salt$8808161c460734fc7bb91a1d1a26e7a2eb75ef0b18ce
 /// A PAM stack in a scratch folder, with whatever accounts a test needs.
 class LoginTest : public testing::Test {
 protected:
-    LoginTest()
-    {
+    LoginTest() {
         const std::string arguments =
             GORV_DEMO_MODULE " accounts=" + m_dir.path("accounts") + " record=" + m_dir.path("record") + "\n";
         std::ofstream service(m_dir.path("test"));
-        for (const char* type : {"auth", "account", "session"})
-            service << type << " required " << arguments;
+        for (const char* type : {"auth", "account", "session"}) service << type << " required " << arguments;
         m_confdir = m_dir.path().string();
         useServiceFilesIn(m_confdir.c_str());
         addAccount("alice", "0", "7");
         addAccount("bob", "0", "8");
     }
-    ~LoginTest() override
-    {
+    ~LoginTest() override {
         useServiceFilesIn(nullptr);
         EXPECT_TRUE(PAMHelper::instanceMap.empty());
         EXPECT_TRUE(PAMHelper::instanceFwMap.empty());
     }
 
     /// @p tail: session id, and perhaps ":" open status and ":" close status.
-    void addAccount(const std::string& user, const std::string& status, const std::string& tail)
-    {
+    void addAccount(const std::string& user, const std::string& status, const std::string& tail) {
         std::ofstream(m_dir.path("accounts"), std::ios::app)
             << user << ':' << kHash << ':' << status << ':' << tail << '\n';
     }
     /// The lines that the module recorded since the last call.
-    std::string recorded()
-    {
+    std::string recorded() {
         std::string text = readFile(m_dir.path("record"));
         std::filesystem::remove(m_dir.path("record"));
         return text;
     }
 
-    int authenticate(PAMHelper& helper, std::string user, std::string password = "wonderland",
-                     bool skip = false)
-    {
+    int authenticate(PAMHelper& helper, std::string user, std::string password = "wonderland", bool skip = false) {
         return helper.authenticate(m_service, user, password, skip);
     }
     static PAMHelper* newHelper() { return new PAMHelper("::ffff:10.0.0.9", "10.0.0.1"); }
-    PAMHelper* loggedIn(const std::string& user)
-    {
+    PAMHelper* loggedIn(const std::string& user) {
         PAMHelper* helper = newHelper();
         EXPECT_EQ(authenticate(*helper, user), PAM_SUCCESS);
         return helper;
@@ -69,8 +61,7 @@ protected:
     std::string m_service = "test";
 };
 
-TEST_F(LoginTest, StatusDecidesWhetherASessionOpens)
-{
+TEST_F(LoginTest, StatusDecidesWhetherASessionOpens) {
     addAccount("carol", "13", "1");
     addAccount("dave", "12", "1");
     addAccount("erin", "0", "1:14");
@@ -104,8 +95,7 @@ TEST_F(LoginTest, StatusDecidesWhetherASessionOpens)
     }
 }
 
-TEST_F(LoginTest, ModulesSeeTheAddressesAndTheVariablesOfEachForm)
-{
+TEST_F(LoginTest, ModulesSeeTheAddressesAndTheVariablesOfEachForm) {
     std::string user = "alice", password = "wonderland", token = "t0ken", context = "ctx", name = "COLOUR";
     std::string value = "blue", trigger = "OIDC_LOGIN", almost = "OIDC_LOGIN2", empty;
     bool skip = false;
@@ -114,19 +104,14 @@ TEST_F(LoginTest, ModulesSeeTheAddressesAndTheVariablesOfEachForm)
         std::function<int(PAMHelper&)> authenticate;
         std::string expected;
     } forms[] = {
-        {[&](PAMHelper& h) { return h.authenticate(m_service, user, password, skip); },
-         "INTERFACE_IP=10.0.0.1"},
+        {[&](PAMHelper& h) { return h.authenticate(m_service, user, password, skip); }, "INTERFACE_IP=10.0.0.1"},
         {[&](PAMHelper& h) { return h.authenticate(m_service, user, password, token, skip); },
          "JEXTOKEN=t0ken INTERFACE_IP=10.0.0.1"},
         {[&](PAMHelper& h) { return h.authenticate(m_service, user, password, name, value, skip); },
          "COLOUR=blue CONTEXT_ID=wonderland INTERFACE_IP=10.0.0.1"},
-        {[&](PAMHelper& h) {
-             return h.authenticate(m_service, user, password, context, trigger, value, skip);
-         },
+        {[&](PAMHelper& h) { return h.authenticate(m_service, user, password, context, trigger, value, skip); },
          "OIDC_LOGIN=blue CONTEXT_ID=ctx INTERFACE_IP=10.0.0.1"},
-        {[&](PAMHelper& h) {
-             return h.authenticate(m_service, user, password, context, almost, empty, skip);
-         },
+        {[&](PAMHelper& h) { return h.authenticate(m_service, user, password, context, almost, empty, skip); },
          "OIDC_LOGIN2= INTERFACE_IP=10.0.0.1"},
     };
     for (const auto& form : forms) {
@@ -138,14 +123,12 @@ TEST_F(LoginTest, ModulesSeeTheAddressesAndTheVariablesOfEachForm)
     }
 }
 
-TEST_F(LoginTest, HelperIsFoundByTextAndNumberUntilItsSessionStops)
-{
+TEST_F(LoginTest, HelperIsFoundByTextAndNumberUntilItsSessionStops) {
     addAccount("minus", "0", "-1");
     PAMHelper* first = loggedIn("alice");
     PAMHelper* second = loggedIn("alice");
     PAMHelper* minus = loggedIn("minus");
-    for (PAMHelper* helper : {first, second, minus})
-        ASSERT_TRUE(helper->startSession());
+    for (PAMHelper* helper : {first, second, minus}) ASSERT_TRUE(helper->startSession());
     first->setSessionId("b");
     second->setSessionId("");
     minus->setSessionId("\xff");
@@ -160,12 +143,10 @@ TEST_F(LoginTest, HelperIsFoundByTextAndNumberUntilItsSessionStops)
     first->stopSession();
     EXPECT_EQ(PAMHelper::instanceForSessionId("b"), nullptr);
     EXPECT_TRUE(first->startSession()); // again, on the same transaction
-    for (PAMHelper* helper : {first, second, minus})
-        helper->dispose();
+    for (PAMHelper* helper : {first, second, minus}) helper->dispose();
 }
 
-TEST_F(LoginTest, SharedSessionIdBelongsToTheLastAndIsRemovedByWhoeverStops)
-{
+TEST_F(LoginTest, SharedSessionIdBelongsToTheLastAndIsRemovedByWhoeverStops) {
     PAMHelper* alice = loggedIn("alice");
     PAMHelper* bob = loggedIn("bob");
     alice->setSessionId("S1");
@@ -180,8 +161,7 @@ TEST_F(LoginTest, SharedSessionIdBelongsToTheLastAndIsRemovedByWhoeverStops)
     bob->dispose();
 }
 
-TEST_F(LoginTest, DeletedHelperIsInNoMap)
-{
+TEST_F(LoginTest, DeletedHelperIsInNoMap) {
     PAMHelper* neverStarted = newHelper(); // no transaction, so nothing is stopped
     neverStarted->setSessionId("S1");
     neverStarted->setFwInProgress(true);
@@ -199,8 +179,7 @@ TEST_F(LoginTest, DeletedHelperIsInNoMap)
     other->dispose();
 }
 
-TEST_F(LoginTest, FirmwareMapNamesWhoSetEachValueLast)
-{
+TEST_F(LoginTest, FirmwareMapNamesWhoSetEachValueLast) {
     PAMHelper* a = newHelper();
     PAMHelper* b = newHelper();
     a->setFwInProgress(true);
@@ -214,10 +193,8 @@ TEST_F(LoginTest, FirmwareMapNamesWhoSetEachValueLast)
     b->dispose();
 }
 
-TEST_F(LoginTest, NoCopyOfThePasswordOutlivesThePlainForm)
-{
-    if (!ProcessMemory::canBeSearched())
-        GTEST_SKIP() << "a sanitizer's own memory is searched in vain";
+TEST_F(LoginTest, NoCopyOfThePasswordOutlivesThePlainForm) {
+    if (!ProcessMemory::canBeSearched()) GTEST_SKIP() << "a sanitizer's own memory is searched in vain";
     const ProcessMemory::Secret secret("a passphrase that is far too long for any small buffer");
     PAMHelper* helper = newHelper();
     std::string user = "alice", password = secret.text();
@@ -229,8 +206,7 @@ TEST_F(LoginTest, NoCopyOfThePasswordOutlivesThePlainForm)
     helper->dispose();
 }
 
-TEST_F(LoginTest, ManyThreadsLogInFindAndDisposeWhileOthersLook)
-{
+TEST_F(LoginTest, ManyThreadsLogInFindAndDisposeWhileOthersLook) {
     constexpr int kThreads = 8;
     constexpr int kRounds = 25;
     addAccount("crowd", "0", "auto");
@@ -247,8 +223,7 @@ TEST_F(LoginTest, ManyThreadsLogInFindAndDisposeWhileOthersLook)
                 EXPECT_TRUE(helper->startSession());
                 EXPECT_EQ(PAMHelper::instanceForSessionId(id), helper);
                 helper->setFwInProgress(round % 2 == 0);
-                if (round % 3 == 0)
-                    helper->stopSession();
+                if (round % 3 == 0) helper->stopSession();
                 helper->dispose();
                 if (t == 0) { // a session is opened and closed by one thread
                     watched->startSession();
@@ -260,16 +235,14 @@ TEST_F(LoginTest, ManyThreadsLogInFindAndDisposeWhileOthersLook)
     }
     while (working > 0) {
         PAMHelper::getMonitor()->fastLock();
-        if (PAMHelper* found = PAMHelper::instanceForKEPId(3))
-            found->isValid();
+        if (PAMHelper* found = PAMHelper::instanceForKEPId(3)) found->isValid();
         PAMHelper::getMonitor()->releaseLock();
         watched->isValid();
         watched->getKEPSessionId();
         watched->getAuthResult();
         watched->isFwInProgress();
     }
-    for (auto& thread : threads)
-        thread.join();
+    for (auto& thread : threads) thread.join();
     watched->dispose();
 }
 

@@ -17,8 +17,7 @@ public:
 
     /// Do something for the test itself, which nothing disturbs.
     template <typename Step>
-    static void undisturbed(Step step)
-    {
+    static void undisturbed(Step step) {
         setArmed(false);
         step();
         setArmed(true);

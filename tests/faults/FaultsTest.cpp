@@ -24,8 +24,7 @@ namespace {
 int s_transactions = 0; // started and not ended
 
 template <typename Function>
-Function* systems(const char* name)
-{
+Function* systems(const char* name) {
     return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
 }
 
@@ -34,16 +33,14 @@ Function* systems(const char* name)
 #define INTERPOSED extern "C" __attribute__((visibility("default")))
 
 INTERPOSED int pam_start_confdir(const char* service, const char* user, const pam_conv* conversation,
-                                 const char* confdir, pam_handle_t** handle)
-{
+                                 const char* confdir, pam_handle_t** handle) {
     static auto* const s_real = systems<decltype(pam_start_confdir)>("pam_start_confdir");
     const int status = s_real(service, user, conversation, confdir, handle);
     s_transactions += status == PAM_SUCCESS ? 1 : 0;
     return status;
 }
 
-INTERPOSED int pam_end(pam_handle_t* handle, int lastStatus)
-{
+INTERPOSED int pam_end(pam_handle_t* handle, int lastStatus) {
     static auto* const s_real = systems<decltype(pam_end)>("pam_end");
     const int status = s_real(handle, lastStatus);
     s_transactions -= status == PAM_SUCCESS ? 1 : 0;
@@ -52,10 +49,7 @@ INTERPOSED int pam_end(pam_handle_t* handle, int lastStatus)
 
 /// libpam forgets the modules that it has loaded when pam_start fails half-way. What we owe it is counted
 /// above.
-INTERPOSED const char* __lsan_default_suppressions()
-{
-    return "leak:libpam.so\n";
-}
+INTERPOSED const char* __lsan_default_suppressions() { return "leak:libpam.so\n"; }
 
 namespace {
 
@@ -67,8 +61,7 @@ protected:
     using Road = std::function<std::string(Faults::Kind kind, int number)>;
 
     /// Walk a road until each of its calls has failed once. Returns the names of those calls.
-    static Names failEachCall(const Road& road)
-    {
+    static Names failEachCall(const Road& road) {
         Names names;
         const std::string undisturbed = road(Faults::Kind::Failure, -1);
         for (const Faults::Kind kind : {Faults::Kind::Failure, Faults::Kind::Interruption}) {
@@ -76,8 +69,7 @@ protected:
                 const int before = openDescriptors();
                 const std::string outcome = road(kind, number);
                 const std::string name = Faults::failedCall();
-                if (name.empty())
-                    break;
+                if (name.empty()) break;
                 names.insert(name);
                 SCOPED_TRACE("call " + std::to_string(number) + ", " + name + ": " + outcome);
                 EXPECT_EQ(openDescriptors(), before);
@@ -89,8 +81,7 @@ protected:
         }
         return names;
     }
-    static void expectAll(const Names& names, const Names& wanted)
-    {
+    static void expectAll(const Names& names, const Names& wanted) {
         EXPECT_TRUE(std::includes(names.begin(), names.end(), wanted.begin(), wanted.end()))
             << testing::PrintToString(names);
     }
@@ -105,22 +96,19 @@ constexpr const char* kHash = "salt$8808161c460734fc7bb91a1d1a26e7a2eb75ef0b18ce
 
 class LoginFaultsTest : public FaultsTest {
 protected:
-    LoginFaultsTest()
-    {
+    LoginFaultsTest() {
         std::ofstream service(m_dir.path(m_service));
         for (const char* type : {"auth", "account", "session"})
             service << type << " required " GORV_DEMO_MODULE " accounts=" << m_dir.path("accounts") << '\n';
         std::ofstream(m_dir.path("accounts")) << m_user << ':' << kHash << ":0:7\n";
         useServiceFilesIn(m_confdir.c_str());
     }
-    ~LoginFaultsTest() override
-    {
+    ~LoginFaultsTest() override {
         useServiceFilesIn(nullptr);
         ::dlclose(m_module);
     }
 
-    std::string logIn(Faults::Kind kind, int number, const std::string& password)
-    {
+    std::string logIn(Faults::Kind kind, int number, const std::string& password) {
         std::string secret = password;
         bool skip = false;
         int status = -1;
@@ -139,8 +127,7 @@ protected:
                 again = helper->authenticate(m_stranger, secret, skip);
                 helper->stopSession();
                 EXPECT_FALSE(helper->isValid());
-            } catch (const std::bad_alloc&) {
-            }
+            } catch (const std::bad_alloc&) {}
             if (helper != nullptr) {
                 const std::string& kept = helper->m_password;
                 EXPECT_TRUE(std::all_of(kept.begin(), kept.end(), [](char c) { return c == '\0'; }));
@@ -163,12 +150,10 @@ protected:
     std::string m_confdir = m_dir.path().string();
 };
 
-TEST_F(LoginFaultsTest, NoFaultLeaksALoginOrLetsAWrongPasswordIn)
-{
+TEST_F(LoginFaultsTest, NoFaultLeaksALoginOrLetsAWrongPasswordIn) {
     EXPECT_EQ(logIn(Faults::Kind::Failure, -1, "wonderland"), "0 opened registered");
     for (const char* password : {"wonderland", "a password that is wrong and long"}) {
-        const Names names =
-            failEachCall([&](Faults::Kind kind, int number) { return logIn(kind, number, password); });
+        const Names names = failEachCall([&](Faults::Kind kind, int number) { return logIn(kind, number, password); });
         expectAll(names, {"calloc", "fopen", "malloc", "new", "open", "read", "strdup"});
     }
 }
@@ -177,8 +162,7 @@ TEST_F(LoginFaultsTest, NoFaultLeaksALoginOrLetsAWrongPasswordIn)
 
 class ConnectionFaultsTest : public FaultsTest {
 protected:
-    ConnectionFaultsTest()
-    {
+    ConnectionFaultsTest() {
         m_address.sin_family = AF_INET;
         m_address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t size = sizeof m_address;
@@ -186,14 +170,12 @@ protected:
         ::listen(m_listener, 4);
         ::getsockname(m_listener, reinterpret_cast<sockaddr*>(&m_address), &size);
     }
-    ~ConnectionFaultsTest() override
-    {
+    ~ConnectionFaultsTest() override {
         ::close(m_listener);
         std::fclose(m_logFile);
     }
 
-    std::string talk(Faults::Kind kind, int number)
-    {
+    std::string talk(Faults::Kind kind, int number) {
         ALog log("talk", m_logFile);
         CapturedStream output(stdout);
         CapturedStream errors(stderr);
@@ -212,16 +194,13 @@ protected:
             } catch (const GorvSocketException&) {
                 outcome = "refused";
                 EXPECT_FALSE(socket.isOpen());
-            } catch (const std::bad_alloc&) {
-                outcome = "no memory";
-            }
+            } catch (const std::bad_alloc&) { outcome = "no memory"; }
         }
         return outcome + " " + receivedBy(peer);
     }
 
 private:
-    static std::string converse(ASocket& socket, ALog& log)
-    {
+    static std::string converse(ASocket& socket, ALog& log) {
         int number = -1;
         short shorter = -1;
         unsigned char bytes[12] = {};
@@ -239,8 +218,7 @@ private:
         return std::to_string(first) + std::to_string(second) + std::to_string(third);
     }
     /// All that arrived at the peer, which has to be what was written, up to some point.
-    static std::string receivedBy(int peer)
-    {
+    static std::string receivedBy(int peer) {
         const std::string whole("\0\0\0\1a text.", 11);
         char bytes[64];
         ssize_t count = 0;
@@ -258,8 +236,7 @@ private:
     sockaddr_in m_address{};
 };
 
-TEST_F(ConnectionFaultsTest, NoFaultLosesADescriptorOrMixesUpBytes)
-{
+TEST_F(ConnectionFaultsTest, NoFaultLosesADescriptorOrMixesUpBytes) {
     EXPECT_EQ(talk(Faults::Kind::Failure, -1), "4212 11");
     expectAll(failEachCall([this](Faults::Kind kind, int number) { return talk(kind, number); }),
               {"connect", "fcntl", "new", "poll", "recv", "setsockopt", "socket", "write"});
@@ -267,8 +244,7 @@ TEST_F(ConnectionFaultsTest, NoFaultLosesADescriptorOrMixesUpBytes)
 
 // ---- a program
 
-std::string readAll(int descriptor)
-{
+std::string readAll(int descriptor) {
     std::string text;
     char bytes[256];
     for (ssize_t count = 0; (count = ::read(descriptor, bytes, sizeof bytes)) > 0;)
@@ -276,8 +252,7 @@ std::string readAll(int descriptor)
     return text;
 }
 
-std::string runProgram(Faults::Kind kind, int number)
-{
+std::string runProgram(Faults::Kind kind, int number) {
     CapturedStream output(stdout);
     CapturedStream errors(stderr);
     SystemExec runner;
@@ -288,8 +263,7 @@ std::string runProgram(Faults::Kind kind, int number)
         runner.setCommand(command);
         runner.setArgList(args);
         runner.execute();
-    } catch (const std::bad_alloc&) {
-    }
+    } catch (const std::bad_alloc&) {}
     const bool started = runner.getStdOut() >= 0;
     EXPECT_EQ(runner.getStdIn() >= 0, started);
     EXPECT_EQ(runner.getStdErr() >= 0, started);
@@ -304,8 +278,7 @@ std::string runProgram(Faults::Kind kind, int number)
     return text;
 }
 
-TEST_F(FaultsTest, NoFaultOfAProgramRunLeavesAPipeOrAChild)
-{
+TEST_F(FaultsTest, NoFaultOfAProgramRunLeavesAPipeOrAChild) {
     sigset_t childEnded; // the handler is called by hand
     sigset_t before;
     sigemptyset(&childEnded);

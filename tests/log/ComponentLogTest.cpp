@@ -8,14 +8,12 @@ namespace {
 
 class ComponentLogTest : public testing::Test {
 protected:
-    ComponentLogTest() : m_file(std::fopen(m_dir.path("log").c_str(), "w")), m_log("base", m_file)
-    {
+    ComponentLogTest() : m_file(std::fopen(m_dir.path("log").c_str(), "w")), m_log("base", m_file) {
         m_log.setShowTimestamp(false);
     }
     ~ComponentLogTest() override { std::fclose(m_file); }
 
-    std::string written()
-    {
+    std::string written() {
         std::fflush(m_file);
         return readFile(m_dir.path("log"));
     }
@@ -26,8 +24,7 @@ protected:
 };
 
 void vprintTo(AComponentLog& log, const char* format, ...) GORV_PRINTF(2, 3);
-void vprintTo(AComponentLog& log, const char* format, ...)
-{
+void vprintTo(AComponentLog& log, const char* format, ...) {
     va_list args;
     va_start(args, format);
     log.vprint(format, args);
@@ -37,8 +34,7 @@ void vprintTo(AComponentLog& log, const char* format, ...)
     va_end(args);
 }
 
-void useEveryOperation(AComponentLog& log)
-{
+void useEveryOperation(AComponentLog& log) {
     log.print("m %d\n", 1);
     log.print(AComponentLog::ERROR, "m %d\n", 1);
     log.logInfo("m %d\n", 1);
@@ -48,16 +44,13 @@ void useEveryOperation(AComponentLog& log)
     vprintTo(log, "m %d\n", 1);
 }
 
-std::string repeated(const std::string& line, int count)
-{
+std::string repeated(const std::string& line, int count) {
     std::string result;
-    while (count-- > 0)
-        result += line;
+    while (count-- > 0) result += line;
     return result;
 }
 
-TEST_F(ComponentLogTest, EveryOperationWritesTheBaseLogsLineAndLeavesItBuffered)
-{
+TEST_F(ComponentLogTest, EveryOperationWritesTheBaseLogsLineAndLeavesItBuffered) {
     AComponentLog component("component", m_log);
     useEveryOperation(component);
     EXPECT_EQ(readFile(m_dir.path("log")), "");
@@ -65,8 +58,7 @@ TEST_F(ComponentLogTest, EveryOperationWritesTheBaseLogsLineAndLeavesItBuffered)
     EXPECT_EQ(readFile(m_dir.path("log")), repeated("base -m 1\n", 8));
 }
 
-TEST_F(ComponentLogTest, WithoutBaseLogOrSwitchedOffNothingIsWritten)
-{
+TEST_F(ComponentLogTest, WithoutBaseLogOrSwitchedOffNothingIsWritten) {
     AComponentLog component(nullptr);
     useEveryOperation(component);
     component.flush();
@@ -84,8 +76,7 @@ TEST_F(ComponentLogTest, WithoutBaseLogOrSwitchedOffNothingIsWritten)
     EXPECT_EQ(written(), "base -buffered\nbase -m 1\n");
 }
 
-TEST_F(ComponentLogTest, BaseLogIsHandedDownToAllDescendants)
-{
+TEST_F(ComponentLogTest, BaseLogIsHandedDownToAllDescendants) {
     ALog other("other", m_file);
     AComponentLog root("root");
     AComponentLog child("child", other);
@@ -100,8 +91,7 @@ TEST_F(ComponentLogTest, BaseLogIsHandedDownToAllDescendants)
     EXPECT_EQ(grandchild.getParentLog(), &m_log);
 }
 
-TEST_F(ComponentLogTest, RemovalTakesOneEntryAndKeepsTheBaseLog)
-{
+TEST_F(ComponentLogTest, RemovalTakesOneEntryAndKeepsTheBaseLog) {
     ALog other("other", m_file);
     ALog last("last", m_file);
     AComponentLog parent("parent", m_log);
@@ -117,8 +107,7 @@ TEST_F(ComponentLogTest, RemovalTakesOneEntryAndKeepsTheBaseLog)
     EXPECT_EQ(child.getBaseLog(), &other);
 }
 
-TEST_F(ComponentLogTest, ChildThatWouldCloseACycleIsRefused)
-{
+TEST_F(ComponentLogTest, ChildThatWouldCloseACycleIsRefused) {
     AComponentLog top("top");
     AComponentLog middle("middle");
     AComponentLog bottom("bottom");

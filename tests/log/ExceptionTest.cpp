@@ -2,15 +2,12 @@
 
 #include <gtest/gtest.h>
 
-TEST(Exceptions, CarryTheirMessageToTheHandlerOfTheRootAndCutItBeyond4095Characters)
-{
+TEST(Exceptions, CarryTheirMessageToTheHandlerOfTheRootAndCutItBeyond4095Characters) {
     const std::string longest(4095, 'm');
     EXPECT_EQ(Exception().getMessage() + NumberFormatException().getMessage(), "");
     EXPECT_EQ(Exception("step %d of %s", 7, "100%d").getMessage(), "step 7 of 100%d");
     EXPECT_EQ(Exception("%s", longest.c_str()).getMessage(), longest);
     try {
         throw NumberFormatException("%s!", longest.c_str());
-    } catch (const Exception& failure) {
-        EXPECT_EQ(failure.getMessage(), longest);
-    }
+    } catch (const Exception& failure) { EXPECT_EQ(failure.getMessage(), longest); }
 }

@@ -18,21 +18,16 @@ std::atomic<std::time_t> s_fakeTime = 0; // 0: the real clock
 } // namespace
 
 // Takes the place of the C library's clock for the log.
-extern "C" __attribute__((visibility("default"))) std::time_t time(std::time_t* result) noexcept
-{
+extern "C" __attribute__((visibility("default"))) std::time_t time(std::time_t* result) noexcept {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     const std::time_t seconds = s_fakeTime != 0 ? s_fakeTime.load() : now.tv_sec;
-    if (result != nullptr)
-        *result = seconds;
+    if (result != nullptr) *result = seconds;
     return seconds;
 }
 
 // One buffer for all threads: the log must not call it.
-extern "C" __attribute__((visibility("default"))) std::tm* localtime(const std::time_t*) noexcept
-{
-    std::abort();
-}
+extern "C" __attribute__((visibility("default"))) std::tm* localtime(const std::time_t*) noexcept { std::abort(); }
 
 namespace {
 
@@ -41,22 +36,18 @@ constexpr std::size_t kStampLength = 20;
 
 class LogTest : public testing::Test {
 protected:
-    void SetUp() override
-    {
+    void SetUp() override {
         m_oldFolder = std::filesystem::current_path();
         std::filesystem::current_path(m_dir.path()); // where "debug.log" lands
         setZone("UTC");
     }
-    void TearDown() override
-    {
+    void TearDown() override {
         s_fakeTime = 0;
         std::filesystem::current_path(m_oldFolder);
-        if (m_file != nullptr)
-            std::fclose(m_file);
+        if (m_file != nullptr) std::fclose(m_file);
     }
 
-    static void setZone(const char* zone)
-    {
+    static void setZone(const char* zone) {
         setenv("TZ", zone, 1);
         tzset();
     }
@@ -70,8 +61,7 @@ protected:
     std::filesystem::path m_oldFolder;
 };
 
-TEST_F(LogTest, LineIsNameHyphenMessageAndLevelsChangeNothing)
-{
+TEST_F(LogTest, LineIsNameHyphenMessageAndLevelsChangeNothing) {
     ALog log("box", stream());
     log.setShowTimestamp(false);
     log.print("a %d\n", 1);
@@ -85,8 +75,7 @@ TEST_F(LogTest, LineIsNameHyphenMessageAndLevelsChangeNothing)
     EXPECT_TRUE(written().ends_with("\n -open - line\n")) << written();
 }
 
-TEST_F(LogTest, MessageIsFormattedAsPrintfDoes)
-{
+TEST_F(LogTest, MessageIsFormattedAsPrintfDoes) {
     ALog log("", stream());
     log.setShowTimestamp(false);
     EXPECT_TRUE(!log.getEchoToConsole() && !log.getShowTimestamp() && log.getEnabled());
@@ -99,8 +88,7 @@ TEST_F(LogTest, MessageIsFormattedAsPrintfDoes)
                          " -plain first and then 007\n");
 }
 
-TEST_F(LogTest, StampFollowsClockAndZoneFromLineToLine)
-{
+TEST_F(LogTest, StampFollowsClockAndZoneFromLineToLine) {
     ALog log("box", stream());
     const struct {
         std::time_t time;
@@ -131,8 +119,7 @@ TEST_F(LogTest, StampFollowsClockAndZoneFromLineToLine)
     EXPECT_EQ(written(), expected + "11/ 7/2026 05:00:00 box -x\n");
 }
 
-TEST_F(LogTest, LineIsCutAt2047CharactersWithStampAndNameCounted)
-{
+TEST_F(LogTest, LineIsCutAt2047CharactersWithStampAndNameCounted) {
     const std::string longText(3000, 'm');
     for (const bool stamp : {true, false}) {
         for (const std::size_t nameLength : {3U, 2046U, 2500U}) {
@@ -150,8 +137,7 @@ TEST_F(LogTest, LineIsCutAt2047CharactersWithStampAndNameCounted)
     }
 }
 
-TEST_F(LogTest, SwitchedOffLogWritesNothingAndOpensNothing)
-{
+TEST_F(LogTest, SwitchedOffLogWritesNothingAndOpensNothing) {
     ALog log("box");
     EXPECT_FALSE(log.getEnabled());
     log.print("x\n");
@@ -165,8 +151,7 @@ TEST_F(LogTest, SwitchedOffLogWritesNothingAndOpensNothing)
     EXPECT_EQ(readFile("own.log"), "box -x\n");
 }
 
-TEST_F(LogTest, OpenFailuresDropTheLineAndTheNextLineTriesAgain)
-{
+TEST_F(LogTest, OpenFailuresDropTheLineAndTheNextLineTriesAgain) {
     ALog log("box", stream());
     log.setShowTimestamp(false);
     EXPECT_EQ(log.setOutputFile("missing/own.log"), -1);
@@ -182,8 +167,7 @@ TEST_F(LogTest, OpenFailuresDropTheLineAndTheNextLineTriesAgain)
     EXPECT_EQ(log.setOutputFile(nullptr), -1);
 }
 
-TEST_F(LogTest, MovingTheFileEachNightLeaksNoDescriptorAndLosesNoLine)
-{
+TEST_F(LogTest, MovingTheFileEachNightLeaksNoDescriptorAndLosesNoLine) {
     ALog log("box", stream());
     log.setShowTimestamp(false);
     ASSERT_EQ(log.setOutputFile("night.log"), 0);
@@ -206,8 +190,7 @@ TEST_F(LogTest, MovingTheFileEachNightLeaksNoDescriptorAndLosesNoLine)
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST_F(LogTest, EchoedLineAlsoReachesStandardOutput)
-{
+TEST_F(LogTest, EchoedLineAlsoReachesStandardOutput) {
     CapturedStream output(stdout);
     ALog log("box", stream());
     log.setShowTimestamp(false);
@@ -225,22 +208,19 @@ TEST_F(LogTest, EchoedLineAlsoReachesStandardOutput)
     EXPECT_EQ(written(), "box -100% %d\n");
 }
 
-TEST_F(LogTest, FullDiskStopsNothing)
-{
+TEST_F(LogTest, FullDiskStopsNothing) {
     FILE* full = std::fopen("/dev/full", "w");
     ALog log("box", full);
     log.setShowTimestamp(false);
     log.setEchoToConsole(true);
     CapturedStream output(stdout);
-    for (int i = 0; i < 100; ++i)
-        log.print("%d\n", i);
+    for (int i = 0; i < 100; ++i) log.print("%d\n", i);
     log.flush();
     EXPECT_TRUE(output.text().ends_with("box -98\nbox -99\n"));
     std::fclose(full);
 }
 
-TEST_F(LogTest, LinesOfManyThreadsAndTwoLogsStayWhole)
-{
+TEST_F(LogTest, LinesOfManyThreadsAndTwoLogsStayWhole) {
     constexpr int kThreads = 8;
     constexpr int kLines = 200;
     ALog first("first", stream());
@@ -255,8 +235,7 @@ TEST_F(LogTest, LinesOfManyThreadsAndTwoLogsStayWhole)
             }
         });
     }
-    for (auto& thread : threads)
-        thread.join();
+    for (auto& thread : threads) thread.join();
     const std::regex whole(R"(\d\d/[ \d]\d/\d{4} \d\d:\d\d:\d\d (first|second) -thread \d line \d+)");
     std::set<std::string> lines;
     for (const std::string& file : {path(), std::string("debug.log")}) {

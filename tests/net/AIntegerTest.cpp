@@ -9,17 +9,13 @@
 namespace {
 
 /// The number that @p text begins with; -77 if it is rejected with itself as the message.
-int parsed(const std::string& text)
-{
+int parsed(const std::string& text) {
     try {
         return AInteger::parseInt(text.c_str());
-    } catch (const NumberFormatException& failure) {
-        return failure.getMessage() == text ? -77 : 77;
-    }
+    } catch (const NumberFormatException& failure) { return failure.getMessage() == text ? -77 : 77; }
 }
 
-TEST(AInteger, ReadsTheNumberThatATextBeginsWithOrHandsTheTextOverAsData)
-{
+TEST(AInteger, ReadsTheNumberThatATextBeginsWithOrHandsTheTextOverAsData) {
     const std::pair<std::vector<std::string>, int> rows[] = {
         {{"  5", "5abc", "\t\n\v\f\r+5", "0x5", "0X5g", "005", "058", "0b101", "0B1012", "5%d"}, 5},
         {{"", "  \n", "abc", "-", "+ 1", "+-1", "x12", "%s%n", "\xa0\x31"}, -77},
@@ -29,12 +25,10 @@ TEST(AInteger, ReadsTheNumberThatATextBeginsWithOrHandsTheTextOverAsData)
         {{"-2147483648", "2147483648"}, INT_MIN},
     };
     for (const auto& [texts, value] : rows)
-        for (const std::string& text : texts)
-            EXPECT_EQ(parsed(text), value) << text;
+        for (const std::string& text : texts) EXPECT_EQ(parsed(text), value) << text;
 }
 
-TEST(AInteger, FormatsDecimalAndPacksTheMostSignificantByteFirst)
-{
+TEST(AInteger, FormatsDecimalAndPacksTheMostSignificantByteFirst) {
     EXPECT_EQ(AInteger(7).toString() + AInteger::toString(AInteger(INT_MIN).getValue()), "7-2147483648");
     unsigned char data[] = "------------";
     AInteger::encodeInt(data, 0, -2);

@@ -23,8 +23,7 @@ namespace {
 
 /// All that @p call tells: standard output, then standard error, where the sockets of this test log as well.
 /// Of the operation and source line that begin a message the operation stays.
-std::string told(const std::function<void()>& call)
-{
+std::string told(const std::function<void()>& call) {
     CapturedStream output(stdout);
     CapturedStream error(stderr);
     call();
@@ -35,8 +34,7 @@ std::string told(const std::function<void()>& call)
 
 /// What the receiving @p operation tells after its result, the value and the state that it leaves.
 template <typename Value>
-std::string toldBy(ASocket& socket, int (ASocket::*operation)(Value&, unsigned int), unsigned int timeout)
-{
+std::string toldBy(ASocket& socket, int (ASocket::*operation)(Value&, unsigned int), unsigned int timeout) {
     return told([&] {
         Value value = 77;
         const int result = (socket.*operation)(value, timeout);
@@ -45,13 +43,11 @@ std::string toldBy(ASocket& socket, int (ASocket::*operation)(Value&, unsigned i
 }
 
 /// Whether @p text is @p pattern, in which "*" stands for anything.
-bool matches(const std::string& text, const std::string& pattern)
-{
+bool matches(const std::string& text, const std::string& pattern) {
     return ::fnmatch(pattern.c_str(), text.c_str(), 0) == 0;
 }
 
-void limitDescriptors(rlim_t count)
-{
+void limitDescriptors(rlim_t count) {
     rlimit limit{};
     ::getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = count;
@@ -60,18 +56,15 @@ void limitDescriptors(rlim_t count)
 
 /// A logging socket on one end of a connection and a raw descriptor, the peer, on the other.
 struct Link {
-    Link()
-    {
+    Link() {
         log.setShowTimestamp(false);
         socket.setLog(log);
     }
-    ~Link()
-    {
+    ~Link() {
         ::close(peer);
         ::close(listener);
     }
-    int connect()
-    {
+    int connect() {
         socklen_t size = sizeof address;
         auto* generic = reinterpret_cast<sockaddr*>(&address);
         ::bind(listener, generic, size);
@@ -92,8 +85,7 @@ struct Link {
     ASocket socket{end, address};
 };
 
-TEST(ASocket, ConnectingTellsItsProgressOrThrowsWhatItPrintedAndLosesNoDescriptor)
-{
+TEST(ASocket, ConnectingTellsItsProgressOrThrowsWhatItPrintedAndLosesNoDescriptor) {
     const int closed = Link().port();
     const int before = openDescriptors();
     {
@@ -113,15 +105,13 @@ TEST(ASocket, ConnectingTellsItsProgressOrThrowsWhatItPrintedAndLosesNoDescripto
         {longName.c_str(), ("host info not found ip=\"" + longName).substr(0, 255), "host info not found: *"},
         {nullptr, "host info not found ip=\"(null)\"\n", "host info not found: Invalid argument\n"}};
     for (const auto& [ip, message, complaint] : rows)
-        EXPECT_PRED2(matches,
-                     told([&, host = ip] { EXPECT_THROW(ASocket(host, closed), GorvSocketException); }),
+        EXPECT_PRED2(matches, told([&, host = ip] { EXPECT_THROW(ASocket(host, closed), GorvSocketException); }),
                      "*connecting...\ncreateIPSocket " + message +
                          "\ncreateIPSocket Exception with message: " + message + ".\n" + complaint);
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST(ASocket, EachCopyClosesADescriptorOfItsOwnAndConnectingAgainLosesNone)
-{
+TEST(ASocket, EachCopyClosesADescriptorOfItsOwnAndConnectingAgainLosesNone) {
     const int before = openDescriptors();
     {
         Link link;
@@ -147,8 +137,7 @@ TEST(ASocket, EachCopyClosesADescriptorOfItsOwnAndConnectingAgainLosesNone)
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST(ASocket, SpeaksTheWireFormatWithNetcatAndLogsEveryStep)
-{
+TEST(ASocket, SpeaksTheWireFormatWithNetcatAndLogsEveryStep) {
     Link link; // lends its log
     const std::string netcat = "printf '\\0\\0\\1\\0\\377\\376\\376\\3\\1\\2' | nc -N 127.0.0.2 ";
     FILE* output = ::popen((netcat + std::to_string(link.port())).c_str(), "re");
@@ -188,17 +177,14 @@ TEST(ASocket, SpeaksTheWireFormatWithNetcatAndLogsEveryStep)
     }
     EXPECT_EQ(std::string(data, data + 6), "\xab\0\1\2\0\3"s);
     char answer[16];
-    EXPECT_EQ(std::string(answer, std::fread(answer, 1, sizeof answer, output)),
-              "\xff\xff\xff\xfe\x23\x45\xfe%s");
+    EXPECT_EQ(std::string(answer, std::fread(answer, 1, sizeof answer, output)), "\xff\xff\xff\xfe\x23\x45\xfe%s");
     EXPECT_EQ(::pclose(output), 0);
 }
 
-TEST(ASocket, PeerMayCloseOrResetAtEveryPointOfAFrameAndNothingPassesAfterwards)
-{
-    const std::string outcomes[] = {
-        "0 77 3 *socket_read Connection closed by peer.readInt: failed count = 0\n",
-        "-1 77 5 *Socket recv failed: Connection reset by peer\n"
-        "socket_read Socket recv failed count=<-1>\nreadInt: failed count = -1\n"};
+TEST(ASocket, PeerMayCloseOrResetAtEveryPointOfAFrameAndNothingPassesAfterwards) {
+    const std::string outcomes[] = {"0 77 3 *socket_read Connection closed by peer.readInt: failed count = 0\n",
+                                    "-1 77 5 *Socket recv failed: Connection reset by peer\n"
+                                    "socket_read Socket recv failed count=<-1>\nreadInt: failed count = -1\n"};
     for (const int abruptly : {0, 1}) {
         for (const std::string arrived : {"", "1", "12", "123"}) {
             Link link;
@@ -208,21 +194,19 @@ TEST(ASocket, PeerMayCloseOrResetAtEveryPointOfAFrameAndNothingPassesAfterwards)
             ::close(std::exchange(link.peer, -1));
             EXPECT_PRED2(matches, toldBy(link.socket, &ASocket::readInt, arrived.size() % 2),
                          outcomes[abruptly] + "readInt: read value = 77\n");
-            EXPECT_PRED2(
-                matches, toldBy(link.socket, &ASocket::readShort, 1) + told([&] {
-                             EXPECT_EQ(link.socket.read(nullptr, 0, 1, 1), 0);
-                             link.socket.writeInt(1);
-                             link.socket.writeByte(1);
-                         }),
-                "-1 77 [35] readShort: timeout = 1\nreadFully m_socketState=<[35]> offset=<0> "
-                "len=<2> timeout=<1>\nreadShort: failed count = -1\nreadShort: read value = 77\n"
-                "read m_socketState=<[35]> offset=<0> len=<1> timeout=<1>\nwriteInt: writeInt( 1 )\n");
+            EXPECT_PRED2(matches, toldBy(link.socket, &ASocket::readShort, 1) + told([&] {
+                                      EXPECT_EQ(link.socket.read(nullptr, 0, 1, 1), 0);
+                                      link.socket.writeInt(1);
+                                      link.socket.writeByte(1);
+                                  }),
+                         "-1 77 [35] readShort: timeout = 1\nreadFully m_socketState=<[35]> offset=<0> "
+                         "len=<2> timeout=<1>\nreadShort: failed count = -1\nreadShort: read value = 77\n"
+                         "read m_socketState=<[35]> offset=<0> len=<1> timeout=<1>\nwriteInt: writeInt( 1 )\n");
         }
     }
 }
 
-TEST(ASocket, TimeOutComesNoSoonerThanAskedAndLeavesADescriptorAbove1024Usable)
-{
+TEST(ASocket, TimeOutComesNoSoonerThanAskedAndLeavesADescriptorAbove1024Usable) {
     limitDescriptors(4096);
     Link link;
     ASocket high(::fcntl(link.end, F_DUPFD_CLOEXEC, 2000), link.address);
@@ -237,23 +221,19 @@ TEST(ASocket, TimeOutComesNoSoonerThanAskedAndLeavesADescriptorAbove1024Usable)
 
 /// Interrupt the main thread @p count times, each when it sleeps and has taken all of @p descriptor; give up
 /// when that takes unreasonably long.
-void interrupt(int count, int descriptor)
-{
+void interrupt(int count, int descriptor) {
     struct sigaction action {};
     action.sa_handler = [](int) {};
     ::sigaction(SIGUSR1, &action, nullptr);
     for (int asleep = 0, unread = 0, polls = 0; count >= 0 && polls < 5000; ++polls, ::usleep(2000)) {
         ::ioctl(descriptor, FIONREAD, &unread);
-        asleep =
-            unread == 0 && readFile("/proc/self/stat").find(") S ") != std::string::npos ? asleep + 1 : 0;
-        if (asleep == 3 && count-- > 0)
-            ::tgkill(::getpid(), ::getpid(), SIGUSR1);
+        asleep = unread == 0 && readFile("/proc/self/stat").find(") S ") != std::string::npos ? asleep + 1 : 0;
+        if (asleep == 3 && count-- > 0) ::tgkill(::getpid(), ::getpid(), SIGUSR1);
         asleep %= 3;
     }
 }
 
-TEST(ASocket, SignalsInTheMiddleOfAReceiveLoseNothing)
-{
+TEST(ASocket, SignalsInTheMiddleOfAReceiveLoseNothing) {
     const std::tuple<unsigned int, std::string> rows[] = {
         {0, "Socket recv failed: Interrupted system call\n"},
         // in milliseconds, 32 bits of this time-out are 0
@@ -266,25 +246,22 @@ TEST(ASocket, SignalsInTheMiddleOfAReceiveLoseNothing)
             link.send("45678");
         });
         unsigned char data[9] = {};
-        EXPECT_PRED2(
-            matches, told([&, limit = timeout] { link.socket.readFully(data, 0, 8, limit); }),
-            "*read returned 3, 3 bytes have been read.\nreadFully:    about to read from socket\n"
-            "socket_read data=<0> len=<5> flag=<256> timeout=<" +
-                std::to_string(timeout) + ">\n" + complaint + complaint + complaint + complaint +
-                "socket_read :    read 5 bytes\nreadFully:    read returned 5, 8 bytes have been read.\n*");
+        EXPECT_PRED2(matches, told([&, limit = timeout] { link.socket.readFully(data, 0, 8, limit); }),
+                     "*read returned 3, 3 bytes have been read.\nreadFully:    about to read from socket\n"
+                     "socket_read data=<0> len=<5> flag=<256> timeout=<" +
+                         std::to_string(timeout) + ">\n" + complaint + complaint + complaint + complaint +
+                         "socket_read :    read 5 bytes\nreadFully:    read returned 5, 8 bytes have been read.\n*");
         peer.join();
         EXPECT_STREQ(reinterpret_cast<char*>(data), "12345678");
     }
 }
 
-TEST(ASocket, SendsAllOf64MebibytesThroughASmallBufferInSpiteOfSignals)
-{
+TEST(ASocket, SendsAllOf64MebibytesThroughASmallBufferInSpiteOfSignals) {
     Link link;
     const int small = 1 << 17; // a few segments: with fewer, each waits for a delayed acknowledgement
     ::setsockopt(link.end, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
     std::vector<unsigned char> sent(std::size_t{64} << 20);
-    for (std::size_t i = 0; i < sent.size(); ++i)
-        sent[i] = static_cast<unsigned char>(i * 2654435761U >> 24);
+    for (std::size_t i = 0; i < sent.size(); ++i) sent[i] = static_cast<unsigned char>(i * 2654435761U >> 24);
     std::vector<unsigned char> received(sent.size());
     std::thread reader([&] {
         interrupt(3, link.end);
@@ -297,8 +274,7 @@ TEST(ASocket, SendsAllOf64MebibytesThroughASmallBufferInSpiteOfSignals)
     EXPECT_TRUE(received == sent);
 }
 
-TEST(ASocket, OperationThatFailsGivesUpWithIoError)
-{
+TEST(ASocket, OperationThatFailsGivesUpWithIoError) {
     const std::string badDescriptor = "*Select failed: Bad file descriptor\nsocket_read Select failed\n";
     const std::string badWait = "Select failed: Invalid argument\nsocket_read Select failed\n";
     const std::string failed = "\nsocket_read Socket recv failed count=<-1>\n";
@@ -318,10 +294,8 @@ TEST(ASocket, OperationThatFailsGivesUpWithIoError)
         {::dup(0), receiving(1, 0), "*Socket recv failed: Socket operation on non-socket" + failed},
         {::dup(0), receiving(-1, 0), "*Socket recv failed: Invalid argument" + failed},
         {999, [](auto& s) { s.writeByte(1); }, "*( 1, 1 )\nSocket write failed: Bad file descriptor\n"},
-        {::dup(link.end), [](auto& s) { s.write(nullptr, -1); },
-         "*( 0, -1 )\nSocket write failed: Invalid argument\n"},
-        {::dup(link.end), [](auto& s) { s.write(nullptr, 1); },
-         "*( 0, 1 )\nSocket write failed: Bad address\n"}};
+        {::dup(link.end), [](auto& s) { s.write(nullptr, -1); }, "*( 0, -1 )\nSocket write failed: Invalid argument\n"},
+        {::dup(link.end), [](auto& s) { s.write(nullptr, 1); }, "*( 0, 1 )\nSocket write failed: Bad address\n"}};
     for (const auto& [descriptor, operation, expected] : rows) {
         ASocket socket(descriptor, link.address);
         socket.setLog(link.log);
@@ -337,8 +311,7 @@ public:
     int readFully(unsigned char*, int, int len, unsigned int) override { return len; }
 };
 
-TEST(ASocket, OverridesReachTheInnerCalls)
-{
+TEST(ASocket, OverridesReachTheInnerCalls) {
     Overriding socket;
     EXPECT_EQ(toldBy(socket, &ASocket::readInt, 5) + toldBy(socket, &ASocket::readShort, 5) +
                   toldBy(socket, &ASocket::readByte, 5),

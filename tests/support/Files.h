@@ -11,13 +11,11 @@
 /// A scratch folder that is removed with all it holds.
 class TempDir {
 public:
-    TempDir()
-    {
+    TempDir() {
         std::string pattern = (std::filesystem::temp_directory_path() / "gorvUtil.XXXXXX").string();
         m_path = ::mkdtemp(pattern.data());
     }
-    ~TempDir()
-    {
+    ~TempDir() {
         std::error_code ignored;
         std::filesystem::remove_all(m_path, ignored);
     }
@@ -31,8 +29,7 @@ private:
     std::filesystem::path m_path;
 };
 
-inline std::string readFile(const std::string& path)
-{
+inline std::string readFile(const std::string& path) {
     std::ifstream stream(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(stream), {}};
 }
@@ -40,14 +37,12 @@ inline std::string readFile(const std::string& path)
 /// Redirects a standard stream of the process into a file for one scope.
 class CapturedStream {
 public:
-    explicit CapturedStream(FILE* stream) : m_stream(stream), m_file(std::tmpfile())
-    {
+    explicit CapturedStream(FILE* stream) : m_stream(stream), m_file(std::tmpfile()) {
         std::fflush(m_stream);
         m_saved = ::dup(::fileno(m_stream));
         ::dup2(::fileno(m_file), ::fileno(m_stream));
     }
-    ~CapturedStream()
-    {
+    ~CapturedStream() {
         restore();
         std::fclose(m_file);
     }
@@ -55,28 +50,23 @@ public:
     CapturedStream& operator=(const CapturedStream&) = delete;
 
     /// What has left the stream's buffer so far.
-    std::string arrived() const
-    {
+    std::string arrived() const {
         char bytes[4096];
         const ssize_t count = ::pread(::fileno(m_file), bytes, sizeof bytes, 0);
         return {bytes, count < 0 ? 0 : static_cast<std::size_t>(count)};
     }
     /// End the redirection and return all that was written.
-    std::string text()
-    {
+    std::string text() {
         restore();
         std::string result;
         std::rewind(m_file);
-        for (int c = std::fgetc(m_file); c != EOF; c = std::fgetc(m_file))
-            result.push_back(static_cast<char>(c));
+        for (int c = std::fgetc(m_file); c != EOF; c = std::fgetc(m_file)) result.push_back(static_cast<char>(c));
         return result;
     }
 
 private:
-    void restore()
-    {
-        if (m_saved < 0)
-            return;
+    void restore() {
+        if (m_saved < 0) return;
         std::fflush(m_stream);
         ::dup2(m_saved, ::fileno(m_stream));
         ::close(m_saved);
@@ -89,8 +79,7 @@ private:
 };
 
 /// How many descriptors this process has open.
-inline int openDescriptors()
-{
+inline int openDescriptors() {
     const auto entries = std::filesystem::directory_iterator("/proc/self/fd");
     return static_cast<int>(std::distance(begin(entries), end(entries)));
 }

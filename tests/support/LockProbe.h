@@ -14,17 +14,13 @@ public:
               monitor.fastLock();
               m_promise.set_value();
               monitor.releaseLock();
-          })
-    {}
+          }) {}
     ~LockProbe() { m_thread.join(); }
     LockProbe(const LockProbe&) = delete;
     LockProbe& operator=(const LockProbe&) = delete;
 
     bool gotIt() const { return m_locked.wait_for(std::chrono::seconds(20)) == std::future_status::ready; }
-    bool isKeptOut() const
-    {
-        return m_locked.wait_for(std::chrono::milliseconds(50)) == std::future_status::timeout;
-    }
+    bool isKeptOut() const { return m_locked.wait_for(std::chrono::milliseconds(50)) == std::future_status::timeout; }
 
 private:
     std::promise<void> m_promise;

@@ -17,27 +17,20 @@ public:
     class Secret {
     public:
         template <std::size_t size>
-        explicit Secret(const char (&text)[size])
-        {
-            for (std::size_t i = 0; i + 1 < size; ++i)
-                m_scrambled.push_back(static_cast<char>(text[i] ^ kMask));
+        explicit Secret(const char (&text)[size]) {
+            for (std::size_t i = 0; i + 1 < size; ++i) m_scrambled.push_back(static_cast<char>(text[i] ^ kMask));
         }
-        std::string text() const
-        {
+        std::string text() const {
             std::string result(m_scrambled.size(), '\0');
-            for (std::size_t i = 0; i < result.size(); ++i)
-                result[i] = static_cast<char>(m_scrambled[i] ^ kMask);
+            for (std::size_t i = 0; i < result.size(); ++i) result[i] = static_cast<char>(m_scrambled[i] ^ kMask);
             return result;
         }
-        bool isIn(const void* block, std::size_t size) const
-        {
+        bool isIn(const void* block, std::size_t size) const {
             const char* const bytes = static_cast<const char*>(block);
             for (std::size_t begin = 0; begin + m_scrambled.size() <= size; ++begin) {
                 std::size_t i = 0;
-                while (i < m_scrambled.size() && (bytes[begin + i] ^ kMask) == m_scrambled[i])
-                    ++i;
-                if (i == m_scrambled.size())
-                    return true;
+                while (i < m_scrambled.size() && (bytes[begin + i] ^ kMask) == m_scrambled[i]) ++i;
+                if (i == m_scrambled.size()) return true;
             }
             return false;
         }
@@ -48,8 +41,7 @@ public:
         std::string m_scrambled;
     };
 
-    static constexpr bool canBeSearched()
-    {
+    static constexpr bool canBeSearched() {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
         return false;
 #else
@@ -58,8 +50,7 @@ public:
     }
 
     /// Whether the second half of @p secret stands anywhere: freed memory may have lost its first bytes.
-    static bool holds(const Secret& secret, const std::string& process = "self")
-    {
+    static bool holds(const Secret& secret, const std::string& process = "self") {
         const std::string needle = secret.m_scrambled.substr(secret.m_scrambled.size() / 2);
         FILE* maps = std::fopen(("/proc/" + process + "/maps").c_str(), "r");
         const int memory = ::open(("/proc/" + process + "/mem").c_str(), O_RDONLY | O_CLOEXEC);
@@ -69,8 +60,7 @@ public:
             std::uintptr_t begin = 0;
             std::uintptr_t end = 0;
             char access[5] = {};
-            if (std::sscanf(line, "%" SCNxPTR "-%" SCNxPTR " %4s", &begin, &end, access) == 3 &&
-                access[1] == 'w')
+            if (std::sscanf(line, "%" SCNxPTR "-%" SCNxPTR " %4s", &begin, &end, access) == 3 && access[1] == 'w')
                 found = regionHolds(memory, begin, end, needle);
         }
         std::fclose(maps);
@@ -79,13 +69,11 @@ public:
     }
 
 private:
-    static bool regionHolds(int memory, std::uintptr_t begin, std::uintptr_t end, const std::string& needle)
-    {
+    static bool regionHolds(int memory, std::uintptr_t begin, std::uintptr_t end, const std::string& needle) {
         std::vector<char> bytes(end - begin);
         const ssize_t count = ::pread(memory, bytes.data(), bytes.size(), static_cast<off_t>(begin));
         EXPECT_GT(count, 0) << "what can't be read can't be searched";
-        for (char& byte : bytes)
-            byte = static_cast<char>(byte ^ Secret::kMask); // no second copy is left behind
+        for (char& byte : bytes) byte = static_cast<char>(byte ^ Secret::kMask); // no second copy is left behind
         const std::string_view text(bytes.data(), count < 0 ? 0 : static_cast<std::size_t>(count));
         return text.find(needle) != std::string_view::npos;
     }

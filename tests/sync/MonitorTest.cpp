@@ -15,8 +15,7 @@ protected:
     Monitor m_monitor;
 };
 
-TEST(MonitorIdTest, FirstMonitorOfAProgramFollowsTheTwoOfTheLibrary)
-{
+TEST(MonitorIdTest, FirstMonitorOfAProgramFollowsTheTwoOfTheLibrary) {
     EXPECT_EQ(NextMonitorId, 3);
     const Monitor first;
     EXPECT_EQ(NextMonitorId, 4);
@@ -24,8 +23,7 @@ TEST(MonitorIdTest, FirstMonitorOfAProgramFollowsTheTwoOfTheLibrary)
     EXPECT_EQ(NextMonitorId, 5);
 }
 
-TEST_F(MonitorTest, LockIsFreeOnlyAfterAsManyReleasesAsLocks)
-{
+TEST_F(MonitorTest, LockIsFreeOnlyAfterAsManyReleasesAsLocks) {
     m_monitor.fastLock();
     m_monitor.fastLock();
     const LockProbe probe(m_monitor);
@@ -36,16 +34,13 @@ TEST_F(MonitorTest, LockIsFreeOnlyAfterAsManyReleasesAsLocks)
     EXPECT_TRUE(probe.gotIt());
 }
 
-TEST_F(MonitorTest, GuardReleasesOnceByScopeOrByCall)
-{
+TEST_F(MonitorTest, GuardReleasesOnceByScopeOrByCall) {
     m_monitor.fastLock();
     {
         MonitorLock byCall = m_monitor.acquireLock();
         byCall.releaseLock();
     } // must not release the level below it
-    {
-        const MonitorLock byScope = m_monitor.acquireLock();
-    }
+    { const MonitorLock byScope = m_monitor.acquireLock(); }
     m_monitor.acquireLock(); // a dropped guard holds nothing
     const LockProbe probe(m_monitor);
     EXPECT_TRUE(probe.isKeptOut());
@@ -53,8 +48,7 @@ TEST_F(MonitorTest, GuardReleasesOnceByScopeOrByCall)
     EXPECT_TRUE(probe.gotIt());
 }
 
-TEST_F(MonitorTest, ReboundGuardReleasesTheMonitorBoundLast)
-{
+TEST_F(MonitorTest, ReboundGuardReleasesTheMonitorBoundLast) {
     Monitor other;
     m_monitor.fastLock();
     {
@@ -69,8 +63,7 @@ TEST_F(MonitorTest, ReboundGuardReleasesTheMonitorBoundLast)
     EXPECT_TRUE(probe.gotIt());
 }
 
-TEST_F(MonitorTest, TimedWaitEndsNoSoonerThanItsLimitAndLogsNothing)
-{
+TEST_F(MonitorTest, TimedWaitEndsNoSoonerThanItsLimitAndLogsNothing) {
     FILE* file = std::tmpfile();
     ALog log("box", file);
     m_monitor.setLog(log);
@@ -85,8 +78,7 @@ TEST_F(MonitorTest, TimedWaitEndsNoSoonerThanItsLimitAndLogsNothing)
     std::fclose(file);
 }
 
-TEST_F(MonitorTest, NotifyWakesOneWaiterAndEndsATimedWaitEarly)
-{
+TEST_F(MonitorTest, NotifyWakesOneWaiterAndEndsATimedWaitEarly) {
     constexpr int kWaiters = 3;
     std::atomic<int> waiting = 0;
     std::atomic<int> tickets = 0;
@@ -98,31 +90,26 @@ TEST_F(MonitorTest, NotifyWakesOneWaiterAndEndsATimedWaitEarly)
             const MonitorLock lock = m_monitor.acquireLock();
             ++waiting;
             while (tickets == 0) {
-                if (timed)
-                    m_monitor.wait(3'600'000);
-                else
-                    m_monitor.wait();
+                if (timed) m_monitor.wait(3'600'000);
+                else m_monitor.wait();
                 ++returned;
             }
             --tickets;
             ++woken;
         });
     }
-    while (waiting < kWaiters)
-        std::this_thread::sleep_for(1ms);
+    while (waiting < kWaiters) std::this_thread::sleep_for(1ms);
     for (int round = 1; round <= kWaiters; ++round) {
         {
             const MonitorLock lock = m_monitor.acquireLock(); // all of them are in the wait now
             tickets = 1;
             m_monitor.notify();
         }
-        while (woken < round)
-            std::this_thread::sleep_for(1ms);
+        while (woken < round) std::this_thread::sleep_for(1ms);
         std::this_thread::sleep_for(20ms); // a second thread that was woken would have returned too
         EXPECT_EQ(returned, round);
     }
-    for (auto& thread : threads)
-        thread.join();
+    for (auto& thread : threads) thread.join();
 }
 
 } // namespace

@@ -14,23 +14,20 @@ timespec s_deadline{};
 } // namespace
 
 // The system's wait and clock, as the monitor sees them.
-extern "C" __attribute__((visibility("default"))) int
-pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*, const timespec* deadline)
-{
+extern "C" __attribute__((visibility("default"))) int pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*,
+                                                                             const timespec* deadline) {
     s_deadline = *deadline;
     return s_result;
 }
 
-extern "C" __attribute__((visibility("default"))) int gettimeofday(timeval* now, void*) noexcept
-{
+extern "C" __attribute__((visibility("default"))) int gettimeofday(timeval* now, void*) noexcept {
     *now = s_now;
     return 0;
 }
 
 namespace {
 
-TEST(TimedWaitTest, OnlyUnexpectedResultsAreLogged)
-{
+TEST(TimedWaitTest, OnlyUnexpectedResultsAreLogged) {
     const TempDir dir;
     FILE* file = std::fopen(dir.path("log").c_str(), "w");
     ALog log("box", file);
@@ -48,8 +45,7 @@ TEST(TimedWaitTest, OnlyUnexpectedResultsAreLogged)
                                          "box - pthread_cond_timedwait returned: 1\n");
 }
 
-TEST(TimedWaitTest, DeadlineCarriesNanosecondsIntoSeconds)
-{
+TEST(TimedWaitTest, DeadlineCarriesNanosecondsIntoSeconds) {
     const struct {
         timeval now;
         int timeoutMs;

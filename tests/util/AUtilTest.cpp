@@ -9,14 +9,12 @@
 static bool s_readsAreShort = false;
 
 // The library's call ends here.
-extern "C" __attribute__((visibility("default"))) ssize_t read(int file, void* buffer, size_t size)
-{
+extern "C" __attribute__((visibility("default"))) ssize_t read(int file, void* buffer, size_t size) {
     return s_readsAreShort ? 3 : ::syscall(SYS_read, file, buffer, size);
 }
 
 // The address sanitizer sees a string that is released twice, wrongly or not at all.
-TEST(AUtilTest, StringsAreOwnedAsDescribed)
-{
+TEST(AUtilTest, StringsAreOwnedAsDescribed) {
     EXPECT_EQ(AUtil::getEnv("PATH", "default"), std::getenv("PATH"));
     EXPECT_EQ(AUtil::getEnv("GORV_NOT_SET", nullptr), nullptr);
     char* copy = AUtil::getEnv("GORV_NOT_SET", "default");
@@ -29,8 +27,7 @@ TEST(AUtilTest, StringsAreOwnedAsDescribed)
     EXPECT_TRUE(strings.empty() && constants.empty());
 }
 
-TEST(AUtilTest, KeysDifferWithAndWithoutTheDevice)
-{
+TEST(AUtilTest, KeysDifferWithAndWithoutTheDevice) {
     rlimit limit{};
     ::getrlimit(RLIMIT_NOFILE, &limit);
     for (const std::string device : {"absent", "short", "whole"}) {

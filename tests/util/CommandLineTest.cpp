@@ -2,8 +2,7 @@
 
 #include <gtest/gtest.h>
 
-TEST(CommandLineTest, FirstOccurrenceOfAnOptionAnswersWithItsFirstValue)
-{
+TEST(CommandLineTest, FirstOccurrenceOfAnOptionAnswersWithItsFirstValue) {
     const std::tuple<std::vector<const char*>, const char*, bool, const char*> cases[] = {
         {{"prog", "-f", "a", "b", "-g", "c"}, "f", true, "a"},
         {{"prog", "-f", "a", "b", "-g", "c"}, "g", true, "c"},

@@ -14,14 +14,12 @@ static int s_signalInDelay = 0;
 static bool s_forkFails = false;
 
 // The library's calls end here. The child's delay is only announced.
-extern "C" __attribute__((visibility("default"))) unsigned sleep(unsigned seconds)
-{
+extern "C" __attribute__((visibility("default"))) unsigned sleep(unsigned seconds) {
     ::dprintf(STDOUT_FILENO, "sleep %u\n", seconds);
     return static_cast<unsigned>(::raise(s_signalInDelay));
 }
 
-extern "C" __attribute__((visibility("default"))) pid_t fork() noexcept
-{
+extern "C" __attribute__((visibility("default"))) pid_t fork() noexcept {
     static const auto s_fork = reinterpret_cast<decltype(&fork)>(::dlsym(RTLD_NEXT, "fork"));
     std::fputs("other line\n", stdout);
     return s_forkFails ? -1 : s_fork();
@@ -33,30 +31,26 @@ using Texts = std::pair<std::string, std::string>;
 
 /// Holds SIGCHLD back, so that the handler runs when a test lets it, and ignores SIGPIPE, as a host would.
 struct SystemExecTest : testing::Test {
-    SystemExecTest()
-    {
+    SystemExecTest() {
         sigset_t child;
         sigemptyset(&child);
         sigaddset(&child, SIGCHLD);
         pthread_sigmask(SIG_BLOCK, &child, &m_before);
         std::signal(SIGPIPE, SIG_IGN);
     }
-    ~SystemExecTest() override
-    {
+    ~SystemExecTest() override {
         se = nullptr;
         pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
     }
 
-    void start(std::string command, std::vector<const char*> words = {})
-    {
+    void start(std::string command, std::vector<const char*> words = {}) {
         words.push_back(nullptr);
         m_runner.setCommand(command);
         m_runner.setArgList(words.size() == 1 ? nullptr : const_cast<char**>(words.data()));
         m_runner.execute();
     }
     /// Give the child all of its input, and read both outputs to their end.
-    Texts talk(const std::string& input = {})
-    {
+    Texts talk(const std::string& input = {}) {
         EXPECT_TRUE(::write(m_runner.getStdIn(), input.data(), input.size()) >= 0 || errno == EPIPE);
         ::close(m_runner.getStdIn());
         const std::string pipe = "/dev/fd/";
@@ -64,8 +58,7 @@ struct SystemExecTest : testing::Test {
         return {readFile(pipe + std::to_string(m_runner.getStdOut())), error.get()};
     }
     void letHandlerRun() { sigsuspend(&m_before); }
-    void expectHeld(int pipes)
-    {
+    void expectHeld(int pipes) {
         EXPECT_EQ(openDescriptors(), m_descriptors + pipes);
         EXPECT_EQ(m_runner.getStdOut() + m_runner.getStdIn() + m_runner.getStdErr() == -3, pipes == 0);
     }
@@ -75,8 +68,7 @@ struct SystemExecTest : testing::Test {
     const int m_descriptors = openDescriptors();
 };
 
-TEST_F(SystemExecTest, ChildRunsOnThreePipesUntilTheHandlerClosesThem)
-{
+TEST_F(SystemExecTest, ChildRunsOnThreePipesUntilTheHandlerClosesThem) {
     const std::string large(1 << 20, '\0');
     const std::string noFile = "SystemExec child: Unable to exec.: No such file or directory\n";
     const std::tuple<std::string, std::vector<const char*>, std::string, Texts, int> cases[] = {
@@ -101,8 +93,7 @@ TEST_F(SystemExecTest, ChildRunsOnThreePipesUntilTheHandlerClosesThem)
     }
 }
 
-TEST_F(SystemExecTest, ProgressLinesArriveOnceAndWholeAndTheChildWaitsASecond)
-{
+TEST_F(SystemExecTest, ProgressLinesArriveOnceAndWholeAndTheChildWaitsASecond) {
     CapturedStream output(stdout);
     FILE* log = std::tmpfile();
     std::fputs("line", log); // which the child inherits and exit() would write again
@@ -123,8 +114,7 @@ TEST_F(SystemExecTest, ProgressLinesArriveOnceAndWholeAndTheChildWaitsASecond)
     EXPECT_EQ(text.erase(position, parent.size()), head + child);
 }
 
-TEST_F(SystemExecTest, ChildIsStoppedAndEndedInItsDelayWithoutAHandler)
-{
+TEST_F(SystemExecTest, ChildIsStoppedAndEndedInItsDelayWithoutAHandler) {
     std::signal(SIGTERM, [](int) {}); // would let the child live
     s_signalInDelay = SIGSTOP;
     start("true");
@@ -141,10 +131,8 @@ TEST_F(SystemExecTest, ChildIsStoppedAndEndedInItsDelayWithoutAHandler)
     std::signal(SIGTERM, SIG_DFL);
 }
 
-TEST_F(SystemExecTest, RunsInARowLeaveNoPipeAndNoZombieAndTheHandlerTouchesNothingElse)
-{
-    for (int run = 0; run < 50; ++run, letHandlerRun())
-        start("true");
+TEST_F(SystemExecTest, RunsInARowLeaveNoPipeAndNoZombieAndTheHandlerTouchesNothingElse) {
+    for (int run = 0; run < 50; ++run, letHandlerRun()) start("true");
     start("cat");
     start("cat"); // closes the pipes of the first, which ends; so the handler closes those of the second
     expectHeld(3);
@@ -165,8 +153,7 @@ TEST_F(SystemExecTest, RunsInARowLeaveNoPipeAndNoZombieAndTheHandlerTouchesNothi
     EXPECT_GT(::waitpid(-1, nullptr, 0), 0);
 }
 
-TEST_F(SystemExecTest, WithoutPipesOrAChildNothingIsLeftOpen)
-{
+TEST_F(SystemExecTest, WithoutPipesOrAChildNothingIsLeftOpen) {
     rlimit limit{};
     ::getrlimit(RLIMIT_NOFILE, &limit);
     std::set<std::string> errors;
@@ -183,8 +170,7 @@ TEST_F(SystemExecTest, WithoutPipesOrAChildNothingIsLeftOpen)
     expectHeld(0);
 }
 
-TEST_F(SystemExecTest, CallerWithoutStandardStreamsGetsItsPipesAllTheSame)
-{
+TEST_F(SystemExecTest, CallerWithoutStandardStreamsGetsItsPipesAllTheSame) {
     const pid_t caller = ::fork();
     if (caller == 0) {
         ::close_range(STDIN_FILENO, STDERR_FILENO, 0);
