@@ -11,7 +11,6 @@
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 namespace {
@@ -20,11 +19,13 @@ thread_local bool s_armed = false;
 Faults::Kind s_kind = Faults::Kind::Failure;
 int s_callsLeft = 0;
 
-/// Where the name of the failed call stands for this process and its children.
-const char*& failedName() {
+pid_t s_owner = 0;
+
+/// Where the names of the failed calls stand: this process's, and behind it its child's.
+const char** failedNames() {
     static void* const s_page =
-        ::mmap(nullptr, sizeof(const char*), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    return *static_cast<const char**>(s_page);
+        ::mmap(nullptr, 2 * sizeof(const char*), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    return static_cast<const char**>(s_page);
 }
 
 /// The check of a password allocates thousands of times in there, to no other effect.
@@ -37,7 +38,7 @@ bool isCrypto(const void* caller) {
 
 bool strikes(Faults::Kind kind, const char* name, const void* caller) {
     if (!s_armed || kind != s_kind || isCrypto(caller) || s_callsLeft-- != 0) return false;
-    failedName() = name;
+    failedNames()[::getpid() == s_owner ? 0 : 1] = name;
     return true;
 }
 
@@ -65,7 +66,8 @@ Function* next(Function*& known, const char* name) {
 Faults::Faults(Kind kind, int number) {
     s_kind = kind;
     s_callsLeft = number;
-    failedName() = nullptr;
+    failedNames()[0] = failedNames()[1] = nullptr;
+    s_owner = ::getpid();
     setArmed(true);
 }
 
@@ -73,7 +75,13 @@ Faults::~Faults() { setArmed(false); }
 
 void Faults::setArmed(bool armed) { s_armed = armed; }
 
-std::string Faults::failedCall() { return failedName() == nullptr ? "" : failedName(); }
+std::set<std::string> Faults::failedCalls() {
+    std::set<std::string> names;
+    for (const char* name : {failedNames()[0], failedNames()[1]}) {
+        if (name != nullptr) names.insert(name);
+    }
+    return names;
+}
 
 #define INTERPOSED extern "C" __attribute__((visibility("default")))
 
@@ -110,7 +118,6 @@ INTERRUPTIBLE(ssize_t, recv, (int descriptor, void* buffer, std::size_t size, in
               (descriptor, buffer, size, flags), ECONNRESET)
 INTERRUPTIBLE(ssize_t, read, (int descriptor, void* buffer, std::size_t size), (descriptor, buffer, size), EIO)
 INTERRUPTIBLE(ssize_t, write, (int descriptor, const void* data, std::size_t size), (descriptor, data, size), EPIPE)
-INTERRUPTIBLE(ssize_t, writev, (int descriptor, const iovec* parts, int count), (descriptor, parts, count), EIO)
 
 // The child's delay, and what it becomes.
 INTERPOSED unsigned sleep(unsigned) { return 0; }

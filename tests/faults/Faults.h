@@ -1,5 +1,6 @@
 #pragma once
 
+#include <set>
 #include <string>
 
 /// Makes one call of this thread to the system or its allocator fail. The program's definitions of those
@@ -23,8 +24,8 @@ public:
         setArmed(true);
     }
 
-    /// The name of the call that failed, in this process or a child; empty when there were fewer.
-    static std::string failedCall();
+    /// The names of the calls that failed, in this process and a child of it; none when there were fewer.
+    static std::set<std::string> failedCalls();
 
 private:
     static void setArmed(bool armed);

@@ -68,10 +68,10 @@ protected:
             for (int number = 0;; ++number) {
                 const int before = openDescriptors();
                 const std::string outcome = road(kind, number);
-                const std::string name = Faults::failedCall();
-                if (name.empty()) break;
-                names.insert(name);
-                SCOPED_TRACE("call " + std::to_string(number) + ", " + name + ": " + outcome);
+                const Names failed = Faults::failedCalls();
+                if (failed.empty()) break;
+                names.insert(failed.begin(), failed.end());
+                SCOPED_TRACE("call " + std::to_string(number) + ", " + testing::PrintToString(failed) + ": " + outcome);
                 EXPECT_EQ(openDescriptors(), before);
                 EXPECT_TRUE(LockProbe(*PAMHelper::getMonitor()).gotIt());
                 EXPECT_TRUE(PAMHelper::instanceMap.empty());
