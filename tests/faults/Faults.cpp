@@ -1,14 +1,11 @@
 #include "faults/Faults.h"
 
 #include <cerrno>
-#include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <new>
 #include <openssl/crypto.h>
 #include <poll.h>
+#include <security/pam_appl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -18,40 +15,27 @@ namespace {
 thread_local bool s_armed = false;
 Faults::Kind s_kind = Faults::Kind::Failure;
 int s_callsLeft = 0;
+int s_transactions = 0;
 
-pid_t s_owner = 0;
-
-/// Where the names of the failed calls stand: this process's, and behind it its child's.
-const char** failedNames() {
+/// Where the name of the failed call stands, for a child as well.
+const char*& failedName() {
     static void* const s_page =
-        ::mmap(nullptr, 2 * sizeof(const char*), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    return static_cast<const char**>(s_page);
+        ::mmap(nullptr, sizeof(const char*), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    return *static_cast<const char**>(s_page);
 }
 
-/// The check of a password allocates thousands of times in there, to no other effect.
-bool isCrypto(const void* caller) {
-    dl_find_object crypto{};
-    dl_find_object other{};
-    return ::_dl_find_object(reinterpret_cast<void*>(&OPENSSL_cleanse), &crypto) == 0 &&
-           ::_dl_find_object(const_cast<void*>(caller), &other) == 0 && crypto.dlfo_map_start == other.dlfo_map_start;
-}
-
-bool strikes(Faults::Kind kind, const char* name, const void* caller) {
-    if (!s_armed || kind != s_kind || isCrypto(caller) || s_callsLeft-- != 0) return false;
-    failedNames()[::getpid() == s_owner ? 0 : 1] = name;
-    return true;
+const void* libraryOf(const void* address) {
+    dl_find_object object{};
+    return ::_dl_find_object(const_cast<void*>(address), &object) == 0 ? object.dlfo_map_start : nullptr;
 }
 
 /// Whether this call fails, with errno set.
-bool fails(const char* name, int error, const void* caller = nullptr) {
-    if (!strikes(Faults::Kind::Failure, name, caller)) return false;
-    errno = error;
-    return true;
-}
-
-bool isInterrupted(const char* name) {
-    if (!strikes(Faults::Kind::Interruption, name, nullptr)) return false;
-    errno = EINTR;
+bool fails(const char* name, int error, bool interruptible, const void* caller) {
+    if (!s_armed || (s_kind == Faults::Kind::Interruption && !interruptible)) return false;
+    // The check of a password allocates thousands of times in there, to no other effect.
+    if (libraryOf(caller) == libraryOf(reinterpret_cast<void*>(&OPENSSL_cleanse)) || s_callsLeft-- != 0) return false;
+    failedName() = name;
+    errno = s_kind == Faults::Kind::Interruption ? EINTR : error;
     return true;
 }
 
@@ -66,84 +50,58 @@ Function* next(Function*& known, const char* name) {
 Faults::Faults(Kind kind, int number) {
     s_kind = kind;
     s_callsLeft = number;
-    failedNames()[0] = failedNames()[1] = nullptr;
-    s_owner = ::getpid();
+    failedName() = nullptr;
     setArmed(true);
 }
 
-Faults::~Faults() { setArmed(false); }
-
 void Faults::setArmed(bool armed) { s_armed = armed; }
-
-std::set<std::string> Faults::failedCalls() {
-    std::set<std::string> names;
-    for (const char* name : {failedNames()[0], failedNames()[1]}) {
-        if (name != nullptr) names.insert(name);
-    }
-    return names;
-}
+const char* Faults::failedCall() { return failedName(); }
+int Faults::transactions() { return s_transactions; }
 
 #define INTERPOSED extern "C" __attribute__((visibility("default")))
 
 /// Define the call NAME, which fails with RESULT and ERROR when it is its turn and goes to the system
 /// otherwise.
-#define FAILING(type, name, parameters, arguments, result, error)                                                      \
+#define FAILING(type, name, parameters, arguments, result, error, interruptible)                                       \
     INTERPOSED type name parameters {                                                                                  \
         static type(*s_real) parameters = nullptr;                                                                     \
         const void* const caller = __builtin_return_address(0);                                                        \
-        return fails(#name, error, caller) ? result : next(s_real, #name) arguments;                                   \
+        return fails(#name, error, interruptible, caller) ? result : next(s_real, #name) arguments;                    \
     }
 
-/// The same for a call that a signal may interrupt.
-#define INTERRUPTIBLE(type, name, parameters, arguments, error)                                                        \
-    INTERPOSED type name parameters {                                                                                  \
-        static type(*s_real) parameters = nullptr;                                                                     \
-        return isInterrupted(#name) || fails(#name, error) ? -1 : next(s_real, #name) arguments;                       \
-    }
-
-FAILING(void*, malloc, (std::size_t size) noexcept, (size), nullptr, ENOMEM)
-FAILING(void*, calloc, (std::size_t count, std::size_t size) noexcept, (count, size), nullptr, ENOMEM)
-FAILING(char*, strdup, (const char* text) noexcept, (text), nullptr, ENOMEM)
-FAILING(int, pipe2, (int* ends, int flags) noexcept, (ends, flags), -1, EMFILE)
-FAILING(pid_t, fork, () noexcept, (), -1, EAGAIN)
-FAILING(int, socket, (int family, int type, int protocol) noexcept, (family, type, protocol), -1, EMFILE)
-FAILING(int, setsockopt, (int descriptor, int level, int name, const void* value, socklen_t size) noexcept,
-        (descriptor, level, name, value, size), -1, ENOPROTOOPT)
+FAILING(void*, malloc, (std::size_t size) noexcept, (size), nullptr, ENOMEM, false)
+FAILING(void*, calloc, (std::size_t count, std::size_t size) noexcept, (count, size), nullptr, ENOMEM, false)
+FAILING(int, pipe2, (int* ends, int flags) noexcept, (ends, flags), -1, EMFILE, false)
+FAILING(pid_t, fork, () noexcept, (), -1, EAGAIN, false)
+FAILING(int, execvp, (const char* file, char* const* args) noexcept, (file, args), -1, ENOENT, false)
+FAILING(int, socket, (int family, int type, int protocol) noexcept, (family, type, protocol), -1, EMFILE, false)
 FAILING(int, connect, (int descriptor, const sockaddr* address, socklen_t size), (descriptor, address, size), -1,
-        ECONNREFUSED)
-FAILING(FILE*, fopen, (const char* path, const char* mode), (path, mode), nullptr, EMFILE)
-INTERRUPTIBLE(int, dup2, (int from, int to) noexcept, (from, to), EBUSY)
-INTERRUPTIBLE(int, poll, (pollfd * entries, nfds_t count, int limit), (entries, count, limit), ENOMEM)
-INTERRUPTIBLE(ssize_t, recv, (int descriptor, void* buffer, std::size_t size, int flags),
-              (descriptor, buffer, size, flags), ECONNRESET)
-INTERRUPTIBLE(ssize_t, read, (int descriptor, void* buffer, std::size_t size), (descriptor, buffer, size), EIO)
-INTERRUPTIBLE(ssize_t, write, (int descriptor, const void* data, std::size_t size), (descriptor, data, size), EPIPE)
-
-// The child's delay, and what it becomes.
-INTERPOSED unsigned sleep(unsigned) { return 0; }
-
-FAILING(int, execvp, (const char* file, char* const* args) noexcept, (file, args), -1, ENOENT)
-
-INTERPOSED int open(const char* path, int flags, ...) {
-    static int (*s_real)(const char*, int, ...) = nullptr;
-    va_list args;
-    va_start(args, flags);
-    const int mode = va_arg(args, int);
-    va_end(args);
-    return fails("open", EMFILE) ? -1 : next(s_real, "open")(path, flags, mode);
-}
-
-INTERPOSED int fcntl(int descriptor, int command, ...) {
-    static int (*s_real)(int, int, ...) = nullptr;
-    va_list args;
-    va_start(args, command);
-    void* const argument = va_arg(args, void*);
-    va_end(args);
-    return fails("fcntl", EMFILE) ? -1 : next(s_real, "fcntl")(descriptor, command, argument);
-}
+        ECONNREFUSED, false)
+FAILING(int, dup2, (int from, int to) noexcept, (from, to), -1, EBUSY, true)
+FAILING(int, poll, (pollfd * entries, nfds_t count, int limit), (entries, count, limit), -1, ENOMEM, true)
+FAILING(ssize_t, recv, (int descriptor, void* buffer, std::size_t size, int flags), (descriptor, buffer, size, flags),
+        -1, ECONNRESET, true)
+FAILING(ssize_t, write, (int descriptor, const void* data, std::size_t size), (descriptor, data, size), -1, EPIPE, true)
 
 __attribute__((visibility("default"))) void* operator new(std::size_t size) {
     static void* (*s_real)(std::size_t) = nullptr;
-    if (fails("new", ENOMEM)) throw std::bad_alloc();
+    if (fails("new", ENOMEM, false, nullptr)) throw std::bad_alloc();
     return next(s_real, "_Znwm")(size);
+}
+
+INTERPOSED unsigned sleep(unsigned) { return 0; } // a child's delay
+
+INTERPOSED int pam_start_confdir(const char* service, const char* user, const pam_conv* conversation,
+                                 const char* confdir, pam_handle_t** handle) {
+    static int (*s_real)(const char*, const char*, const pam_conv*, const char*, pam_handle_t**) = nullptr;
+    const int status = next(s_real, "pam_start_confdir")(service, user, conversation, confdir, handle);
+    s_transactions += status == PAM_SUCCESS ? 1 : 0;
+    return status;
+}
+
+INTERPOSED int pam_end(pam_handle_t* handle, int lastStatus) {
+    static int (*s_real)(pam_handle_t*, int) = nullptr;
+    const int status = next(s_real, "pam_end")(handle, lastStatus);
+    s_transactions -= status == PAM_SUCCESS ? 1 : 0;
+    return status;
 }

@@ -1,8 +1,5 @@
 #pragma once
 
-#include <set>
-#include <string>
-
 /// Makes one call of this thread to the system or its allocator fail. The program's definitions of those
 /// calls stand before everybody's.
 class Faults {
@@ -12,21 +9,13 @@ public:
     /// From now on the call with this number, counted from 0, fails; with Interruption it is only told that a
     /// signal came. A child of this process goes on counting by itself.
     Faults(Kind kind, int number);
-    ~Faults();
+    ~Faults() { setArmed(false); }
     Faults(const Faults&) = delete;
     Faults& operator=(const Faults&) = delete;
 
-    /// Do something for the test itself, which nothing disturbs.
-    template <typename Step>
-    static void undisturbed(Step step) {
-        setArmed(false);
-        step();
-        setArmed(true);
-    }
-
-    /// The names of the calls that failed, in this process and a child of it; none when there were fewer.
-    static std::set<std::string> failedCalls();
-
-private:
     static void setArmed(bool armed);
+    /// The name of the call that failed, be it a child's; null when there were fewer.
+    static const char* failedCall();
+    /// How many PAM transactions have been started and not ended.
+    static int transactions();
 };
