@@ -19,11 +19,7 @@ namespace {
 
 /// What the PAM functions below answer and record.
 struct FakePam {
-    int startStatus = PAM_SUCCESS;
-    int authStatus = PAM_SUCCESS;
-    int accountStatus = PAM_SUCCESS;
-    int openStatus = PAM_SUCCESS;
-    int closeStatus = PAM_SUCCESS;
+    int startStatus = 0, authStatus = 0, accountStatus = 0, openStatus = 0, closeStatus = 0;
     const char* sessionIdText = nullptr;
     std::function<int(const pam_conv&)> onAuthenticate;
     std::function<void(const std::string&)> onStep;
@@ -100,16 +96,19 @@ FAKE int pam_close_session(pam_handle_t* handle, int flags) {
 namespace {
 
 using Calls = std::vector<std::string>;
-using Message = std::pair<int, const char*>;
+using Message = pam_message;
 
-class PamCallsTest : public testing::Test {
-protected:
-    PamCallsTest() : m_helper(new PAMHelper("::ffff:10.0.0.9", nullptr)) { s_pam = {}; }
+struct PamCallsTest : testing::Test {
+    PamCallsTest() { s_pam = {}; }
     ~PamCallsTest() override {
         s_pam.onStep = nullptr;
         m_helper->dispose();
     }
 
+    void renew() {
+        m_helper->dispose();
+        m_helper = new PAMHelper("::ffff:10.0.0.9", nullptr);
+    }
     int logIn(bool skip = false) { return m_helper->authenticate(m_service, m_user, m_password, skip); }
     int checkAgain(std::string user, bool skip = false) { return m_helper->authenticate(user, m_password, skip); }
     static Calls takeCalls() { return std::exchange(s_pam.calls, {}); }
@@ -117,11 +116,9 @@ protected:
     /// Hold a conversation. Returns its status and, on success, the replies ("-" for none).
     static int converse(const pam_conv& conversation, const std::vector<Message>& messages,
                         std::vector<std::string>* replies = nullptr) {
-        std::vector<pam_message> records;
         std::vector<const pam_message*> pointers;
-        for (const auto& [style, text] : messages) records.push_back({style, text});
-        for (const pam_message& record : records) pointers.push_back(&record);
-        pam_response* const untouched = reinterpret_cast<pam_response*>(&records);
+        for (const Message& message : messages) pointers.push_back(&message);
+        pam_response* const untouched = reinterpret_cast<pam_response*>(&pointers);
         pam_response* response = untouched;
         const int status =
             conversation.conv(static_cast<int>(messages.size()), pointers.data(), &response, conversation.appdata_ptr);
@@ -138,35 +135,31 @@ protected:
         return status;
     }
 
-    PAMHelper* m_helper;
+    PAMHelper* m_helper = new PAMHelper("::ffff:10.0.0.9", nullptr);
     std::string m_service = "svc", m_user = "alice", m_password = "pass word";
 };
 
 TEST_F(PamCallsTest, EachFormCallsPamInItsOrder) {
-    std::string token = "t", context = "c", name = "NAME", value = "v", trigger = "OIDC_LOGIN", lower = "oidc_login";
+    std::string token = "t", context = "c", name = "NAME", value = "v", trigger = "OIDC_LOGIN", almost = "oidc_login";
     bool skip = false;
-    const struct {
-        std::function<int()> authenticate;
-        Calls variables;
-    } forms[] = {
-        {[&] { return m_helper->authenticate(m_service, m_user, m_password, skip); }, {}},
-        {[&] { return m_helper->authenticate(m_service, m_user, m_password, token, skip); }, {"JEXTOKEN=t"}},
-        {[&] { return m_helper->authenticate(m_service, m_user, m_password, name, value, skip); },
-         {"NAME=v", "context"}},
-        {[&] { return m_helper->authenticate(m_service, m_user, m_password, context, trigger, value, skip); },
-         {"OIDC_LOGIN=v", "context"}},
-        {[&] { return m_helper->authenticate(m_service, m_user, m_password, context, lower, value, skip); },
-         {"oidc_login=v"}},
+    const auto with = [&](auto&... more) {
+        return [&] { return m_helper->authenticate(m_service, m_user, m_password, more..., skip); };
+    };
+    const std::pair<std::function<int()>, Calls> forms[] = {
+        {with(), {}},
+        {with(token), {"JEXTOKEN=t"}},
+        {with(name, value), {"NAME=v", "context"}},
+        {with(context, trigger, value), {"OIDC_LOGIN=v", "context"}},
+        {with(context, almost, value), {"oidc_login=v"}},
     };
     s_pam.accountStatus = PAM_PERM_DENIED;
-    for (const auto& form : forms) {
-        m_helper->dispose();
-        m_helper = new PAMHelper("::ffff:10.0.0.9", nullptr);
+    for (const auto& [authenticate, variables] : forms) {
+        renew();
         s_pam.handles = 0;
         takeCalls();
-        EXPECT_EQ(form.authenticate(), PAM_PERM_DENIED);
+        EXPECT_EQ(authenticate(), PAM_PERM_DENIED);
         Calls expected = {"1 start svc alice"};
-        for (const std::string& variable : form.variables) expected.push_back("1 " + variable);
+        for (const std::string& variable : variables) expected.push_back("1 " + variable);
         for (const char* call : {"1 rhost 10.0.0.9", "1 INTERFACE_IP=", "1 authenticate 0", "1 account 0"})
             expected.emplace_back(call);
         EXPECT_EQ(takeCalls(), expected);
@@ -181,8 +174,7 @@ TEST_F(PamCallsTest, LaterStepsAreLeftOutAfterAFailureOrOnRequest) {
     s_pam.startStatus = PAM_SUCCESS;
     EXPECT_EQ(logIn(true), PAM_SUCCESS);
     EXPECT_EQ(takeCalls().back(), "1 account 0");
-    m_helper->dispose();
-    m_helper = new PAMHelper(nullptr, nullptr);
+    renew();
     s_pam.authStatus = PAM_MAXTRIES;
     takeCalls();
     EXPECT_EQ(logIn(), PAM_MAXTRIES);
@@ -190,6 +182,11 @@ TEST_F(PamCallsTest, LaterStepsAreLeftOutAfterAFailureOrOnRequest) {
 }
 
 TEST_F(PamCallsTest, CheckOfAnotherUserUsesItsOwnTransactionOnly) {
+    EXPECT_EQ(checkAgain("alice", true), PAM_SUCCESS); // the first check makes the user the helper's own
+    EXPECT_EQ(takeCalls(), Calls{});
+    EXPECT_EQ(checkAgain("bob", true), PAM_SUCCESS);
+    EXPECT_EQ(takeCalls().front(), "1 start  bob");
+    s_pam.handles = 0;
     m_helper->setInterfaceIP("::ffff:10.0.0.1");
     logIn();
     takeCalls();
@@ -205,13 +202,6 @@ TEST_F(PamCallsTest, CheckOfAnotherUserUsesItsOwnTransactionOnly) {
     EXPECT_EQ(m_helper->getAuthResult(), PAM_AUTH_ERR);
     EXPECT_EQ(checkAgain("alice", true), PAM_SUCCESS);
     EXPECT_EQ(takeCalls(), Calls{});
-}
-
-TEST_F(PamCallsTest, FirstCheckOfANewHelperMakesTheUserItsOwn) {
-    EXPECT_EQ(checkAgain("alice", true), PAM_SUCCESS);
-    EXPECT_EQ(takeCalls(), Calls{});
-    EXPECT_EQ(checkAgain("bob", true), PAM_SUCCESS);
-    EXPECT_EQ(takeCalls().front(), "1 start  bob");
 }
 
 TEST_F(PamCallsTest, DisposeClosesAndEndsWithTheStatusOfTheClose) {
@@ -250,16 +240,8 @@ TEST_F(PamCallsTest, EveryStepButTheCloseHoldsTheMonitor) {
 TEST_F(PamCallsTest, OperationsWaitForTheMonitorThatGuardsThem) {
     Monitor* const registry = PAMHelper::getMonitor();
     Monitor* const flags = &PAMHelper::instanceFwMapMonitor;
-    const struct {
-        Monitor* guardedBy;
-        std::function<void()> run;
-    } operations[] = {
-        {registry,
-         [&] {
-             m_helper->dispose();
-             m_helper = new PAMHelper(nullptr, nullptr);
-             logIn(true);
-         }},
+    const std::pair<Monitor*, std::function<void()>> operations[] = {
+        {registry, [&] { renew(), logIn(true); }},
         {registry, [&] { checkAgain("bob", true); }},
         {registry, [&] { m_helper->startSession(); }},
         {registry, [&] { m_helper->setSessionId("S1"); }},
@@ -269,15 +251,15 @@ TEST_F(PamCallsTest, OperationsWaitForTheMonitorThatGuardsThem) {
         {flags, [&] { m_helper->setFwInProgress(true); }},
         {flags, [&] { m_helper->setFWSemaphoreLock(true); }},
     };
-    for (const auto& operation : operations) {
-        Monitor* const other = operation.guardedBy == registry ? flags : registry;
+    for (const auto& [guardedBy, run] : operations) {
+        Monitor* const other = guardedBy == registry ? flags : registry;
         other->fastLock();
-        std::async(std::launch::async, operation.run).get(); // must not wait
+        std::async(std::launch::async, run).get(); // must not wait
         other->releaseLock();
-        operation.guardedBy->fastLock();
-        const auto waiting = std::async(std::launch::async, operation.run);
+        guardedBy->fastLock();
+        const auto waiting = std::async(std::launch::async, run);
         EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(30)), std::future_status::timeout);
-        operation.guardedBy->releaseLock();
+        guardedBy->releaseLock();
     }
 }
 
@@ -314,22 +296,33 @@ TEST_F(PamCallsTest, HelperOutlivesTheCallsThatOthersAreStillIn) {
     }
 }
 
+TEST_F(PamCallsTest, SessionOpensAfterSuccessAndWhenANewPasswordIsDue) {
+    EXPECT_EQ(m_helper->getAuthResult(), PAM_AUTHINFO_UNAVAIL);
+    EXPECT_FALSE(m_helper->startSession());
+    for (const int status : {PAM_SUCCESS, PAM_ACCT_EXPIRED, PAM_NEW_AUTHTOK_REQD, PAM_AUTH_ERR}) {
+        s_pam.accountStatus = status;
+        EXPECT_EQ(logIn(), status);
+        EXPECT_EQ(m_helper->getAuthResult(), status);
+        const bool opens = status == PAM_SUCCESS || status == PAM_NEW_AUTHTOK_REQD;
+        EXPECT_EQ(m_helper->startSession(), opens);
+        EXPECT_EQ(m_helper->isValid(), opens);
+        renew();
+    }
+}
+
 TEST_F(PamCallsTest, SessionIdTextGivesTheNumericId) {
-    const struct {
-        const char* text;
-        int id;
-    } cases[] = {{"7", 7},          {"0x1F", 31},
-                 {"017", 15},       {"42abc", 42},
-                 {"abc", 42},       {"-1", -1},
-                 {"", -1},          {"0b101", 5},
-                 {" \t+9", 9},      {"- 5", 9},
-                 {"4294967297", 1}, {nullptr, 0},
-                 {"-0X1f", -31},    {"99999999999999999999", -1}};
+    const std::pair<const char*, int> cases[] = {{"7", 7},          {"0x1F", 31},
+                                                 {"017", 15},       {"42abc", 42},
+                                                 {"abc", 42},       {"-1", -1},
+                                                 {"", -1},          {"0b101", 5},
+                                                 {" \t+9", 9},      {"- 5", 9},
+                                                 {"4294967297", 1}, {nullptr, 0},
+                                                 {"-0X1f", -31},    {"99999999999999999999", -1}};
     logIn();
-    for (const auto& test : cases) { // one after another on one helper: what is no number changes nothing
-        s_pam.sessionIdText = test.text;
+    for (const auto& [text, id] : cases) { // one after another on one helper: what is no number changes nothing
+        s_pam.sessionIdText = text;
         ASSERT_TRUE(m_helper->startSession());
-        EXPECT_EQ(m_helper->getKEPSessionId(), test.id) << (test.text == nullptr ? "absent" : test.text);
+        EXPECT_EQ(m_helper->getKEPSessionId(), id) << (text == nullptr ? "absent" : text);
     }
     s_pam.openStatus = PAM_SESSION_ERR;
     EXPECT_FALSE(m_helper->startSession());
@@ -338,68 +331,54 @@ TEST_F(PamCallsTest, SessionIdTextGivesTheNumericId) {
 }
 
 TEST_F(PamCallsTest, AddressInMappedFormIsReduced) {
-    const struct {
-        const char* given;
-        const char* kept;
-    } cases[] = {{"::ffff:10.20.30.40", "10.20.30.40"},
-                 {nullptr, "10.20.30.40"},
-                 {"10.20.30.40", "10.20.30.40"},
-                 {"fe80::1", "fe80::1"},
-                 {":10.0.0.1", ":10.0.0.1"},
-                 {"10.0.0.1:", ""},
-                 {"a.b:c", "c"},
-                 {"", ""}};
-    for (const auto& test : cases) {
-        m_helper->setRemoteIP(test.given);
-        EXPECT_EQ(m_helper->getRemoteIP(), test.kept);
+    const std::pair<const char*, const char*> cases[] = {{"::ffff:10.20.30.40", "10.20.30.40"},
+                                                         {nullptr, "10.20.30.40"},
+                                                         {"10.20.30.40", "10.20.30.40"},
+                                                         {"fe80::1", "fe80::1"},
+                                                         {":10.0.0.1", ":10.0.0.1"},
+                                                         {"10.0.0.1:", ""},
+                                                         {"a.b:c", "c"},
+                                                         {"", ""}};
+    for (const auto& [given, kept] : cases) {
+        m_helper->setRemoteIP(given);
+        EXPECT_EQ(m_helper->getRemoteIP(), kept);
     }
 }
 
 TEST_F(PamCallsTest, ConversationAnswersOnlyPasswordPrompts) {
     const struct {
         std::vector<Message> messages;
-        int status;
-        std::vector<std::string> replies;
-        const char* output;
-        const char* errors;
+        std::vector<std::string> replies; // none: the conversation fails
+        std::string output = {}, errors = {};
     } cases[] = {
-        {{{PAM_PROMPT_ECHO_OFF, "Password: "}}, PAM_SUCCESS, {"pass word"}, "", ""},
-        {{{PAM_PROMPT_ECHO_OFF, "New password: "}}, PAM_SUCCESS, {"pass word"}, "", ""},
-        {{{PAM_PROMPT_ECHO_OFF, "New password: again"}}, PAM_SUCCESS, {"pass word"}, "", ""},
-        {{{PAM_PROMPT_ECHO_OFF, "Password:"}}, PAM_CONV_ERR, {}, "", ""},
-        {{{PAM_PROMPT_ECHO_OFF, "New Password: "}}, PAM_CONV_ERR, {}, "", ""},
-        {{{PAM_PROMPT_ECHO_OFF, "PIN: "}}, PAM_CONV_ERR, {}, "", ""},
-        {{{PAM_PROMPT_ECHO_OFF, nullptr}}, PAM_CONV_ERR, {}, "", ""},
-        {{{PAM_ERROR_MSG, "bad"}, {PAM_ERROR_MSG, "worse\n"}, {PAM_ERROR_MSG, ""}, {PAM_ERROR_MSG, nullptr}},
-         PAM_SUCCESS,
-         {"-", "-", "-", "-"},
+        {{{PAM_PROMPT_ECHO_OFF, "Password: "}}, {"pass word"}},
+        {{{PAM_PROMPT_ECHO_OFF, "New password: again"}}, {"pass word"}},
+        {{{PAM_PROMPT_ECHO_OFF, "Password:"}}, {}},
+        {{{PAM_PROMPT_ECHO_OFF, "New Password: "}}, {}},
+        {{{PAM_PROMPT_ECHO_OFF, nullptr}}, {}},
+        {{{PAM_ERROR_MSG, "bad"}, {PAM_ERROR_MSG, "worse\n"}, {PAM_ERROR_MSG, ""}},
+         {"-", "-", "-"},
          "",
          "bad\nworse\n"},
-        {{{PAM_TEXT_INFO, "note"}, {PAM_TEXT_INFO, ""}, {PAM_PROMPT_ECHO_OFF, "Password: "}},
-         PAM_SUCCESS,
+        {{{PAM_TEXT_INFO, "note"}, {PAM_TEXT_INFO, nullptr}, {PAM_PROMPT_ECHO_OFF, "Password: "}},
          {"-", "-", "pass word"},
-         "note\n",
-         ""},
-        {{{PAM_TEXT_INFO, "shown"}, {99, "odd"}, {PAM_TEXT_INFO, "not shown"}}, PAM_CONV_ERR, {}, "shown\n", ""},
-        {{}, PAM_CONV_ERR, {}, "", ""},
-        {std::vector<Message>(33, {PAM_PROMPT_ECHO_OFF, "Password: "}), PAM_CONV_ERR, {}, "", ""},
-        {std::vector<Message>(32, {PAM_PROMPT_ECHO_OFF, "Password: "}), PAM_SUCCESS,
-         std::vector<std::string>(32, "pass word"), "", ""},
+         "note\n"},
+        {{{PAM_TEXT_INFO, "shown"}, {99, "odd"}, {PAM_TEXT_INFO, "not shown"}}, {}, "shown\n"},
+        {{}, {}},
+        {std::vector<Message>(33, {PAM_PROMPT_ECHO_OFF, "Password: "}), {}},
+        {std::vector<Message>(32, {PAM_PROMPT_ECHO_OFF, "Password: "}), std::vector<std::string>(32, "pass word")},
     };
     for (const auto& test : cases) {
         CapturedStream output(stdout);
         CapturedStream errors(stderr);
         std::vector<std::string> replies;
-        s_pam.onAuthenticate = [&](const pam_conv& conversation) {
-            return converse(conversation, test.messages, &replies);
-        };
+        s_pam.onAuthenticate = [&](const pam_conv& talk) { return converse(talk, test.messages, &replies); };
         const int status = logIn();
         EXPECT_EQ(errors.text(), test.errors);
         EXPECT_EQ(output.text(), test.output);
-        EXPECT_EQ(status, test.status);
+        EXPECT_EQ(status, test.replies.empty() ? PAM_CONV_ERR : PAM_SUCCESS);
         EXPECT_EQ(replies, test.replies);
-        m_helper->dispose();
-        m_helper = new PAMHelper(nullptr, nullptr);
+        renew();
     }
 }
 
@@ -424,10 +403,7 @@ TEST_F(PamCallsTest, PromptWithEchoIsAnsweredFromStandardInputUntilItEnds) {
 }
 
 TEST_F(PamCallsTest, PasswordIsForgottenOnEveryPath) {
-    const struct {
-        const char* path;
-        std::function<void()> run;
-    } paths[] = {
+    const std::pair<const char*, std::function<void()>> paths[] = {
         {"start fails", [&] { s_pam.startStatus = PAM_ABORT, logIn(); }},
         {"check fails", [&] { s_pam = {}, s_pam.authStatus = PAM_AUTH_ERR, logIn(); }},
         {"account fails", [&] { s_pam.authStatus = 0, s_pam.accountStatus = PAM_ACCT_EXPIRED, checkAgain("bob"); }},
@@ -435,9 +411,9 @@ TEST_F(PamCallsTest, PasswordIsForgottenOnEveryPath) {
         {"skipped", [&] { checkAgain("alice", true); }},
         {"another user", [&] { checkAgain("bob"); }},
     };
-    for (const auto& path : paths) {
-        path.run();
-        EXPECT_EQ(m_helper->m_password, std::string(m_password.size(), '\0')) << path.path;
+    for (const auto& [path, run] : paths) {
+        run();
+        EXPECT_EQ(m_helper->m_password, std::string(m_password.size(), '\0')) << path;
     }
 }
 

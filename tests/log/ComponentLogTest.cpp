@@ -6,21 +6,17 @@
 
 namespace {
 
-class ComponentLogTest : public testing::Test {
-protected:
-    ComponentLogTest() : m_file(std::fopen(m_dir.path("log").c_str(), "w")), m_log("base", m_file) {
-        m_log.setShowTimestamp(false);
-    }
+struct ComponentLogTest : testing::Test {
+    ComponentLogTest() { m_log.setShowTimestamp(false); }
     ~ComponentLogTest() override { std::fclose(m_file); }
-
     std::string written() {
         std::fflush(m_file);
         return readFile(m_dir.path("log"));
     }
 
-    TempDir m_dir;
-    FILE* m_file;
-    ALog m_log;
+    const TempDir m_dir;
+    FILE* const m_file = std::fopen(m_dir.path("log").c_str(), "w");
+    ALog m_log{"base", m_file};
 };
 
 void vprintTo(AComponentLog& log, const char* format, ...) GORV_PRINTF(2, 3);
@@ -34,7 +30,7 @@ void vprintTo(AComponentLog& log, const char* format, ...) {
     va_end(args);
 }
 
-void useEveryOperation(AComponentLog& log) {
+std::string useEveryOperation(AComponentLog& log) {
     log.print("m %d\n", 1);
     log.print(AComponentLog::ERROR, "m %d\n", 1);
     log.logInfo("m %d\n", 1);
@@ -42,24 +38,13 @@ void useEveryOperation(AComponentLog& log) {
     log.logError("m %d\n", 1);
     log.logTrace("m %d\n", 1);
     vprintTo(log, "m %d\n", 1);
+    std::string expected;
+    for (int i = 0; i < 8; ++i) expected += "base -m 1\n";
+    return expected;
 }
 
-std::string repeated(const std::string& line, int count) {
-    std::string result;
-    while (count-- > 0) result += line;
-    return result;
-}
-
-TEST_F(ComponentLogTest, EveryOperationWritesTheBaseLogsLineAndLeavesItBuffered) {
-    AComponentLog component("component", m_log);
-    useEveryOperation(component);
-    EXPECT_EQ(readFile(m_dir.path("log")), "");
-    component.flush();
-    EXPECT_EQ(readFile(m_dir.path("log")), repeated("base -m 1\n", 8));
-}
-
-TEST_F(ComponentLogTest, WithoutBaseLogOrSwitchedOffNothingIsWritten) {
-    AComponentLog component(nullptr);
+TEST_F(ComponentLogTest, OperationsWriteTheBaseLogsLineUnlessThereIsNoneOrTheyAreSwitchedOff) {
+    AComponentLog component(nullptr), other("other", m_log);
     useEveryOperation(component);
     component.flush();
     component.setBaseLog(m_log);
@@ -67,50 +52,36 @@ TEST_F(ComponentLogTest, WithoutBaseLogOrSwitchedOffNothingIsWritten) {
     EXPECT_FALSE(component.getEnabled());
     useEveryOperation(component);
     EXPECT_EQ(written(), "");
-    AComponentLog other("other", m_log);
     other.print("buffered\n");
     component.flush();
     EXPECT_EQ(readFile(m_dir.path("log")), "");
     component.setEnabled(true);
-    component.print("m 1\n");
-    EXPECT_EQ(written(), "base -buffered\nbase -m 1\n");
+    const std::string lines = useEveryOperation(component);
+    EXPECT_EQ(readFile(m_dir.path("log")), ""); // left in the buffer
+    component.flush();
+    EXPECT_EQ(readFile(m_dir.path("log")), "base -buffered\n" + lines);
 }
 
-TEST_F(ComponentLogTest, BaseLogIsHandedDownToAllDescendants) {
+TEST_F(ComponentLogTest, BaseLogIsHandedDownToWhatIsStillListed) {
     ALog other("other", m_file);
-    AComponentLog root("root");
-    AComponentLog child("child", other);
-    AComponentLog grandchild("grandchild");
+    AComponentLog root("root"), child("child", other), grandchild("grandchild");
+    root.removeChildLog(child); // not listed yet
     child.addChildLog(grandchild);
     EXPECT_EQ(grandchild.getBaseLog(), &other);
     root.addChildLog(child); // a parent without base log takes nothing away
+    root.addChildLog(child);
     EXPECT_EQ(child.getBaseLog(), &other);
+    root.removeChildLog(child);
     root.setBaseLog(m_log);
-    EXPECT_EQ(child.getBaseLog(), &m_log);
-    EXPECT_EQ(grandchild.getBaseLog(), &m_log);
+    EXPECT_EQ(child.getBaseLog(), &m_log); // still listed once
     EXPECT_EQ(grandchild.getParentLog(), &m_log);
-}
-
-TEST_F(ComponentLogTest, RemovalTakesOneEntryAndKeepsTheBaseLog) {
-    ALog other("other", m_file);
-    ALog last("last", m_file);
-    AComponentLog parent("parent", m_log);
-    AComponentLog child("child");
-    parent.removeChildLog(child); // not listed yet
-    parent.addChildLog(child);
-    parent.addChildLog(child);
-    parent.removeChildLog(child);
-    parent.setBaseLog(other);
-    EXPECT_EQ(child.getBaseLog(), &other); // still listed once
-    parent.removeChildLog(child);
-    parent.setBaseLog(last);
-    EXPECT_EQ(child.getBaseLog(), &other);
+    root.removeChildLog(child);
+    root.setBaseLog(other);
+    EXPECT_EQ(child.getBaseLog(), &m_log);
 }
 
 TEST_F(ComponentLogTest, ChildThatWouldCloseACycleIsRefused) {
-    AComponentLog top("top");
-    AComponentLog middle("middle");
-    AComponentLog bottom("bottom");
+    AComponentLog top("top"), middle("middle"), bottom("bottom");
     top.addChildLog(middle);
     middle.addChildLog(bottom);
     top.addChildLog(top);

@@ -34,62 +34,48 @@ namespace {
 constexpr std::time_t kSixthOfNovember = 1794009599; // 2026-11-06 23:59:59 UTC
 constexpr std::size_t kStampLength = 20;
 
-class LogTest : public testing::Test {
-protected:
-    void SetUp() override {
-        m_oldFolder = std::filesystem::current_path();
-        std::filesystem::current_path(m_dir.path()); // where "debug.log" lands
+/// A log into a file, without stamps, in a scratch folder of its own: there "debug.log" lands.
+struct LogTest : testing::Test {
+    LogTest() {
+        std::filesystem::current_path(m_dir.path());
         setZone("UTC");
+        m_log.setShowTimestamp(false);
     }
-    void TearDown() override {
+    ~LogTest() override {
         s_fakeTime = 0;
-        std::filesystem::current_path(m_oldFolder);
-        if (m_file != nullptr) std::fclose(m_file);
+        std::filesystem::current_path("/");
+        std::fclose(m_file);
     }
-
     static void setZone(const char* zone) {
         setenv("TZ", zone, 1);
         tzset();
     }
-    FILE* stream() { return m_file = m_file != nullptr ? m_file : std::fopen(path().c_str(), "w"); }
-    std::string path() const { return m_dir.path("given.log"); }
-    std::string written() const { return readFile(path()); }
-    static bool exists(const char* name) { return std::filesystem::exists(name); }
+    std::string written() const { return readFile(m_path); }
 
-    TempDir m_dir;
-    FILE* m_file = nullptr;
-    std::filesystem::path m_oldFolder;
+    const TempDir m_dir;
+    const std::string m_path = m_dir.path("given.log");
+    FILE* const m_file = std::fopen(m_path.c_str(), "w");
+    ALog m_log{"box", m_file};
 };
 
-TEST_F(LogTest, LineIsNameHyphenMessageAndLevelsChangeNothing) {
-    ALog log("box", stream());
-    log.setShowTimestamp(false);
-    log.print("a %d\n", 1);
-    log.print(ALog::INFO, "a %d\n", 1);
-    log.print(ALog::TRACE, "a %d\n", 1);
-    EXPECT_EQ(written(), "box -a 1\nbox -a 1\nbox -a 1\n"); // flushed by print
-    ALog unnamed(nullptr, stream());
+TEST_F(LogTest, LineIsNameHyphenAndMessageAsPrintfFormatsItAtEveryLevel) {
+    EXPECT_TRUE(!m_log.getEchoToConsole() && !m_log.getShowTimestamp() && m_log.getEnabled());
+    const char* volatile absent = nullptr;
+    m_log.print("%d|%i|%u|%x|%s|%%\n", -2147483647 - 1, 0, 4294967295U, 0xBEEFU, "text");
+    m_log.print(ALog::INFO, "%s|%5d|%-4s|%ld|%.2f|%c\n", absent, 42, "ab", -5L, 1.5, 'c');
+    m_log.print(ALog::TRACE, "%s and then %03d\n", "plain first", 7);
+    ALog unnamed(nullptr, m_file);
     unnamed.setShowTimestamp(false);
     unnamed.print("open");
     unnamed.print(" line\n");
-    EXPECT_TRUE(written().ends_with("\n -open - line\n")) << written();
-}
-
-TEST_F(LogTest, MessageIsFormattedAsPrintfDoes) {
-    ALog log("", stream());
-    log.setShowTimestamp(false);
-    EXPECT_TRUE(!log.getEchoToConsole() && !log.getShowTimestamp() && log.getEnabled());
-    const char* volatile absent = nullptr;
-    log.print("%d|%i|%u|%x|%s|%%\n", -2147483647 - 1, 0, 4294967295U, 0xBEEFU, "text");
-    log.print("%s|%5d|%-4s|%ld|%.2f|%c|%p\n", absent, 42, "ab", -5L, 1.5, 'c', static_cast<void*>(nullptr));
-    log.print("%s and then %03d\n", "plain first", 7);
-    EXPECT_EQ(written(), " --2147483648|0|4294967295|beef|text|%\n"
-                         " -(null)|   42|ab  |-5|1.50|c|(nil)\n"
-                         " -plain first and then 007\n");
+    EXPECT_EQ(written(), "box --2147483648|0|4294967295|beef|text|%\n"
+                         "box -(null)|   42|ab  |-5|1.50|c\n"
+                         "box -plain first and then 007\n"
+                         " -open - line\n"); // flushed by print
 }
 
 TEST_F(LogTest, StampFollowsClockAndZoneFromLineToLine) {
-    ALog log("box", stream());
+    m_log.setShowTimestamp(true);
     const struct {
         std::time_t time;
         const char* zone;
@@ -110,12 +96,12 @@ TEST_F(LogTest, StampFollowsClockAndZoneFromLineToLine) {
     for (const auto& line : lines) {
         s_fakeTime = line.time;
         setZone(line.zone);
-        log.print("x\n");
+        m_log.print("x\n");
         expected += std::string(line.stamp) + "box -x\n";
     }
     setenv("TZ", "EAST-5", 1); // the host calls no tzset: the next second is soon enough
     s_fakeTime = kSixthOfNovember + 1;
-    log.print("x\n");
+    m_log.print("x\n");
     EXPECT_EQ(written(), expected + "11/ 7/2026 05:00:00 box -x\n");
 }
 
@@ -123,13 +109,12 @@ TEST_F(LogTest, LineIsCutAt2047CharactersWithStampAndNameCounted) {
     const std::string longText(3000, 'm');
     for (const bool stamp : {true, false}) {
         for (const std::size_t nameLength : {3U, 2046U, 2500U}) {
-            std::fclose(stream());
-            m_file = nullptr;
             const std::string name(nameLength, 'n');
-            ALog log(name.c_str(), stream());
+            ALog log(name.c_str(), nullptr);
+            ASSERT_EQ(log.setOutputFile("cut.log"), 0);
             log.setShowTimestamp(stamp);
             log.print("%s\n", longText.c_str());
-            const std::string line = written();
+            const std::string line = readFile("cut.log");
             ASSERT_EQ(line.size(), 2047U);
             const std::string body = line.substr(stamp ? kStampLength : 0);
             EXPECT_EQ(body, (name + " -" + longText).substr(0, body.size()));
@@ -141,38 +126,33 @@ TEST_F(LogTest, SwitchedOffLogWritesNothingAndOpensNothing) {
     ALog log("box");
     EXPECT_FALSE(log.getEnabled());
     log.print("x\n");
-    EXPECT_FALSE(exists("debug.log"));
+    EXPECT_FALSE(std::filesystem::exists("debug.log"));
     ASSERT_EQ(log.setOutputFile("own.log"), 0);
     log.print("x\n");
-    EXPECT_EQ(readFile("own.log"), "");
     log.setEnabled(true);
     log.setShowTimestamp(false);
-    log.print("x\n");
-    EXPECT_EQ(readFile("own.log"), "box -x\n");
+    log.print("y\n");
+    EXPECT_EQ(readFile("own.log"), "box -y\n");
 }
 
 TEST_F(LogTest, OpenFailuresDropTheLineAndTheNextLineTriesAgain) {
-    ALog log("box", stream());
-    log.setShowTimestamp(false);
-    EXPECT_EQ(log.setOutputFile("missing/own.log"), -1);
+    EXPECT_EQ(m_log.setOutputFile("missing/own.log"), -1);
     std::filesystem::create_directory("debug.log"); // can't be opened for writing
-    log.print("dropped\n");
+    m_log.print("dropped\n");
     std::filesystem::remove("debug.log");
     std::ofstream("debug.log") << "of another run";
     const int next = dup(0);
     close(next);
-    log.print("kept\n"); // opens the file, emptied, as the lowest free descriptor
+    m_log.print("kept\n"); // opens the file, emptied, as the lowest free descriptor
     EXPECT_EQ(readFile("debug.log"), "box -kept\n");
     EXPECT_EQ(fcntl(next, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC); // no program inherits it
-    EXPECT_EQ(log.setOutputFile(nullptr), -1);
+    EXPECT_EQ(m_log.setOutputFile(nullptr), -1);
 }
 
 TEST_F(LogTest, MovingTheFileEachNightLeaksNoDescriptorAndLosesNoLine) {
-    ALog log("box", stream());
-    log.setShowTimestamp(false);
-    ASSERT_EQ(log.setOutputFile("night.log"), 0);
-    std::fputs("still the caller's\n", stream()); // not closed by the move
-    std::fflush(stream());
+    ASSERT_EQ(m_log.setOutputFile("night.log"), 0);
+    std::fputs("still the caller's\n", m_file); // not closed by the move
+    std::fflush(m_file);
     EXPECT_EQ(written(), "still the caller's\n");
     const int before = openDescriptors();
     {
@@ -182,63 +162,51 @@ TEST_F(LogTest, MovingTheFileEachNightLeaksNoDescriptorAndLosesNoLine) {
     }
     for (int night = 0; night < 20; ++night) {
         va_list none{};
-        log.vprint("buffered\n", none);
+        m_log.vprint("buffered\n", none);
         std::filesystem::rename("night.log", "yesterday.log");
-        ASSERT_EQ(log.setOutputFile("night.log"), 0);
+        ASSERT_EQ(m_log.setOutputFile("night.log"), 0);
         EXPECT_EQ(readFile("yesterday.log"), "box -buffered\n");
     }
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST_F(LogTest, EchoedLineAlsoReachesStandardOutput) {
+TEST_F(LogTest, EchoedLineAlsoReachesStandardOutputAndAFullDiskStopsNothing) {
+    FILE* full = std::fopen("/dev/full", "w");
     CapturedStream output(stdout);
-    ALog log("box", stream());
-    log.setShowTimestamp(false);
-    log.setEchoToConsole(true);
-    log.print("100%% %s\n", "%d");
+    m_log.setEchoToConsole(true);
+    m_log.print("100%% %s\n", "%d");
     EXPECT_EQ(output.arrived(), "box -100% %d\n"); // flushed
     std::fputs("more ", stdout);
-    log.flush();
+    m_log.flush();
     EXPECT_TRUE(output.arrived().ends_with("more "));
-    ALog console("out", stdout);
-    console.setShowTimestamp(false);
-    console.setEchoToConsole(true);
-    console.print("twice\n");
-    EXPECT_EQ(output.text(), "box -100% %d\nmore out -twice\nout -twice\n");
+    ALog console("out", stdout), unlucky("full", full);
+    for (ALog* log : {&console, &unlucky, &unlucky}) {
+        log->setShowTimestamp(false);
+        log->setEchoToConsole(true);
+        log->print("line\n");
+    }
+    EXPECT_EQ(output.text(), "box -100% %d\nmore out -line\nout -line\nfull -line\nfull -line\n");
     EXPECT_EQ(written(), "box -100% %d\n");
-}
-
-TEST_F(LogTest, FullDiskStopsNothing) {
-    FILE* full = std::fopen("/dev/full", "w");
-    ALog log("box", full);
-    log.setShowTimestamp(false);
-    log.setEchoToConsole(true);
-    CapturedStream output(stdout);
-    for (int i = 0; i < 100; ++i) log.print("%d\n", i);
-    log.flush();
-    EXPECT_TRUE(output.text().ends_with("box -98\nbox -99\n"));
     std::fclose(full);
 }
 
 TEST_F(LogTest, LinesOfManyThreadsAndTwoLogsStayWhole) {
-    constexpr int kThreads = 8;
-    constexpr int kLines = 200;
-    ALog first("first", stream());
-    ALog second("second", nullptr);
+    constexpr int kThreads = 8, kLines = 200;
+    ALog second("two", nullptr);
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
             for (int i = 0; i < kLines; ++i) {
-                ALog& log = i % 2 == 0 ? first : second;
+                ALog& log = i % 2 == 0 ? m_log : second;
                 log.setShowTimestamp(true);
                 log.print("thread %d line %d\n", t, i);
             }
         });
     }
     for (auto& thread : threads) thread.join();
-    const std::regex whole(R"(\d\d/[ \d]\d/\d{4} \d\d:\d\d:\d\d (first|second) -thread \d line \d+)");
+    const std::regex whole(R"(\d\d/[ \d]\d/\d{4} \d\d:\d\d:\d\d (box|two) -thread \d line \d+)");
     std::set<std::string> lines;
-    for (const std::string& file : {path(), std::string("debug.log")}) {
+    for (const std::string& file : {m_path, std::string("debug.log")}) {
         std::ifstream stream(file);
         for (std::string line; std::getline(stream, line);) {
             EXPECT_TRUE(std::regex_match(line, whole)) << line;

@@ -51,17 +51,14 @@ public:
 
     /// What has left the stream's buffer so far.
     std::string arrived() const {
-        char bytes[4096];
-        const ssize_t count = ::pread(::fileno(m_file), bytes, sizeof bytes, 0);
-        return {bytes, count < 0 ? 0 : static_cast<std::size_t>(count)};
+        std::string bytes(1 << 20, '\0');
+        const ssize_t count = ::pread(::fileno(m_file), bytes.data(), bytes.size(), 0);
+        return bytes.substr(0, count < 0 ? 0 : static_cast<std::size_t>(count));
     }
     /// End the redirection and return all that was written.
     std::string text() {
         restore();
-        std::string result;
-        std::rewind(m_file);
-        for (int c = std::fgetc(m_file); c != EOF; c = std::fgetc(m_file)) result.push_back(static_cast<char>(c));
-        return result;
+        return arrived();
     }
 
 private:

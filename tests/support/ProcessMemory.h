@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdint>
 #include <cstdio>
@@ -21,18 +22,14 @@ public:
             for (std::size_t i = 0; i + 1 < size; ++i) m_scrambled.push_back(static_cast<char>(text[i] ^ kMask));
         }
         std::string text() const {
-            std::string result(m_scrambled.size(), '\0');
-            for (std::size_t i = 0; i < result.size(); ++i) result[i] = static_cast<char>(m_scrambled[i] ^ kMask);
+            std::string result = m_scrambled;
+            for (char& byte : result) byte = static_cast<char>(byte ^ kMask);
             return result;
         }
         bool isIn(const void* block, std::size_t size) const {
-            const char* const bytes = static_cast<const char*>(block);
-            for (std::size_t begin = 0; begin + m_scrambled.size() <= size; ++begin) {
-                std::size_t i = 0;
-                while (i < m_scrambled.size() && (bytes[begin + i] ^ kMask) == m_scrambled[i]) ++i;
-                if (i == m_scrambled.size()) return true;
-            }
-            return false;
+            const char *const begin = static_cast<const char*>(block), *const end = begin + size;
+            const auto matches = [](char byte, char scrambled) { return (byte ^ kMask) == scrambled; };
+            return std::search(begin, end, m_scrambled.begin(), m_scrambled.end(), matches) != end;
         }
 
     private:
@@ -57,8 +54,7 @@ public:
         bool found = false;
         char line[512];
         while (!found && std::fgets(line, sizeof line, maps) != nullptr) {
-            std::uintptr_t begin = 0;
-            std::uintptr_t end = 0;
+            std::uintptr_t begin = 0, end = 0;
             char access[5] = {};
             if (std::sscanf(line, "%" SCNxPTR "-%" SCNxPTR " %4s", &begin, &end, access) == 3 && access[1] == 'w')
                 found = regionHolds(memory, begin, end, needle);
