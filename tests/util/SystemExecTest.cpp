@@ -128,6 +128,18 @@ TEST_F(SystemExecTest, ChildIsEndedInItsDelayWithoutTheCallersHandler) {
     std::signal(SIGTERM, SIG_DFL);
 }
 
+TEST_F(SystemExecTest, StoppedChildDoesNotRaiseTheHandlerThatWouldWaitForItsEnd) {
+    start("sh", {"", "-c", "read go; kill -STOP $$"}); // not before the handler is installed
+    EXPECT_EQ(::write(m_runner.getStdIn(), "\n", 1), 1);
+    int status = 0;
+    const pid_t child = ::waitpid(-1, &status, WUNTRACED);
+    sigset_t pending;
+    sigpending(&pending);
+    EXPECT_TRUE(WIFSTOPPED(status) && !sigismember(&pending, SIGCHLD));
+    ::kill(child, SIGKILL);
+    ::waitpid(child, &status, 0);
+}
+
 TEST_F(SystemExecTest, RunsInARowLeaveNoPipeAndNoZombieAndTheHandlerTouchesNothingElse) {
     for (int run = 0; run < 50; ++run, letHandlerRun()) start("true");
     start("cat");
