@@ -18,12 +18,13 @@ public:
     {
         std::fflush(stdout);
         m_saved = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
-        ::dup2(STDERR_FILENO, STDOUT_FILENO);
+        m_isAside = m_saved >= 0 && ::dup2(STDERR_FILENO, STDOUT_FILENO) >= 0;
     }
     ~OutputAside()
     {
         std::fflush(stdout);
-        ::dup2(m_saved, STDOUT_FILENO);
+        if (m_isAside && ::dup2(m_saved, STDOUT_FILENO) < 0)
+            std::perror("console: standard output is lost");
         ::close(m_saved);
     }
     OutputAside(const OutputAside&) = delete;
@@ -31,6 +32,7 @@ public:
 
 private:
     int m_saved;
+    bool m_isAside;
 };
 
 } // namespace

@@ -281,7 +281,7 @@ Session::Answer Session::run(std::string_view program)
     std::string output;
     const auto outcome = m_services.programs.run(
         program, protocol::kMaxBytes, [this] { return isStopping(); }, output);
-    const Answer answer = [&]() -> Answer {
+    Answer answer = [&]() -> Answer {
         switch (outcome) {
         case Programs::Outcome::Finished:
             return {protocol::Done, std::move(output)};

@@ -373,7 +373,7 @@ void PAMHelper::dispose()
             stopSession();
         std::atomic_ref<int>(m_calls).fetch_or(kDeleteAfterwards);
     }
-    leaveCall();
+    leaveCall(); // NOLINT(clang-analyzer-cplusplus.NewDelete): stopSession() left its own call, not this one
 }
 
 void PAMHelper::setFwInProgress(bool flag)

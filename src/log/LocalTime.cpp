@@ -1,6 +1,18 @@
 #include "LocalTime.h"
 
+#include <mutex>
+
 namespace {
+
+// The C library guards its time zone with a lock of its own, which race detectors cannot see. Once a second
+// ours costs nothing, and they have nothing to report.
+constinit std::mutex s_zoneMutex;
+
+void refreshZone()
+{
+    const std::lock_guard lock(s_zoneMutex);
+    tzset(); // localtime_r alone need not notice that TZ or the zone file changed
+}
 
 bool areEqual(const std::tm& one, const std::tm& other)
 {
@@ -14,7 +26,7 @@ bool areEqual(const std::tm& one, const std::tm& other)
 bool LocalSecond::moveTo(std::time_t second)
 {
     if (second != m_second)
-        tzset(); // localtime_r alone need not notice that TZ or the zone file changed
+        refreshZone();
     m_second = second;
     std::tm fields;
     localtime_r(&second, &fields);
@@ -22,4 +34,10 @@ bool LocalSecond::moveTo(std::time_t second)
         return false;
     m_fields = fields;
     return true;
+}
+
+std::size_t LocalSecond::format(char* text, std::size_t size, const char* format) const
+{
+    const std::lock_guard lock(s_zoneMutex); // strftime sets the zone as well
+    return std::strftime(text, size, format, &m_fields);
 }

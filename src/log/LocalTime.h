@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <ctime>
 
 /// The local time of the second that it was moved to last. Looks at TZ and the zone file once a second only,
@@ -10,6 +11,10 @@ public:
     bool moveTo(std::time_t second);
 
     const std::tm& fields() const { return m_fields; }
+
+    /// strftime of fields(). Returns the length of the text, 0 if it does not fit.
+    std::size_t format(char* text, std::size_t size, const char* format) const
+        __attribute__((format(strftime, 4, 0)));
 
 private:
     std::time_t m_second = 0;
