@@ -43,7 +43,7 @@ std::string_view currentStamp()
     // "%X" follows the host's time locale, which may change between two lines.
     const char* const timeFormat = nl_langinfo(T_FMT);
     if (timeChanged || s_stamp.timeFormat != timeFormat) {
-        s_stamp.length = s_stamp.time.format(s_stamp.text, sizeof s_stamp.text, "%m/%e/%Y %X ");
+        s_stamp.length = s_stamp.time.writeTo(s_stamp.text, sizeof s_stamp.text);
         s_stamp.timeFormat = timeFormat;
     }
     return {s_stamp.text, s_stamp.length};

@@ -36,8 +36,8 @@ bool LocalSecond::moveTo(std::time_t second)
     return true;
 }
 
-std::size_t LocalSecond::format(char* text, std::size_t size, const char* format) const
+std::size_t LocalSecond::writeTo(char* text, std::size_t size) const
 {
     const std::lock_guard lock(s_zoneMutex); // strftime sets the zone as well
-    return std::strftime(text, size, format, &m_fields);
+    return std::strftime(text, size, "%m/%e/%Y %X ", &m_fields);
 }

@@ -12,9 +12,9 @@ public:
 
     const std::tm& fields() const { return m_fields; }
 
-    /// strftime of fields(). Returns the length of the text, 0 if it does not fit.
-    std::size_t format(char* text, std::size_t size, const char* format) const
-        __attribute__((format(strftime, 4, 0)));
+    /// Write the date, and the time in the host's time locale, each with a blank after it. Returns the length
+    /// of the text, 0 if it does not fit.
+    std::size_t writeTo(char* text, std::size_t size) const;
 
 private:
     std::time_t m_second = 0;

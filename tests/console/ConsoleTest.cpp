@@ -221,17 +221,24 @@ TEST_F(ConsoleTest, TwoHundredClientsAreAllServedAndLeaveNothing) {
     const long threads = count("task");
     const int logins = std::max(25 / kScale, 1); // of each client
     std::atomic<int> served = 0;
-    inParallel(200, [&](unsigned) {
-        for (int login = 0; login < logins; ++login) {
-            const Peer peer(m_port);
-            if (peer.logIn().result == Done && peer.ask(Who).result == Done &&
-                (login % 2 == 0 || peer.ask(Logout).result == Done)) // every other one just vanishes
-                ++served;
-        }
-    });
-    EXPECT_EQ(served, 200 * logins);
-    EXPECT_TRUE(eventually([&] { return sessions(watcher) == 1; }));
-    EXPECT_TRUE(eventually([&] { return count("fd") == descriptors && count("task") == threads; }));
+    const auto crowd = [&](int rounds) {
+        inParallel(200, [&](unsigned) {
+            for (int login = 0; login < rounds; ++login) {
+                const Peer peer(m_port);
+                if (peer.logIn().result == Done && peer.ask(Who).result == Done &&
+                    (login % 2 == 0 || peer.ask(Logout).result == Done)) // every other one just vanishes
+                    ++served;
+            }
+        });
+        EXPECT_TRUE(eventually([&] { return sessions(watcher) == 1; }));
+        EXPECT_TRUE(eventually([&] { return count("fd") == descriptors && count("task") == threads; }));
+        const std::string status = readFile("/proc/" + std::to_string(m_pid) + "/status");
+        return std::stol(status.substr(status.find("VmRSS:") + 6)); // KiB
+    };
+    const long resident = crowd(1); // with what the daemon allocates once
+    const long afterwards = crowd(logins);
+    EXPECT_EQ(served, 200 * (1 + logins));
+    if (kScale == 1) { EXPECT_LT(afterwards, resident + 4096); } // a sanitizer keeps freed memory
 }
 
 TEST_F(ConsoleTest, BrokenAndHostileFramesHarmNobodyEvenOnAFullDisk) {
