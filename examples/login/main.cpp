@@ -5,11 +5,11 @@
 //
 // The password is asked for on a terminal and read from standard input otherwise. Without -system the program
 // uses the service files and accounts beside it; with -system it uses the machine's own /etc/pam.d.
-// Exit status: 0 logged in, 1 refused, 2 wrong usage or no
-// temporary file.
+// Exit status: 0 logged in, 1 refused, 2 wrong usage or no temporary file.
 
 #include "AComponentLog.h"
 #include "ALog.h"
+#include "CommandLine.h"
 #include "EmbeddedPam.h"
 #include "PAMHelper.h"
 
@@ -24,7 +24,7 @@
 namespace {
 
 struct Options {
-    std::string service; // "gorvdemo", or "login" of the machine
+    std::string service;
     std::string user;
     std::string remote = "::ffff:192.168.1.20";
     std::string interface = "192.168.1.1";
@@ -33,21 +33,17 @@ struct Options {
 
 bool parse(int argc, char** argv, Options& options)
 {
-    for (int i = 1; i < argc; ++i) {
-        const std::string name = argv[i];
-        if (name == "-system") {
-            options.system = true;
-            continue;
-        }
-        std::string* target = name == "-service"     ? &options.service
-                              : name == "-user"      ? &options.user
-                              : name == "-remote"    ? &options.remote
-                              : name == "-interface" ? &options.interface
-                                                     : nullptr;
-        if (target == nullptr || ++i == argc)
-            return false;
-        *target = argv[i];
-    }
+    CommandLine line(argc, argv);
+    const auto take = [&line](const char* name, std::string& option) {
+        if (const char* value = line.getArg(name))
+            option = value;
+    };
+    options.system = line.hasArg("system");
+    options.service = options.system ? "login" : "gorvdemo";
+    take("service", options.service);
+    take("user", options.user);
+    take("remote", options.remote);
+    take("interface", options.interface);
     return !options.user.empty();
 }
 
@@ -189,8 +185,6 @@ int main(int argc, char** argv)
     }
     if (!options.system)
         useServiceFilesIn(GORV_DEMO_CONFDIR);
-    if (options.service.empty())
-        options.service = options.system ? "login" : "gorvdemo";
 
     FILE* file = std::tmpfile();
     if (file == nullptr) {
