@@ -1,6 +1,9 @@
 #include "LocalTime.h"
 
+#include <cstdlib>
+#include <cstring>
 #include <mutex>
+#include <string_view>
 
 namespace {
 
@@ -8,31 +11,19 @@ namespace {
 // ours costs nothing, and they have nothing to report.
 constinit std::mutex s_zoneMutex;
 
-void refreshZone()
-{
-    const std::lock_guard lock(s_zoneMutex);
-    tzset(); // localtime_r alone need not notice that TZ or the zone file changed
-}
-
-bool areEqual(const std::tm& one, const std::tm& other)
-{
-    return one.tm_sec == other.tm_sec && one.tm_min == other.tm_min && one.tm_hour == other.tm_hour &&
-           one.tm_mday == other.tm_mday && one.tm_mon == other.tm_mon && one.tm_year == other.tm_year &&
-           one.tm_gmtoff == other.tm_gmtoff && one.tm_zone == other.tm_zone;
-}
-
 } // namespace
 
 bool LocalSecond::moveTo(std::time_t second)
 {
-    if (second != m_second)
-        refreshZone();
-    m_second = second;
-    std::tm fields;
-    localtime_r(&second, &fields);
-    if (areEqual(fields, m_fields))
+    const char* const zone = std::getenv("TZ");
+    if (m_isSet && second == m_second && isZone(zone))
         return false;
-    m_fields = fields;
+    m_isSet = true;
+    m_second = second;
+    keepZone(zone);
+    const std::lock_guard lock(s_zoneMutex);
+    tzset(); // localtime_r alone need not notice that TZ or the zone file changed
+    localtime_r(&second, &m_fields);
     return true;
 }
 
@@ -40,4 +31,16 @@ std::size_t LocalSecond::writeTo(char* text, std::size_t size) const
 {
     const std::lock_guard lock(s_zoneMutex); // strftime sets the zone as well
     return std::strftime(text, size, "%m/%e/%Y %X ", &m_fields);
+}
+
+bool LocalSecond::isZone(const char* zone) const
+{
+    return zone == nullptr ? !m_hasZone : m_hasZone && std::strcmp(zone, m_zone) == 0;
+}
+
+void LocalSecond::keepZone(const char* zone)
+{
+    m_hasZone = zone != nullptr;
+    const std::string_view text = m_hasZone ? zone : "";
+    m_zone[text.copy(m_zone, sizeof m_zone - 1)] = '\0';
 }

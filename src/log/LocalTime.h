@@ -3,11 +3,12 @@
 #include <cstddef>
 #include <ctime>
 
-/// The local time of the second that it was moved to last. Looks at TZ and the zone file once a second only,
-/// which costs more than all the rest of a log line, yet sees at once when the host sets another time zone.
+/// The local time of the second that it was moved to last, as localtime tells it. Asks the C library, which
+/// looks at the zone file, once a second or when TZ has another value: that costs more than all the rest of a
+/// log line.
 class LocalSecond {
 public:
-    /// Returns whether fields() changed.
+    /// Returns whether fields() may have changed.
     bool moveTo(std::time_t second);
 
     const std::tm& fields() const { return m_fields; }
@@ -17,6 +18,12 @@ public:
     std::size_t writeTo(char* text, std::size_t size) const;
 
 private:
+    bool isZone(const char* zone) const;
+    void keepZone(const char* zone);
+
+    bool m_isSet = false;
     std::time_t m_second = 0;
     std::tm m_fields = {};
+    bool m_hasZone = false;
+    char m_zone[95] = {}; // the value of TZ; no longer one equals it once it is cut off
 };
