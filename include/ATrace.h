@@ -58,8 +58,12 @@ public:
 
 private:
     // Exported: the template of TraceLog() calls it from the host.
-    void vTraceLog(int level, const char* format, va_list args) GORV_PRINTF(3, 0);
+    void vTraceLog(const char* format, va_list args) GORV_PRINTF(2, 0);
     GORV_LOCAL bool openFile();
+    bool admits(int level) const
+    {
+        return level == 0 || level <= __atomic_load_n(&m_level, __ATOMIC_RELAXED);
+    }
 
     bool m_disabled; // until an Init() with a name
     char* m_fileName;
@@ -86,8 +90,10 @@ void ATrace::Init(int level, const char* fileName)
 template <typename>
 void ATrace::TraceLog(int level, const char* format, ...)
 {
+    if (!admits(level))
+        return;
     va_list args;
     va_start(args, format);
-    vTraceLog(level, format, args);
+    vTraceLog(format, args);
     va_end(args);
 }

@@ -77,9 +77,11 @@ void ATrace::Init(int level, char* fileName)
 
 void ATrace::TraceLog(int level, char* format, ...)
 {
+    if (!admits(level))
+        return;
     va_list args;
     va_start(args, format);
-    vTraceLog(level, format, args);
+    vTraceLog(format, args);
     va_end(args);
 }
 
@@ -90,10 +92,9 @@ void ATrace::Close()
         std::fclose(std::exchange(m_file, nullptr));
 }
 
-void ATrace::vTraceLog(int level, const char* format, va_list args)
+void ATrace::vTraceLog(const char* format, va_list args)
 {
-    // The threshold first: most calls end here. An enabled trace has a file name.
-    if ((level > readShared(m_level) && level != 0) || readShared(m_disabled))
+    if (readShared(m_disabled)) // an enabled trace has a file name
         return;
     const MonitorLock lock = m_monitor.acquireLock();
     if (m_file == nullptr && !openFile())
