@@ -6,7 +6,9 @@
 #include <arpa/inet.h>
 #include <cstdlib>
 #include <poll.h>
+#include <sched.h>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -41,96 +43,116 @@ public:
     int receiver = -1;
 };
 
-/// Carries an int over a connection with bare system calls, which it closes at its end.
-class Bare : Connection {
+/// Keeps this thread, and the threads that it starts, on one core: a wake-up across cores takes as long as
+/// the whole trip or three times that, by chance.
+class OneCore {
 public:
-    ~Bare()
+    OneCore()
     {
-        ::close(sender);
-        ::close(receiver);
+        ::sched_getaffinity(0, sizeof m_before, &m_before);
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(::sched_getcpu(), &one);
+        ::sched_setaffinity(0, sizeof one, &one);
     }
-    void send()
-    {
-        const std::uint32_t value = htonl(4711);
-        benchmark::DoNotOptimize(::write(sender, &value, sizeof value));
-    }
-    void receive()
-    {
-        pollfd entry{receiver, POLLIN, 0};
-        std::uint32_t value = 0;
-        benchmark::DoNotOptimize(::poll(&entry, 1, kTimeout * 1000));
-        benchmark::DoNotOptimize(::recv(receiver, &value, sizeof value, MSG_WAITALL));
-        benchmark::DoNotOptimize(ntohl(value));
-    }
-    void carry(std::vector<unsigned char>& block)
-    {
-        benchmark::DoNotOptimize(::write(sender, block.data(), block.size()));
-        pollfd entry{receiver, POLLIN, 0};
-        benchmark::DoNotOptimize(::poll(&entry, 1, kTimeout * 1000));
-        benchmark::DoNotOptimize(::recv(receiver, block.data(), block.size(), MSG_WAITALL));
-    }
+    ~OneCore() { ::sched_setaffinity(0, sizeof m_before, &m_before); }
+    OneCore(const OneCore&) = delete;
+    OneCore& operator=(const OneCore&) = delete;
+
+private:
+    cpu_set_t m_before;
 };
 
-/// The same through sockets.
-struct Streams : Connection {
-    void carry()
-    {
-        int value = 0;
-        out.writeInt(4711);
-        benchmark::DoNotOptimize(in.readInt(value, kTimeout));
-    }
+/// A peer at the receiving end that sends every int back, until the connection closes.
+class Echo {
+public:
+    explicit Echo(const Connection& connection)
+        : m_thread([end = connection.receiver] {
+              std::uint32_t value = 0;
+              while (::recv(end, &value, sizeof value, MSG_WAITALL) == sizeof value)
+                  benchmark::DoNotOptimize(::write(end, &value, sizeof value));
+              ::close(end);
+          })
+    {}
+    ~Echo() { m_thread.join(); }
+    Echo(const Echo&) = delete;
+    Echo& operator=(const Echo&) = delete;
 
-    ASocket out{sender, address};
-    ASocket in{receiver, address};
+private:
+    std::thread m_thread;
 };
 
-void streams(benchmark::State& state)
+void streamTrips(benchmark::State& state, ALog* log)
 {
-    Streams streams;
-    for (auto _ : state)
-        streams.carry();
-}
-
-void bareCalls(benchmark::State& state)
-{
-    Bare bare;
+    const OneCore core;
+    Connection connection;
+    const Echo echo(connection);
+    ASocket socket(connection.sender, connection.address);
+    if (log != nullptr)
+        socket.setLog(*log);
+    int value = 0;
     for (auto _ : state) {
-        bare.send();
-        bare.receive();
+        socket.writeInt(4711);
+        benchmark::DoNotOptimize(socket.readInt(value, kTimeout));
     }
 }
 
-void loggedStreams(benchmark::State& state)
+void silentTrips(benchmark::State& state)
+{
+    streamTrips(state, nullptr);
+}
+
+void loggedTrips(benchmark::State& state)
 {
     FILE* file = std::tmpfile();
     ALog log("consoled", file);
-    Streams streams;
-    streams.out.setLog(log);
-    streams.in.setLog(log);
-    for (auto _ : state)
-        streams.carry();
+    streamTrips(state, &log);
     std::fclose(file);
+}
+
+void bareTrips(benchmark::State& state)
+{
+    const OneCore core;
+    Connection connection;
+    const Echo echo(connection);
+    for (auto _ : state) {
+        std::uint32_t value = htonl(4711);
+        benchmark::DoNotOptimize(::write(connection.sender, &value, sizeof value));
+        pollfd entry{connection.sender, POLLIN, 0};
+        benchmark::DoNotOptimize(::poll(&entry, 1, kTimeout * 1000));
+        benchmark::DoNotOptimize(::recv(connection.sender, &value, sizeof value, MSG_WAITALL));
+        benchmark::DoNotOptimize(ntohl(value));
+    }
+    ::close(connection.sender);
 }
 
 constexpr std::size_t kBlockSize = 64 * 1024;
 
 void streamBlocks(benchmark::State& state)
 {
-    Streams streams;
+    Connection connection;
+    ASocket out(connection.sender, connection.address);
+    ASocket in(connection.receiver, connection.address);
     std::vector<unsigned char> block(kBlockSize, 'x');
+    const int size = static_cast<int>(block.size());
     for (auto _ : state) {
-        streams.out.write(block.data(), static_cast<int>(block.size()));
-        benchmark::DoNotOptimize(
-            streams.in.readFully(block.data(), 0, static_cast<int>(block.size()), kTimeout));
+        out.write(block.data(), size);
+        benchmark::DoNotOptimize(in.readFully(block.data(), 0, size, kTimeout));
     }
 }
 
 void bareBlocks(benchmark::State& state)
 {
-    Bare bare;
+    Connection connection;
     std::vector<unsigned char> block(kBlockSize, 'x');
-    for (auto _ : state)
-        bare.carry(block);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(::write(connection.sender, block.data(), block.size()));
+        pollfd entry{connection.receiver, POLLIN, 0};
+        benchmark::DoNotOptimize(::poll(&entry, 1, kTimeout * 1000));
+        benchmark::DoNotOptimize(::recv(connection.receiver, block.data(), block.size(), MSG_WAITALL));
+    }
+    ::close(connection.sender);
+    ::close(connection.receiver);
 }
 
 const char* opaque(const char* text)
@@ -155,9 +177,9 @@ void strtolOfTheSame(benchmark::State& state)
 
 void registerStreamComparisons()
 {
-    const char* trip = "write + poll + recv";
-    compare({"writeInt + readInt, 5 s time-out, no log", trip, 1.05}, streams, bareCalls);
-    compare({"the same, its log attached: ten lines a trip", trip, 1.10}, loggedStreams, bareCalls);
-    compare({"64 KiB blocks one way", trip, 1.03}, streamBlocks, bareBlocks);
+    const char* bare = "write + poll + recv";
+    compare({"writeInt + readInt round trip, no log", bare, 1.05}, silentTrips, bareTrips);
+    compare({"the same, its log attached", bare, 1.10}, loggedTrips, bareTrips);
+    compare({"64 KiB blocks one way", bare, 1.03}, streamBlocks, bareBlocks);
     compare({"AInteger::parseInt", "strtol of the same text", 1.50}, parseInt, strtolOfTheSame);
 }

@@ -169,8 +169,8 @@ void ALog::composeLine(const char* format, va_list args)
     LineFormat line(m_buffer, static_cast<std::size_t>(m_bufferSize));
     if (readShared(m_showTimestamp))
         line.append(currentStamp());
-    line.append(m_name);
-    line.append(" -");
+    line.appendText(m_name);
+    line.appendText(" -");
     line.appendMessage(format, args);
 }
 

@@ -33,12 +33,20 @@ void LineFormat::append(std::string_view text)
     m_position += length;
 }
 
+const char* LineFormat::appendUpTo(char stop, const char* text)
+{
+    char* position =
+        m_position; // not the member, which a stored char could change for all the compiler knows
+    char* const end = m_end;
+    while (*text != stop && *text != '\0' && position != end)
+        *position++ = *text++;
+    m_position = position;
+    return text;
+}
+
 void LineFormat::appendText(const char* text)
 {
-    if (text == nullptr)
-        text = "(null)";
-    while (m_position != m_end && *text != '\0')
-        *m_position++ = *text++;
+    appendUpTo('\0', text == nullptr ? "(null)" : text);
 }
 
 void LineFormat::appendMessage(const char* format, va_list args)
@@ -65,8 +73,7 @@ void LineFormat::appendMessage(const char* format, va_list args)
 bool LineFormat::appendPlain(const char* format, va_list& args)
 {
     while (true) {
-        while (*format != '%' && *format != '\0' && m_position != m_end)
-            *m_position++ = *format++;
+        format = appendUpTo('%', format);
         if (*format != '%')
             return true;
         format += 2;

@@ -16,11 +16,14 @@ public:
     }
 
     void append(std::string_view text);
+    /// Append @p text, "(null)" for a null pointer.
+    void appendText(const char* text);
     /// Append a message by the printf conventions, exactly as vsnprintf would.
     void appendMessage(const char* format, va_list args) GORV_PRINTF(2, 0);
 
 private:
-    void appendText(const char* text);
+    /// Returns where in @p text it stopped: at @p stop, at the end, or where the line was full.
+    const char* appendUpTo(char stop, const char* text);
     bool appendPlain(const char* format, va_list& args);
 
     char* m_position;
