@@ -16,9 +16,9 @@
 /// Create a helper with new, one per login, and give it up with dispose(), which deletes it. Every PAM step
 /// of every helper runs under one process-wide monitor, and so do the registry operations; only the closing
 /// of a session and the end of a transaction run without it. One thread at a time drives a login; any thread
-/// may look it up, read what is said to be safe, stop it and dispose of it. A helper that a look-up returns
-/// stays its creator's, who may dispose of it at any time: hold getMonitor() while you use one that isn't
-/// yours.
+/// may look it up and read what is said to be safe. Several threads may stop a login and dispose of it at
+/// once, but not beside another call on it. A helper that a look-up returns stays its creator's, who may
+/// dispose of it at any time: hold getMonitor() while you use one that isn't yours.
 ///
 /// @code
 /// auto* login = new PAMHelper("::ffff:192.168.1.20", "192.168.1.1");
@@ -66,7 +66,8 @@ public:
     /// @{
 
     /// Check the password of a login again, without an account check: for the helper's own user on its own
-    /// transaction, for another user on a temporary one. The helper keeps its user.
+    /// transaction, for another user on a temporary one. The helper keeps its user; one that has none yet
+    /// takes this one, without starting a transaction.
     int authenticate(std::string& user, std::string& password, bool& skipAuth);
 
     /// Authenticate without extra variables in the PAM environment.
@@ -82,8 +83,7 @@ public:
                      std::string& envValue, bool& skipAuth);
 
     /// Authenticate with @p envName set to @p envValue and, if @p envName is "OIDC_LOGIN", "CONTEXT_ID" set
-    /// to
-    /// @p contextId.
+    /// to @p contextId.
     int authenticate(std::string& service, std::string& user, std::string& password, std::string& contextId,
                      std::string& envName, std::string& envValue, bool& skipAuth);
     /// @}
@@ -91,8 +91,8 @@ public:
     /// @return the PAM status of the last step; 9 (PAM_AUTHINFO_UNAVAIL) before any. Safe from any thread.
     int getAuthResult();
 
-    /// Set the client's address, handed to PAM as PAM_RHOST by the next authentication. Null changes nothing.
-    /// Of an IPv4 address in IPv6-mapped form, "::ffff:10.20.30.40", only the IPv4 part is kept.
+    /// Set the client's address, handed to PAM as PAM_RHOST when the next transaction starts. Null changes
+    /// nothing. Of an IPv4 address in IPv6-mapped form, "::ffff:10.20.30.40", only the IPv4 part is kept.
     void setRemoteIP(const char* address);
     /// Set the address of the interface that the client reached, handed to PAM as "INTERFACE_IP". Null and
     /// mapped addresses as with setRemoteIP().
@@ -114,12 +114,14 @@ public:
     static int converse(int num_msg, const struct pam_message** msg, struct pam_response** resp,
                         void* appdata_ptr);
 
-    /// Open the PAM session and take its numeric id from the PAM variable "SESSION_ID" (decimal, 0x, 0b or
-    /// octal; 0 if the variable is absent, unchanged if it is no number).
+    /// Open the PAM session, and forget one that is open already: stop that first. Take its numeric id from
+    /// the PAM variable "SESSION_ID" (decimal, 0x, 0b or octal; 0 if the variable is absent, unchanged if it
+    /// is no number).
     /// @return whether the session is open; false, without a call to PAM, unless the last status is 0 or 12.
     bool startSession();
     /// Close the PAM session if it is open, store PAM's status for getAuthResult(), and remove the registry
-    /// entry under this helper's session id. Does nothing before a transaction was started.
+    /// entry under this helper's session id, which it keeps: setSessionId() registers it again. Does nothing
+    /// before a transaction was started.
     /// @return 0
     int stopSession();
     /// @return whether the PAM session is open. Safe from any thread.
@@ -166,6 +168,7 @@ private:
     GORV_LOCAL void readKEPSessionId();
     GORV_LOCAL void setFlag(bool& field, bool flag);
     GORV_LOCAL void closeSession();
+    GORV_LOCAL std::map<std::string, PAMHelper*>::iterator ownEntry();
     GORV_LOCAL void eraseEntry();
     GORV_LOCAL void leaveRegistries();
     GORV_LOCAL void enterCall();

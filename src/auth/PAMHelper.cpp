@@ -5,6 +5,7 @@
 #include "sync/FastLock.h"
 #include "sync/SharedField.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -318,13 +319,11 @@ void PAMHelper::setSessionId(const std::string& sessionId)
     const FastLock lock(instanceMapMonitor);
     // All that can run out of memory comes first: the registry and m_sessionId then change together.
     std::string newId = sessionId;
-    instanceMap.insert_or_assign(newId, this);
+    const auto earlier = ownEntry();
+    const auto entry = instanceMap.insert_or_assign(newId, this).first;
+    if (earlier != instanceMap.end() && earlier != entry)
+        instanceMap.erase(earlier);
     m_wasRegistered = true;
-    if (newId != m_sessionId) {
-        const auto earlier = instanceMap.find(m_sessionId);
-        if (earlier != instanceMap.end() && earlier->second == this)
-            instanceMap.erase(earlier);
-    }
     m_sessionId.swap(newId);
 }
 
@@ -493,6 +492,19 @@ void PAMHelper::closeSession()
     setAuthResult(status);
 }
 
+/// The entry that names this helper; there is one at most. Called with the monitor held.
+std::map<std::string, PAMHelper*>::iterator PAMHelper::ownEntry()
+{
+    const auto entry = instanceMap.find(m_sessionId);
+    if (entry != instanceMap.end() && entry->second == this)
+        return entry;
+    if (!m_wasRegistered)
+        return instanceMap.end();
+    // Another helper has taken the entry over, or the host has changed the text behind the reference.
+    return std::find_if(instanceMap.begin(), instanceMap.end(),
+                        [this](const auto& other) { return other.second == this; });
+}
+
 /// Erase the entry under this helper's session id, whichever helper it names. Called with the monitor held.
 void PAMHelper::eraseEntry()
 {
@@ -507,19 +519,16 @@ void PAMHelper::eraseEntry()
 /// No map may point at a deleted helper. One monitor at a time: nothing takes both.
 void PAMHelper::leaveRegistries()
 {
-    const auto isThis = [this](const auto& entry) { return entry.second == this; };
     {
         const FastLock lock(instanceMapMonitor);
-        const auto entry = instanceMap.find(m_sessionId);
-        if (entry != instanceMap.end() && entry->second == this)
+        const auto entry = ownEntry();
+        if (entry != instanceMap.end())
             instanceMap.erase(entry);
-        else if (m_wasRegistered) // the host may have changed the text behind the reference
-            std::erase_if(instanceMap, isThis);
     }
     if (!readShared(m_hasSetFlag))
         return;
     const FastLock lock(instanceFwMapMonitor);
-    std::erase_if(instanceFwMap, isThis);
+    std::erase_if(instanceFwMap, [this](const auto& entry) { return entry.second == this; });
 }
 
 // A thread may still be stopping a session, or waiting for the monitor in dispose(), when another disposes of

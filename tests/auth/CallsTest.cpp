@@ -3,6 +3,7 @@
 #include "support/LockProbe.h"
 #include "support/ProcessMemory.h"
 
+#include <cstring>
 #include <functional>
 #include <future>
 #include <gtest/gtest.h>
@@ -68,8 +69,8 @@ FAKE int pam_set_item(pam_handle_t* handle, int item, const void* value) {
 }
 
 FAKE int pam_putenv(pam_handle_t* handle, const char* text) {
-    const bool isSecret = std::string_view(text).starts_with("CONTEXT_ID=");
-    return s_pam.step(handle, isSecret ? "context" : text, PAM_BUF_ERR); // not looked at
+    const bool isSecret = s_secret != nullptr && s_secret->isIn(text, std::strlen(text));
+    return s_pam.step(handle, isSecret ? "secret" : text, PAM_BUF_ERR); // not looked at
 }
 
 FAKE const char* pam_getenv(pam_handle_t*, const char* name) {
@@ -140,7 +141,7 @@ struct PamCallsTest : testing::Test {
 };
 
 TEST_F(PamCallsTest, EachFormCallsPamInItsOrder) {
-    std::string token = "t", context = "c", name = "NAME", value = "v", trigger = "OIDC_LOGIN", almost = "oidc_login";
+    std::string token = "t", context = "c", name = "NAME", value = "v", trigger = "OIDC_LOGIN", almost = "OIDC_LOGIN2";
     bool skip = false;
     const auto with = [&](auto&... more) {
         return [&] { return m_helper->authenticate(m_service, m_user, m_password, more..., skip); };
@@ -148,9 +149,9 @@ TEST_F(PamCallsTest, EachFormCallsPamInItsOrder) {
     const std::pair<std::function<int()>, Calls> forms[] = {
         {with(), {}},
         {with(token), {"JEXTOKEN=t"}},
-        {with(name, value), {"NAME=v", "context"}},
-        {with(context, trigger, value), {"OIDC_LOGIN=v", "context"}},
-        {with(context, almost, value), {"oidc_login=v"}},
+        {with(name, value), {"NAME=v", "CONTEXT_ID=pass word"}},
+        {with(context, trigger, value), {"OIDC_LOGIN=v", "CONTEXT_ID=c"}},
+        {with(context, almost, value), {"OIDC_LOGIN2=v"}},
     };
     s_pam.accountStatus = PAM_PERM_DENIED;
     for (const auto& [authenticate, variables] : forms) {
@@ -182,7 +183,10 @@ TEST_F(PamCallsTest, LaterStepsAreLeftOutAfterAFailureOrOnRequest) {
 }
 
 TEST_F(PamCallsTest, CheckOfAnotherUserUsesItsOwnTransactionOnly) {
-    EXPECT_EQ(checkAgain("alice", true), PAM_SUCCESS); // the first check makes the user the helper's own
+    s_pam.authStatus = PAM_SYSTEM_ERR;
+    EXPECT_EQ(checkAgain("alice"), PAM_SYSTEM_ERR); // the first check makes the user the helper's own
+    EXPECT_EQ(takeCalls(), Calls{"- authenticate 0"});
+    EXPECT_EQ(checkAgain("alice", true), PAM_SUCCESS);
     EXPECT_EQ(takeCalls(), Calls{});
     EXPECT_EQ(checkAgain("bob", true), PAM_SUCCESS);
     EXPECT_EQ(takeCalls().front(), "1 start  bob");
@@ -403,10 +407,15 @@ TEST_F(PamCallsTest, PromptWithEchoIsAnsweredFromStandardInputUntilItEnds) {
 }
 
 TEST_F(PamCallsTest, PasswordIsForgottenOnEveryPath) {
+    std::string text = "any";
+    bool skip = false;
     const std::pair<const char*, std::function<void()>> paths[] = {
         {"start fails", [&] { s_pam.startStatus = PAM_ABORT, logIn(); }},
         {"check fails", [&] { s_pam = {}, s_pam.authStatus = PAM_AUTH_ERR, logIn(); }},
-        {"account fails", [&] { s_pam.authStatus = 0, s_pam.accountStatus = PAM_ACCT_EXPIRED, checkAgain("bob"); }},
+        {"account fails", [&] { s_pam.authStatus = 0, s_pam.accountStatus = PAM_ACCT_EXPIRED, logIn(); }},
+        {"token", [&] { m_helper->authenticate(m_service, m_user, m_password, text, skip); }},
+        {"variable", [&] { m_helper->authenticate(m_service, m_user, m_password, text, text, skip); }},
+        {"context", [&] { m_helper->authenticate(m_service, m_user, m_password, text, text, text, skip); }},
         {"own user", [&] { checkAgain("alice"); }},
         {"skipped", [&] { checkAgain("alice", true); }},
         {"another user", [&] { checkAgain("bob"); }},

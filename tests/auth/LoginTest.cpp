@@ -82,6 +82,11 @@ TEST_F(LoginTest, FirmwareMapNamesWhoSetEachValueLastAndDeletedHelperIsInNoMap) 
     a->dispose(); // the entry is the other's
     EXPECT_EQ(PAMHelper::instanceForSessionId("S1"), b);
     b->getSessionId() = "changed behind its back";
+    b->setSessionId("S2");
+    EXPECT_EQ(PAMHelper::instanceForSessionId("S1"), nullptr);
+    b->getSessionId() = "S3";
+    b->setSessionId("S3");
+    b->getSessionId() = "";
     b->dispose();
     EXPECT_TRUE(PAMHelper::instanceMap.empty());
     EXPECT_TRUE(PAMHelper::instanceFwMap.empty());
