@@ -54,9 +54,8 @@ public:
 
     /// Start the child, which runs the command after a second's delay.
     ///
-    /// First closes the pipe ends that this runner still holds. Writes its progress to standard output and
-    /// flushes every stdio stream, so it waits for a thread that is blocked in a stdio call. Replaces the
-    /// process's SIGCHLD handler with signalHandler().
+    /// First closes the pipe ends that this runner still holds, unless ::se is null. Writes its progress to
+    /// standard output and flushes it. Replaces the process's SIGCHLD handler with signalHandler().
     ///
     /// No result: when a pipe or the child can't be made, a line on standard error tells so and the pipe ends
     /// are -1. When the program can't be run, the child says so on its two output pipes and ends with
@@ -67,8 +66,8 @@ public:
     int getStdOut();
 
     /// @return where to write the child's input, or -1 as for getStdOut(). Close it to end the input. The
-    /// number still counts as the runner's and is closed again when the child ends; if it could be in use for
-    /// another file by then, put "/dev/null" in its place with dup2() instead.
+    /// number still counts as the runner's and is closed again when the child ends, or by the next execute();
+    /// if it could be in use for another file by then, put "/dev/null" in its place with dup2() instead.
     int getStdIn();
 
     /// @return where to read the child's error output, or -1 as for getStdOut().
@@ -77,6 +76,7 @@ public:
 private:
     friend void signalHandler(int sig);
 
+    GORV_LOCAL void leaveLastChild();
     GORV_LOCAL void closePipes();
 
     std::string m_command;

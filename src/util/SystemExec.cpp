@@ -140,6 +140,8 @@ void restoreSignals()
     std::fflush(stdout);
     errno = error;
     std::perror("SystemExec child: Unable to exec.");
+    ::closefrom(STDERR_FILENO +
+                1); // exit() would write the caller's buffers, which are the caller's to write
     std::exit(1);
 }
 
@@ -191,7 +193,7 @@ void SystemExec::setArgList(char** args)
 
 void SystemExec::execute()
 {
-    closePipes();
+    leaveLastChild();
     std::printf("SystemExec: Excecuting command: %s\n", m_command.c_str());
     std::fflush(stdout);
 
@@ -201,8 +203,6 @@ void SystemExec::execute()
         return;
     }
 
-    // A child that can't exec ends through exit(), which would write its copy of every buffer again.
-    std::fflush(nullptr);
     // A child that is killed at once is not missed, and the handler never meets a half-stored runner.
     const SignalBlock block(childSignal());
     m_pid = forkWithoutHandlers();
@@ -238,6 +238,14 @@ int SystemExec::getStdIn()
 int SystemExec::getStdErr()
 {
     return readDescriptor(m_stdErr);
+}
+
+void SystemExec::leaveLastChild()
+{
+    if (std::atomic_ref<SystemExec*>(se).load() != nullptr)
+        return closePipes();
+    for (int* descriptor : {&m_stdErr, &m_stdIn, &m_stdOut}) // the caller's by now, with their child
+        std::atomic_ref<int>(*descriptor).store(-1);
 }
 
 void SystemExec::closePipes()

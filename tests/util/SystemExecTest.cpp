@@ -96,10 +96,12 @@ TEST_F(SystemExecTest, ChildRunsOnThreePipesUntilTheHandlerClosesThem) {
 TEST_F(SystemExecTest, ProgressLinesArriveOnceAndWholeAndTheChildWaitsASecond) {
     CapturedStream output(stdout);
     FILE* log = std::tmpfile();
-    std::fputs("line", log); // which the child inherits and exit() would write again
+    std::fputs("line", log);                       // which the child inherits and exit() would write again
+    std::thread([=] { ::flockfile(log); }).join(); // as by a thread that reads it; nobody may wait for that
     start("ls -l");
     talk();
     const std::string pid = std::to_string(::waitpid(-1, nullptr, 0));
+    ::funlockfile(log);
     std::fseek(log, 0, SEEK_END);
     EXPECT_EQ(std::ftell(log), 4);
     std::fclose(log);
@@ -120,6 +122,7 @@ TEST_F(SystemExecTest, ChildIsEndedInItsDelayWithoutTheCallersHandler) {
     start("true");
     int status = -1;
     const pid_t child = ::waitpid(-1, &status, WUNTRACED);
+    ASSERT_GT(child, 0); // kill would take another number for everybody
     ::kill(child, SIGTERM);
     ::kill(child, SIGCONT);
     ::waitpid(child, &status, 0);
@@ -135,6 +138,7 @@ TEST_F(SystemExecTest, StoppedChildDoesNotRaiseTheHandlerThatWouldWaitForItsEnd)
     const pid_t child = ::waitpid(-1, &status, WUNTRACED);
     sigset_t pending;
     sigpending(&pending);
+    ASSERT_GT(child, 0);
     EXPECT_TRUE(WIFSTOPPED(status) && !sigismember(&pending, SIGCHLD));
     ::kill(child, SIGKILL);
     ::waitpid(child, &status, 0);
@@ -158,8 +162,14 @@ TEST_F(SystemExecTest, RunsInARowLeaveNoPipeAndNoZombieAndTheHandlerTouchesNothi
     signalHandler(SIGTERM);
     se = nullptr;
     signalHandler(SIGCHLD);
-    expectHeld(3);
+    expectHeld(3); // and they are the caller's now, as is the child
+    const int ends[] = {m_runner.getStdOut(), m_runner.getStdIn(), m_runner.getStdErr()};
     EXPECT_GT(::waitpid(-1, nullptr, 0), 0);
+    start("true");
+    expectHeld(6);
+    for (const int end : ends) ::close(end);
+    letHandlerRun();
+    expectHeld(0);
 }
 
 TEST_F(SystemExecTest, WithoutPipesOrAChildNothingIsLeftOpen) {
