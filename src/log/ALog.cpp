@@ -4,7 +4,6 @@
 #include "log/LocalTime.h"
 #include "sync/SharedField.h"
 
-#include <cstring>
 #include <langinfo.h>
 #include <memory>
 #include <string_view>

@@ -35,8 +35,8 @@ void LineFormat::append(std::string_view text)
 
 const char* LineFormat::appendUpTo(char stop, const char* text)
 {
-    char* position =
-        m_position; // not the member, which a stored char could change for all the compiler knows
+    // Not the member, which each stored char could change for all that the compiler knows.
+    char* position = m_position;
     char* const end = m_end;
     while (*text != stop && *text != '\0' && position != end)
         *position++ = *text++;
@@ -51,6 +51,8 @@ void LineFormat::appendText(const char* text)
 
 void LineFormat::appendMessage(const char* format, va_list args)
 {
+    if (format == nullptr)
+        format = "";
     char* const begin = m_position;
     va_list copy;
     va_copy(copy, args);

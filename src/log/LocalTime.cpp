@@ -16,9 +16,8 @@ constinit std::mutex s_zoneMutex;
 bool LocalSecond::moveTo(std::time_t second)
 {
     const char* const zone = std::getenv("TZ");
-    if (m_isSet && second == m_second && isZone(zone))
+    if (m_isKept && second == m_second && isZone(zone))
         return false;
-    m_isSet = true;
     m_second = second;
     keepZone(zone);
     const std::lock_guard lock(s_zoneMutex);
@@ -42,5 +41,6 @@ void LocalSecond::keepZone(const char* zone)
 {
     m_hasZone = zone != nullptr;
     const std::string_view text = m_hasZone ? zone : "";
+    m_isKept = text.size() < sizeof m_zone;
     m_zone[text.copy(m_zone, sizeof m_zone - 1)] = '\0';
 }

@@ -21,9 +21,9 @@ private:
     bool isZone(const char* zone) const;
     void keepZone(const char* zone);
 
-    bool m_isSet = false;
+    bool m_isKept = false; // not before the first call, nor where TZ is too long
     std::time_t m_second = 0;
     std::tm m_fields = {};
     bool m_hasZone = false;
-    char m_zone[95] = {}; // the value of TZ; no longer one equals it once it is cut off
+    char m_zone[94] = {}; // the value of TZ
 };
