@@ -15,8 +15,8 @@ function(gorv_compile_options target)
 endfunction()
 
 # The library itself: its calls to its own functions skip the symbol table, its calls to others the linkage table,
-# only the listed symbols leave it, and libssl stays a dependency although nothing in it is called. The new dynamic tags let LD_LIBRARY_PATH put
-# another libkep.so.1 in front of the build tree's.
+# only the listed symbols leave it, and libssl stays a dependency although nothing in it is called. The new dynamic
+# tags let LD_LIBRARY_PATH put another libkep.so.1 in front of the build tree's.
 function(gorv_library_options target)
     include(CheckIPOSupported)
     check_ipo_supported(RESULT supported OUTPUT ignored LANGUAGES CXX)

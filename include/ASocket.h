@@ -15,9 +15,9 @@ class ALog;
 /// Integers travel with the most significant byte first, strings as their characters alone. Nothing is
 /// buffered: what was written is with the system. The object owns its descriptor and closes it; the
 /// descriptor blocks, and sending to a peer that has gone raises SIGPIPE unless the program ignores it. Only
-/// setting up prints or throws: it prints its progress to standard output and failures to standard error.
-/// Reading and writing put their trail into the log of setLog() and the system's complaints on standard
-/// error.
+/// setting up throws, and prints its progress to standard output. Reading and writing put their trail into
+/// the log of setLog(). The system's complaints go to standard error. A descriptor that is made here is
+/// close-on-exec.
 ///
 /// One thread at a time uses an object; separate objects are independent. Destroyed as an ASocket.
 ///
@@ -67,10 +67,12 @@ public:
     void createIPSocket(const char* ip, int port);
 
     /// Let @p log, which stays the caller's, take the lines about reading and writing. It outlives the socket
-    /// or is replaced first.
+    /// or is replaced first. Texts that are sent stand in these lines: no log for a socket that carries
+    /// secrets.
     void setLog(ALog& log);
 
-    /// Choose whether the next createIPSocket() leaves out its two progress lines. Off in a new socket.
+    /// Choose whether the next createIPSocket() leaves out its lines about connecting and the successful
+    /// connection. Off in a new socket.
     void setSilent(bool silent);
 
     /// @return whether the object holds a descriptor, as it still does after the peer has closed.
@@ -88,8 +90,8 @@ public:
     void write(const unsigned char* data, int len) override;
     /// Send the 4 bytes of @p value through write().
     void writeInt(int value) override;
-    /// Send the characters of @p text, as many as an int counts, through write(), without its terminator.
-    /// Null sends nothing.
+    /// Send the characters of @p text, the first INT_MAX of them at most, through write(), without its
+    /// terminator. Null sends nothing.
     void writeString(const unsigned char* text) override;
     /// Call the system's fsync on the descriptor. Nothing is ever pending in the object.
     void flush() override;

@@ -7,9 +7,9 @@
 /// The options of a program's command line and their values.
 ///
 /// An argument that begins with a dash is an option; its values are the arguments that follow it, up to the
-/// next one with a dash. So "-5" is an option, never a value. Arguments before the first option are skipped.
-/// The argument vector stays the caller's and outlives the object. Not synchronised; neither copied nor
-/// moved.
+/// next one with a dash. So "-5" is an option, never a value, and so is "-port=7578", whose name has the
+/// equals sign in it. Arguments before the first option are skipped. The argument vector stays the caller's
+/// and outlives the object. Not synchronised; neither copied nor moved.
 ///
 /// @code
 /// CommandLine options(argc, argv); // serverd -port 7578 --verbose

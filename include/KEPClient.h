@@ -80,7 +80,8 @@ public:
     ///
     /// @param buffer points at an array made with `new char[]`, or at null. What it points at on return, also
     ///   when an exception leaves the call, is the caller's to release with `delete[]`.
-    /// @param size the size of the array; on success the size of the value, its terminator included, which is
+    /// @param size the size of the array, of which not a byte is touched if it is 0; on success the size of
+    /// the value, its terminator included, which is
     ///   never more than the array holds. After any other outcome it is what the service left there: don't
     ///   take it for the size of the array.
     /// @return 0, or the service's code: then a line is logged. Throws `const char*` and logs a line when the

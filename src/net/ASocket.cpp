@@ -246,7 +246,7 @@ void ASocket::writeString(const unsigned char* text)
         return;
     const char* characters = reinterpret_cast<const char*>(text);
     LOG_LINE(__func__, " : writeString( %s )\n", characters);
-    write(text, static_cast<int>(std::strlen(characters)));
+    write(text, static_cast<int>(std::min(std::strlen(characters), std::size_t{INT_MAX})));
 }
 
 void ASocket::flush()
