@@ -1,11 +1,9 @@
 #include "EmbeddedPam.h"
 #include "PAMHelper.h"
 #include "support/Files.h"
-#include "support/ProcessMemory.h"
 
 #include <atomic>
 #include <gtest/gtest.h>
-#include <openssl/crypto.h>
 #include <thread>
 #include <vector>
 
@@ -90,19 +88,6 @@ TEST_F(LoginTest, FirmwareMapNamesWhoSetEachValueLastAndDeletedHelperIsInNoMap) 
     b->dispose();
     EXPECT_TRUE(PAMHelper::instanceMap.empty());
     EXPECT_TRUE(PAMHelper::instanceFwMap.empty());
-}
-
-TEST_F(LoginTest, NoCopyOfThePasswordOutlivesThePlainForm) {
-    if (!ProcessMemory::canBeSearched()) GTEST_SKIP() << "a sanitizer's own memory is searched in vain";
-    const ProcessMemory::Secret secret("a passphrase that is far too long for any small buffer");
-    PAMHelper* helper = newHelper();
-    std::string user = "alice", password = secret.text();
-    bool skip = false;
-    EXPECT_TRUE(ProcessMemory::holds(secret)); // the caller's own copy: the search works
-    EXPECT_EQ(helper->authenticate(m_service, user, password, skip), PAM_AUTH_ERR);
-    OPENSSL_cleanse(password.data(), password.size());
-    EXPECT_FALSE(ProcessMemory::holds(secret));
-    helper->dispose();
 }
 
 TEST_F(LoginTest, ManyThreadsLogInFindAndDisposeWhileOthersLook) {

