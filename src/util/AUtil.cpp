@@ -4,7 +4,6 @@
 
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -32,11 +31,8 @@ bool readRandomWords(KeyWords& words)
     const FileDescriptor device(::open("/dev/urandom", O_RDONLY | O_CLOEXEC));
     if (!device.isOpen())
         return false;
-    ssize_t count = 0;
-    do {
-        count = ::read(device.get(), words.data(), sizeof words);
-    } while (count < 0 && errno == EINTR);
-    return count == sizeof words;
+    return ::read(device.get(), words.data(), sizeof words) ==
+           sizeof words; // no signal interrupts so short a read
 }
 
 void makePseudoRandomWords(KeyWords& words)

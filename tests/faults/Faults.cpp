@@ -8,6 +8,7 @@
 #include <security/pam_appl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -55,7 +56,7 @@ Faults::Faults(Kind kind, int number) {
 }
 
 void Faults::setArmed(bool armed) { s_armed = armed; }
-const char* Faults::failedCall() { return failedName(); }
+std::string Faults::failedCall() { return failedName() == nullptr ? "" : failedName(); }
 int Faults::transactions() { return s_transactions; }
 
 #define INTERPOSED extern "C" __attribute__((visibility("default")))
@@ -77,6 +78,12 @@ FAILING(int, execvp, (const char* file, char* const* args) noexcept, (file, args
 FAILING(int, socket, (int family, int type, int protocol) noexcept, (family, type, protocol), -1, EMFILE, false)
 FAILING(int, connect, (int descriptor, const sockaddr* address, socklen_t size), (descriptor, address, size), -1,
         ECONNREFUSED, false)
+FAILING(int, setsockopt, (int descriptor, int level, int option, const void* value, socklen_t size) noexcept,
+        (descriptor, level, option, value, size), -1, ENOMEM, false)
+FAILING(int, fcntl, (int descriptor, int command, long argument), (descriptor, command, argument), -1, EMFILE, false)
+FAILING(int, open, (const char* path, int flags, mode_t mode), (path, flags, mode), -1, ENFILE, true)
+FAILING(ssize_t, read, (int descriptor, void* buffer, std::size_t size), (descriptor, buffer, size), -1, EIO, true)
+FAILING(pid_t, wait, (int* status), (status), -1, ECHILD, true)
 FAILING(int, dup2, (int from, int to) noexcept, (from, to), -1, EBUSY, true)
 FAILING(int, poll, (pollfd * entries, nfds_t count, int limit), (entries, count, limit), -1, ENOMEM, true)
 FAILING(ssize_t, recv, (int descriptor, void* buffer, std::size_t size, int flags), (descriptor, buffer, size, flags),

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 /// Makes one call of this thread to the system or its allocator fail. The program's definitions of those
 /// calls stand before everybody's.
 class Faults {
@@ -14,8 +16,8 @@ public:
     Faults& operator=(const Faults&) = delete;
 
     static void setArmed(bool armed);
-    /// The name of the call that failed, be it a child's; null when there were fewer.
-    static const char* failedCall();
+    /// The name of the call that failed, be it a child's; empty when there were fewer.
+    static std::string failedCall();
     /// How many PAM transactions have been started and not ended.
     static int transactions();
 };
