@@ -16,11 +16,14 @@
 /// @endcode
 class GORV_API AInteger {
 public:
+    /// Hold @p value.
     explicit AInteger(int value);
 
     virtual ~AInteger();
 
+    /// Copies the value.
     AInteger(const AInteger&) = default;
+    /// Copies the value.
     AInteger& operator=(const AInteger&) = default;
 
     /// @return the value given at construction.

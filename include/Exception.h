@@ -7,7 +7,7 @@
 
 /// Root of the exceptions that this library throws: it carries one message, formatted when it is made.
 ///
-/// Thrown by value, caught by reference. Not related to std::exception. Copying copies the message.
+/// Thrown by value, caught by reference. Not related to std::exception.
 ///
 /// @code
 /// try {
@@ -25,7 +25,9 @@ public:
 
     virtual ~Exception();
 
+    /// Copies the message.
     Exception(const Exception&) = default;
+    /// Copies the message.
     Exception& operator=(const Exception&) = default;
 
     /// @return the message, which lives as long as the exception.

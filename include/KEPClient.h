@@ -33,6 +33,7 @@ public:
 
     /// Sends nothing. @p name is copied; null counts as "". Throws std::bad_alloc when memory runs out.
     KEPClient(char* name, int id);
+    /// The same for constant text.
     template <typename Text, IfConstText<Text> = 0>
     KEPClient(Text name, int id) : KEPClient(const_cast<char*>(name), id)
     {}
@@ -112,6 +113,7 @@ public:
     /// Raise @p event with @p size bytes of @p data. A failure is logged.
     /// @return whether the service took the event.
     bool notifyEvent(char* event, int size, void* data);
+    /// The same for constant text.
     template <typename Text, IfConstText<Text> = 0>
     bool notifyEvent(Text event, int size, void* data)
     {
@@ -129,6 +131,7 @@ public:
     /// whatever thread the service calls it. A failure is written to the service's own log, in words that
     /// announce the end of the program; the program goes on.
     void registerCallback(char* name, Callback** callback);
+    /// The same for constant text.
     template <typename Text, IfConstText<Text> = 0>
     void registerCallback(Text name, Callback** callback)
     {

@@ -12,6 +12,8 @@ public:
 
     ~NumberFormatException() override;
 
+    /// Copies the message.
     NumberFormatException(const NumberFormatException&) = default;
+    /// Copies the message.
     NumberFormatException& operator=(const NumberFormatException&) = default;
 };
