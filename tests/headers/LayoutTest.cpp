@@ -64,7 +64,10 @@ TEST(LayoutTest, LibrarysOwnMonitorsTakeTheFirstIds) {
 }
 
 static_assert(ALog::INFO == 1 && ALog::WARNING == 2 && ALog::ERROR == 3 && ALog::TRACE == 4);
-static_assert(AComponentLog::INFO == 1 && AComponentLog::TRACE == 4);
+static_assert(AComponentLog::INFO == 1 && AComponentLog::WARNING == 2 && AComponentLog::ERROR == 3 &&
+              AComponentLog::TRACE == 4);
+static_assert(ASocket::NOT_CONNECTED == 0 && ASocket::CONNECTED == 1 && ASocket::CLOSED == 2 &&
+              ASocket::CLOSED_BY_PEER == 3 && ASocket::CONNECT_FAILED == 4 && ASocket::IO_ERROR == 5);
 
 template <typename T>
 constexpr bool kStaysInPlace = !std::is_copy_constructible_v<T> && !std::is_move_constructible_v<T> &&
