@@ -399,16 +399,17 @@ TEST_F(PamCallsTest, PasswordIsForgottenOnEveryPath) {
     bool skip = false;
     const std::pair<const char*, std::function<void()>> paths[] = {
         {"start fails", [&] { s_pam.startStatus = PAM_ABORT, logIn(); }},
-        {"check fails", [&] { s_pam = {}, s_pam.authStatus = PAM_AUTH_ERR, logIn(); }},
-        {"account fails", [&] { s_pam.authStatus = 0, s_pam.accountStatus = PAM_ACCT_EXPIRED, logIn(); }},
+        {"check fails", [&] { s_pam.startStatus = PAM_SUCCESS, s_pam.authStatus = PAM_AUTH_ERR, logIn(); }},
+        {"account fails", [&] { s_pam.authStatus = PAM_SUCCESS, s_pam.accountStatus = PAM_ACCT_EXPIRED, logIn(); }},
         {"token", [&] { m_helper->authenticate(m_service, m_user, m_password, text, skip); }},
         {"variable", [&] { m_helper->authenticate(m_service, m_user, m_password, text, text, skip); }},
         {"context", [&] { m_helper->authenticate(m_service, m_user, m_password, text, text, text, skip); }},
         {"own user", [&] { checkAgain("alice"); }},
         {"skipped", [&] { checkAgain("alice", true); }},
-        {"another user", [&] { checkAgain("bob"); }},
+        {"another user", [&] { logIn(), checkAgain("bob"); }},
     };
     for (const auto& [path, run] : paths) {
+        renew();
         run();
         EXPECT_EQ(m_helper->m_password, std::string(m_password.size(), '\0')) << path;
     }
