@@ -6,7 +6,7 @@ set(package_folder "${CMAKE_INSTALL_LIBDIR}/cmake/gorvUtil")
 
 install(TARGETS gorvUtil
     LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT libgorvutil1 NAMELINK_COMPONENT libgorvutil-dev)
-install(FILES README.md DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT libgorvutil-dev)
+install(FILES README.md CONTRIBUTING.md DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT libgorvutil-dev)
 install(DIRECTORY docs examples DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT libgorvutil-dev
     PATTERN Doxyfile EXCLUDE PATTERN CMakeLists.txt EXCLUDE)
 file(GLOB headers CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/include/*.h")

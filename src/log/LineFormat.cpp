@@ -64,10 +64,8 @@ void LineFormat::appendMessage(const char* format, va_list args)
     }
     m_position = begin;
     const auto room = static_cast<std::size_t>(m_end - begin) + 1;
-    const int wanted = std::vsnprintf(begin, room, format, args);
-    *m_end = '\0';
-    // A message that printf can't finish keeps what it has written of it.
-    m_position += wanted < 0 ? std::strlen(begin) : std::min(static_cast<std::size_t>(wanted), room - 1);
+    std::vsnprintf(begin, room, format, args);
+    *m_end = '\0'; // a message that printf can't finish keeps what it has written of it
 }
 
 /// Most messages hold nothing but plain conversions, which cost a fraction of vsnprintf here. Returns false
