@@ -163,6 +163,7 @@ TEST(ASocket, SpeaksTheWireFormatWithNetcatAndLogsEveryStep) {
             socket.writeInt(-2);
             socket.writeShort(74565);
             socket.writeByte(0xFE);
+            socket.flush(); // nothing to tell
             socket.writeString(nullptr);
             socket << "%s" << reinterpret_cast<const unsigned char*>("");
         });
