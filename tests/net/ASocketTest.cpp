@@ -97,6 +97,9 @@ TEST(ASocket, ConnectingTellsItsProgressOrThrowsWhatItPrintedAndLosesNoDescripto
         EXPECT_EQ(told([&] { ASocket("127.0.0.2", port); }),
                   begun + "createIPSocket:       connecting...\n"
                           "createIPSocket  Successful connection to 127.0.0.2\n");
+        ASocket quiet;
+        quiet.setSilent(true);
+        EXPECT_EQ(told([&] { quiet.createIPSocket("127.0.0.2", port); }), "createIPSocket" + target);
     }
     const std::string longName(300, 'x');
     const std::tuple<const char*, std::string, std::string> rows[] = {
