@@ -81,10 +81,9 @@ public:
     ///
     /// @param buffer points at an array made with `new char[]`, or at null. What it points at on return, also
     ///   when an exception leaves the call, is the caller's to release with `delete[]`.
-    /// @param size the size of the array, of which not a byte is touched if it is 0; on success the size of
-    /// the value, its terminator included, which is
-    ///   never more than the array holds. After any other outcome it is what the service left there: don't
-    ///   take it for the size of the array.
+    /// @param size the size of the array; if it is 0, not a byte of it is touched. On success the size of the
+    ///   value, its terminator included, which is never more than the array holds. After any other outcome it
+    ///   is what the service left there: don't take it for the size of the array.
     /// @return 0, or the service's code: then a line is logged. Throws `const char*` and logs a line when the
     ///   service finds the size that it asked for too small. Either way the array, if there is one, holds "".
     ///   Throws std::bad_alloc when memory runs out: then there is no array and @p size is 0.
