@@ -214,6 +214,13 @@ TEST_F(PamCallsTest, CheckOfAnotherUserUsesItsOwnTransactionOnly) {
     EXPECT_EQ(m_helper->getAuthResult(), PAM_AUTH_ERR);
     EXPECT_EQ(checkAgain("alice", true), PAM_SUCCESS);
     EXPECT_EQ(takeCalls(), Calls{});
+    s_pam.startStatus = PAM_SUCCESS;
+    std::vector<std::string> replies;
+    s_pam.onAuthenticate = [&](const pam_conv& conversation) {
+        return converse(conversation, {{PAM_PROMPT_ECHO_OFF, "Password: "}}, &replies);
+    };
+    for (const char* user : {"alice", "bob"}) EXPECT_EQ(checkAgain(user), PAM_SUCCESS);
+    EXPECT_EQ(replies, (std::vector<std::string>{m_password, m_password}));
 }
 
 TEST_F(PamCallsTest, DisposeClosesAndEndsWithTheStatusOfTheClose) {

@@ -63,7 +63,7 @@ TEST_F(LogTest, LineIsNameHyphenAndMessageAsPrintfFormatsItAtEveryLevel) {
     ALog unnamed(nullptr, m_file);
     unnamed.setShowTimestamp(false);
     unnamed.print("open");
-    unnamed.print(" line\n");
+    unnamed.print(ALog::ERROR, " line\n");
     EXPECT_EQ(written(), "box --2147483648|0|4294967295|beef|text|%\n"
                          "box -(null)|   42|ab  |-5|1.50|c\n"
                          "box -plain first and then 007\n"
@@ -125,7 +125,7 @@ TEST_F(LogTest, LineIsCutAt2047CharactersWithStampAndNameCounted) {
 
 TEST_F(LogTest, SwitchedOffLogWritesNothingAndOpensNothing) {
     ALog log("box");
-    EXPECT_FALSE(log.getEnabled());
+    EXPECT_TRUE(!log.getEnabled() && log.getShowTimestamp());
     log.print("x\n");
     EXPECT_FALSE(std::filesystem::exists("debug.log"));
     ASSERT_EQ(log.setOutputFile("own.log"), 0);

@@ -20,6 +20,7 @@ TEST(AInteger, ReadsTheNumberThatATextBeginsWithOrHandsTheTextOverAsData) {
         {{"  5", "5abc", "\t\n\v\f\r+5", "0x5", "0X5g", "005", "058", "0b101", "0B1012", "5%d"}, 5},
         {{"", "  \n", "abc", "-", "+ 1", "+-1", "x12", "%s%n", "\xa0\x31"}, -77},
         {{"-010", "-0x8", "-0b1000", "-8.5", "0xFFFFFFF8"}, -8},
+        {{"0xaFzZ", "0XAf", "0257"}, 175},
         {{"0x", "0bz", "08", "-0", "-9223372036854775809"}, 0}, // beyond 64 bits: the low half of the limit
         {{"4294967295", "9223372036854775807", "99999999999999999999", "0xFFFFFFFFFFFFFFFF"}, -1},
         {{"-2147483648", "2147483648"}, INT_MIN},
