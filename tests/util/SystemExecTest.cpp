@@ -69,6 +69,7 @@ struct SystemExecTest : testing::Test {
 };
 
 TEST_F(SystemExecTest, ChildRunsOnThreePipesUntilTheHandlerClosesThem) {
+    expectHeld(0);
     const std::string large(1 << 20, '\0');
     const std::string noFile = "SystemExec child: Unable to exec.: No such file or directory\n";
     const std::tuple<std::string, std::vector<const char*>, std::string, Texts, int> cases[] = {
