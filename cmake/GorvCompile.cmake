@@ -26,6 +26,9 @@ function(gorv_library_options target)
     target_compile_options(${target} PRIVATE ${own_calls} $<$<CONFIG:Release>:-O2>) # -O3 is larger and no faster
     target_link_options(${target} PRIVATE ${own_calls}) # link-time optimisation asks again
     target_link_options(${target} PRIVATE "LINKER:--version-script=${map}" "LINKER:-z,now,-z,relro,--enable-new-dtags")
+    if(GORV_PAGE_SIZE)
+        target_link_options(${target} PRIVATE "LINKER:-z,max-page-size=${GORV_PAGE_SIZE}")
+    endif()
     if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
         target_link_options(${target} PRIVATE "LINKER:-z,defs")
     endif()
