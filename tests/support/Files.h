@@ -50,11 +50,7 @@ public:
     CapturedStream& operator=(const CapturedStream&) = delete;
 
     /// What has left the stream's buffer so far.
-    std::string arrived() const {
-        std::string bytes(1 << 20, '\0');
-        const ssize_t count = ::pread(::fileno(m_file), bytes.data(), bytes.size(), 0);
-        return bytes.substr(0, count < 0 ? 0 : static_cast<std::size_t>(count));
-    }
+    std::string arrived() const { return readFile("/proc/self/fd/" + std::to_string(::fileno(m_file))); }
     /// End the redirection and return all that was written.
     std::string text() {
         restore();
