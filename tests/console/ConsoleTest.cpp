@@ -5,12 +5,10 @@
 #include "support/ProcessMemory.h"
 
 #include <arpa/inet.h>
-#include <array>
 #include <atomic>
 #include <csignal>
 #include <functional>
 #include <gtest/gtest.h>
-#include <list>
 #include <random>
 #include <regex>
 #include <sys/socket.h>
@@ -51,11 +49,11 @@ public:
     }
     void send(std::string_view bytes) const { ::send(m_socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL); }
     Answer receive() const {
-        std::array<unsigned char, kHeaderSize> header{};
-        if (::recv(m_socket.get(), header.data(), header.size(), MSG_WAITALL) != kHeaderSize) return {};
+        unsigned char header[kHeaderSize];
+        if (::recv(m_socket.get(), header, sizeof header, MSG_WAITALL) != kHeaderSize) return {};
         Answer answer;
-        answer.result = AInteger::decodeShort(header.data(), 0);
-        answer.text.resize(static_cast<std::size_t>(AInteger::decodeInt(header.data(), 2)));
+        answer.result = AInteger::decodeShort(header, 0);
+        answer.text.resize(static_cast<std::size_t>(AInteger::decodeInt(header, 2)));
         const ssize_t count = ::recv(m_socket.get(), answer.text.data(), answer.text.size(), MSG_WAITALL);
         return count == static_cast<ssize_t>(answer.text.size()) ? answer : Answer{};
     }
@@ -115,8 +113,7 @@ protected:
     }
     /// How much the daemon has of something: "fd" for descriptors, "task" for threads.
     long count(const char* what) const {
-        const std::filesystem::directory_iterator entries("/proc/" + std::to_string(m_pid) + "/" + what);
-        return std::distance(begin(entries), end(entries));
+        return std::distance(std::filesystem::directory_iterator("/proc/" + std::to_string(m_pid) + "/" + what), {});
     }
     std::string ofProcess(const char* file) const { return readFile("/proc/" + std::to_string(m_pid) + "/" + file); }
     std::string written(const char* file) const { return readFile(m_dir.path(file)); }
@@ -254,7 +251,7 @@ TEST_F(ConsoleTest, BrokenAndHostileFramesHarmNobodyEvenOnAFullDisk) {
 
 TEST_F(ConsoleTest, WithoutDescriptorsClientsAreRefusedAndNothingSpins) {
     start("", 24);
-    std::list<Peer> peers;
+    std::vector<Peer> peers;
     int refused = 0;
     for (int i = 0; i < 40; ++i) {
         const int result = peers.emplace_back(m_port).ask(Who).result;
@@ -299,7 +296,7 @@ TEST_F(ConsoleTest, OneProgramRunsAtATimeAndTheNextAfterIt) {
 
 TEST_F(ConsoleTest, TerminationClosesEverySession) {
     start("-log log");
-    std::list<Peer> peers;
+    std::vector<Peer> peers;
     for (std::size_t i = 0; i < 10; ++i) {
         ASSERT_EQ(peers.emplace_back(m_port).logIn().result, Done);
         peers.back().send(std::string_view("\0\1\0", i % 4));

@@ -10,11 +10,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-struct MonitorTest : testing::Test {
-    Monitor m_monitor;
-};
-
-TEST(MonitorIdTest, FirstMonitorOfAProgramFollowsTheTwoOfTheLibrary) {
+TEST(MonitorTest, FirstMonitorOfAProgramFollowsTheTwoOfTheLibrary) {
     EXPECT_EQ(NextMonitorId, 3);
     const Monitor first;
     EXPECT_EQ(NextMonitorId, 4);
@@ -22,52 +18,53 @@ TEST(MonitorIdTest, FirstMonitorOfAProgramFollowsTheTwoOfTheLibrary) {
     EXPECT_EQ(NextMonitorId, 5);
 }
 
-TEST_F(MonitorTest, LockIsFreeOnlyAfterAsManyReleasesAsLocksAndAGuardReleasesOnce) {
-    Monitor other;
-    m_monitor.fastLock();
-    m_monitor.fastLock();
+TEST(MonitorTest, LockIsFreeOnlyAfterAsManyReleasesAsLocksAndAGuardReleasesOnce) {
+    Monitor monitor, other;
+    monitor.fastLock();
+    monitor.fastLock();
     {
-        MonitorLock byCall = m_monitor.acquireLock();
+        MonitorLock byCall = monitor.acquireLock();
         byCall.releaseLock();
     } // must not release the level below it
-    { const MonitorLock byScope = m_monitor.acquireLock(); }
-    m_monitor.acquireLock(); // a dropped guard holds nothing
-    const LockProbe probe(m_monitor);
+    { const MonitorLock byScope = monitor.acquireLock(); }
+    monitor.acquireLock(); // a dropped guard holds nothing
+    const LockProbe probe(monitor);
     EXPECT_TRUE(probe.isKeptOut());
-    m_monitor.releaseLock();
+    monitor.releaseLock();
     EXPECT_TRUE(probe.isKeptOut());
     {
-        MonitorLock rebound(m_monitor);
+        MonitorLock rebound(monitor);
         other.fastLock();
         rebound.setMonitor(other); // releases the monitor bound last only
     }
     EXPECT_TRUE(LockProbe(other).gotIt());
     EXPECT_TRUE(probe.isKeptOut());
-    m_monitor.releaseLock();
+    monitor.releaseLock();
     EXPECT_TRUE(probe.gotIt());
 }
 
-TEST_F(MonitorTest, NotifyWakesOneWaiterAndATimedWaitEndsEarlyOrAtItsLimit) {
+TEST(MonitorTest, NotifyWakesOneWaiterAndATimedWaitEndsEarlyOrAtItsLimit) {
     constexpr int kWaiters = 3;
+    Monitor monitor;
     int waiting = 0;
     std::atomic<int> returned = 0;
     std::vector<std::jthread> threads;
     for (int i = 0; i < kWaiters; ++i) {
         threads.emplace_back([&, timed = i == 0] {
-            const MonitorLock lock = m_monitor.acquireLock();
+            const MonitorLock lock = monitor.acquireLock();
             ++waiting;
-            if (timed) m_monitor.wait(3'600'000);
-            else m_monitor.wait();
+            if (timed) monitor.wait(3'600'000);
+            else monitor.wait();
             ++returned;
         });
     }
     {
-        const MonitorLock lock = m_monitor.acquireLock();
-        do m_monitor.wait(10); // lets the others in
+        const MonitorLock lock = monitor.acquireLock();
+        do monitor.wait(10); // lets the others in
         while (waiting < kWaiters);
     }
     for (int round = 1; round <= kWaiters; ++round) {
-        m_monitor.notify();
+        monitor.notify();
         while (returned < round) std::this_thread::sleep_for(1ms);
         std::this_thread::sleep_for(20ms); // a second thread that was woken would have returned too
         EXPECT_EQ(returned, round);
