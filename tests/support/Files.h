@@ -7,6 +7,7 @@
 #include <iterator>
 #include <string>
 #include <unistd.h>
+#include <utility>
 
 /// A scratch folder that is removed with all it holds.
 class TempDir {
@@ -37,9 +38,8 @@ inline std::string readFile(const std::string& path) {
 /// Redirects a standard stream of the process into a file for one scope.
 class CapturedStream {
 public:
-    explicit CapturedStream(FILE* stream) : m_stream(stream), m_file(std::tmpfile()) {
+    explicit CapturedStream(FILE* stream) : m_stream(stream), m_file(std::tmpfile()), m_saved(::dup(::fileno(stream))) {
         std::fflush(m_stream);
-        m_saved = ::dup(::fileno(m_stream));
         ::dup2(::fileno(m_file), ::fileno(m_stream));
     }
     ~CapturedStream() {
@@ -50,11 +50,7 @@ public:
     CapturedStream& operator=(const CapturedStream&) = delete;
 
     /// What has left the stream's buffer so far.
-    std::string arrived() const {
-        std::string bytes(1 << 20, '\0');
-        const ssize_t count = ::pread(::fileno(m_file), bytes.data(), bytes.size(), 0);
-        return bytes.substr(0, count < 0 ? 0 : static_cast<std::size_t>(count));
-    }
+    std::string arrived() const { return readFile("/proc/self/fd/" + std::to_string(::fileno(m_file))); }
     /// End the redirection and return all that was written.
     std::string text() {
         restore();
@@ -66,17 +62,15 @@ private:
         if (m_saved < 0) return;
         std::fflush(m_stream);
         ::dup2(m_saved, ::fileno(m_stream));
-        ::close(m_saved);
-        m_saved = -1;
+        ::close(std::exchange(m_saved, -1));
     }
 
     FILE* m_stream;
     FILE* m_file;
-    int m_saved = -1;
+    int m_saved;
 };
 
 /// How many descriptors this process has open.
 inline int openDescriptors() {
-    const auto entries = std::filesystem::directory_iterator("/proc/self/fd");
-    return static_cast<int>(std::distance(begin(entries), end(entries)));
+    return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
 }

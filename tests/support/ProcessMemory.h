@@ -4,7 +4,9 @@
 #include <cinttypes>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <string>
 #include <string_view>
@@ -17,24 +19,24 @@ public:
     /// A text that stands in memory only where somebody asked for it.
     class Secret {
     public:
-        template <std::size_t size>
-        explicit Secret(const char (&text)[size]) {
-            for (std::size_t i = 0; i + 1 < size; ++i) m_scrambled.push_back(static_cast<char>(text[i] ^ kMask));
-        }
-        std::string text() const {
-            std::string result = m_scrambled;
-            for (char& byte : result) byte = static_cast<char>(byte ^ kMask);
-            return result;
-        }
+        explicit Secret(std::string_view text) : m_scrambled(scrambled(text)) {}
+        std::string text() const { return scrambled(m_scrambled); }
+        /// Looks for the second half: freed memory may have lost the first bytes.
         bool isIn(const void* block, std::size_t size) const {
             const char *const begin = static_cast<const char*>(block), *const end = begin + size;
+            const auto half = m_scrambled.begin() + static_cast<std::ptrdiff_t>(m_scrambled.size() / 2);
             const auto matches = [](char byte, char scrambled) { return (byte ^ kMask) == scrambled; };
-            return std::search(begin, end, m_scrambled.begin(), m_scrambled.end(), matches) != end;
+            return std::search(begin, end, half, m_scrambled.end(), matches) != end;
         }
 
     private:
-        friend class ProcessMemory;
         static constexpr char kMask = 0x15;
+        /// A scrambled text scrambled again is plain.
+        static std::string scrambled(std::string_view text) {
+            std::string result(text);
+            for (char& byte : result) byte = static_cast<char>(byte ^ kMask);
+            return result;
+        }
         std::string m_scrambled;
     };
 
@@ -46,31 +48,22 @@ public:
 #endif
     }
 
-    /// Whether the second half of @p secret stands anywhere: freed memory may have lost its first bytes.
     static bool holds(const Secret& secret, const std::string& process = "self") {
-        const std::string needle = secret.m_scrambled.substr(secret.m_scrambled.size() / 2);
-        FILE* maps = std::fopen(("/proc/" + process + "/maps").c_str(), "r");
+        std::ifstream maps("/proc/" + process + "/maps");
         const int memory = ::open(("/proc/" + process + "/mem").c_str(), O_RDONLY | O_CLOEXEC);
         bool found = false;
-        char line[512];
-        while (!found && std::fgets(line, sizeof line, maps) != nullptr) {
+        for (std::string line; std::getline(maps, line);) {
             std::uintptr_t begin = 0, end = 0;
             char access[5] = {};
-            if (std::sscanf(line, "%" SCNxPTR "-%" SCNxPTR " %4s", &begin, &end, access) == 3 && access[1] == 'w')
-                found = regionHolds(memory, begin, end, needle);
+            std::sscanf(line.c_str(), "%" SCNxPTR "-%" SCNxPTR " %4s", &begin, &end, access);
+            if (access[1] != 'w') continue;
+            std::vector<char> bytes(end - begin);
+            const ssize_t count = ::pread(memory, bytes.data(), bytes.size(), static_cast<off_t>(begin));
+            EXPECT_GT(count, 0) << "what can't be read can't be searched";
+            found = found || secret.isIn(bytes.data(), bytes.size());
+            ::explicit_bzero(bytes.data(), bytes.size()); // no second copy is left behind
         }
-        std::fclose(maps);
         ::close(memory);
         return found;
-    }
-
-private:
-    static bool regionHolds(int memory, std::uintptr_t begin, std::uintptr_t end, const std::string& needle) {
-        std::vector<char> bytes(end - begin);
-        const ssize_t count = ::pread(memory, bytes.data(), bytes.size(), static_cast<off_t>(begin));
-        EXPECT_GT(count, 0) << "what can't be read can't be searched";
-        for (char& byte : bytes) byte = static_cast<char>(byte ^ Secret::kMask); // no second copy is left behind
-        const std::string_view text(bytes.data(), count < 0 ? 0 : static_cast<std::size_t>(count));
-        return text.find(needle) != std::string_view::npos;
     }
 };
