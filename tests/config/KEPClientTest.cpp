@@ -148,8 +148,7 @@ TEST_F(KEPClientTest, EveryFormOfATextIsPassedAsATextAndARefusedCallbackEndsNoth
     };
     char array[] = "a text";
     const std::string refused = "registerCallback() - kep_function_register failed, error code: -4, exiting program\n";
-    for (const std::string& output :
-         {pass("a text"), pass(array), pass(&array[0]), pass(std::string("a text").c_str())})
+    for (const std::string& output : {pass("a text"), pass(+"a text"), pass(array), pass(+array)}) // + gives a pointer
         EXPECT_EQ(output, "kep_config_get_str_n p 256\nkep_config_set_str_n p a text 1\n"
                           "kep_event_occurred a text \nkep_function_register a text 0\n" +
                               refused);
