@@ -278,6 +278,7 @@ TEST_F(PamCallsTest, SessionIdTextGivesTheNumericId) {
 
 TEST_F(PamCallsTest, ConversationAnswersOnlyPasswordPrompts) {
     const auto logInAsked = [&](std::size_t times, const char* prompt) {
+        renew();
         letPamAsk(std::vector<pam_message>(times, {PAM_PROMPT_ECHO_OFF, prompt}));
         return logIn();
     };
