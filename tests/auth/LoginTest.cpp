@@ -9,37 +9,30 @@
 
 namespace {
 
-// "wonderland", as the module stores it.
-constexpr const char* kHash = "salt$8808161c460734fc7bb91a1d1a26e7a2eb75ef0b18ce8538c05218d503e23c36";
-
 /// A PAM stack in a scratch folder.
 struct LoginTest : testing::Test {
     LoginTest() {
         std::ofstream service(m_dir.path("test")), accounts(m_dir.path("accounts"));
         for (const char* type : {"auth", "account", "session"})
             service << type << " required " GORV_DEMO_MODULE " accounts=" << m_dir.path("accounts") << '\n';
-        useServiceFilesIn(m_confdir.c_str());
-        const std::pair<const char*, const char*> people[] = {{"alice", "7"}, {"minus", "-1"}, {"crowd", "auto"}};
-        for (const auto& [user, session] : people) accounts << user << ':' << kHash << ":0:" << session << '\n';
+        useServiceFilesIn(m_dir.path().c_str());
+        for (const auto& [user, session] : {std::pair{"alice", "7"}, {"minus", "-1"}, {"crowd", "auto"}})
+            accounts << user << ":salt$8808161c460734fc7bb91a1d1a26e7a2eb75ef0b18ce8538c05218d503e23c36:0:" << session
+                     << '\n'; // "wonderland", as the module stores it
     }
     ~LoginTest() override {
         useServiceFilesIn(nullptr);
         EXPECT_TRUE(PAMHelper::instanceMap.empty());
         EXPECT_TRUE(PAMHelper::instanceFwMap.empty());
     }
-    int authenticate(PAMHelper& helper, std::string user, std::string password = "wonderland", bool skip = false) {
-        return helper.authenticate(m_service, user, password, skip);
-    }
-    static PAMHelper* newHelper() { return new PAMHelper("::ffff:10.0.0.9", "10.0.0.1"); }
-    PAMHelper* loggedIn(const std::string& user) {
-        PAMHelper* helper = newHelper();
-        EXPECT_EQ(authenticate(*helper, user), PAM_SUCCESS);
+    static PAMHelper* loggedIn(std::string user, std::string password = "wonderland", bool skip = false) {
+        auto* const helper = new PAMHelper("::ffff:10.0.0.9", "10.0.0.1");
+        std::string service = "test";
+        EXPECT_EQ(helper->authenticate(service, user, password, skip), PAM_SUCCESS);
         return helper;
     }
 
     const TempDir m_dir;
-    const std::string m_confdir = m_dir.path().string();
-    std::string m_service = "test";
 };
 
 TEST_F(LoginTest, HelperIsFoundByTextAndNumberUntilItsSessionStops) {
@@ -67,14 +60,14 @@ TEST_F(LoginTest, HelperIsFoundByTextAndNumberUntilItsSessionStops) {
 }
 
 TEST_F(LoginTest, FirmwareMapNamesWhoSetEachValueLastAndDeletedHelperIsInNoMap) {
-    PAMHelper *a = newHelper(), *b = newHelper(); // no transaction, so nothing is stopped
+    auto *a = new PAMHelper(nullptr, nullptr),
+         *b = new PAMHelper(nullptr, nullptr); // no transaction, so nothing is stopped
     a->setFwInProgress(true);
     b->setFWSemaphoreLock(true);
     EXPECT_TRUE(a->isFwInProgress() && !a->isFwSemLocked() && b->isFwSemLocked() && !b->isFwInProgress());
     EXPECT_EQ(PAMHelper::instanceFwMap.at(true), b);
     a->setFwInProgress(false);
-    EXPECT_EQ(PAMHelper::instanceFwMap.at(false), a);
-    EXPECT_EQ(PAMHelper::instanceFwMap.at(true), b);
+    EXPECT_EQ(PAMHelper::instanceFwMap, (std::map<bool, PAMHelper*>{{false, a}, {true, b}}));
     a->setSessionId("S1");
     b->setSessionId("S1");
     a->dispose(); // the entry is the other's
@@ -86,21 +79,17 @@ TEST_F(LoginTest, FirmwareMapNamesWhoSetEachValueLastAndDeletedHelperIsInNoMap) 
     b->setSessionId("S3");
     b->getSessionId() = "";
     b->dispose();
-    EXPECT_TRUE(PAMHelper::instanceMap.empty());
-    EXPECT_TRUE(PAMHelper::instanceFwMap.empty());
 }
 
 TEST_F(LoginTest, ManyThreadsLogInFindAndDisposeWhileOthersLook) {
-    constexpr int kThreads = 8, kRounds = 25;
-    std::atomic<int> working = kThreads;
+    std::atomic<int> working = 8;
     PAMHelper* const watched = loggedIn("crowd");
     std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
+    for (int t = 0; t < 8; ++t) {
         threads.emplace_back([&, t] {
-            for (int round = 0; round < kRounds; ++round) {
-                PAMHelper* helper = newHelper();
+            for (int round = 0; round < 25; ++round) {
+                PAMHelper* const helper = loggedIn("crowd", "", true);
                 const std::string id = std::to_string(t) + "." + std::to_string(round);
-                EXPECT_EQ(authenticate(*helper, "crowd", "", true), PAM_SUCCESS);
                 helper->setSessionId(id);
                 EXPECT_TRUE(helper->startSession());
                 EXPECT_EQ(PAMHelper::instanceForSessionId(id), helper);
