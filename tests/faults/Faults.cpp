@@ -16,7 +16,6 @@ namespace {
 thread_local bool s_armed = false;
 Faults::Kind s_kind = Faults::Kind::Failure;
 int s_callsLeft = 0;
-int s_transactions = 0;
 
 /// Where the name of the failed call stands, for a child as well.
 const char*& failedName() {
@@ -51,7 +50,6 @@ Faults::Faults(Kind kind, int number) {
 
 Faults::~Faults() { s_armed = false; }
 std::string Faults::failedCall() { return failedName() == nullptr ? "" : failedName(); }
-int Faults::transactions() { return s_transactions; }
 
 #define INTERPOSED extern "C" __attribute__((visibility("default")))
 /// The call NAME of the system.
@@ -95,12 +93,12 @@ INTERPOSED unsigned sleep(unsigned) { return 0; } // a child's delay
 INTERPOSED int pam_start_confdir(const char* service, const char* user, const pam_conv* conversation,
                                  const char* confdir, pam_handle_t** handle) {
     const int status = REAL(pam_start_confdir)(service, user, conversation, confdir, handle);
-    s_transactions += status == PAM_SUCCESS;
+    Faults::s_transactions += status == PAM_SUCCESS;
     return status;
 }
 
 INTERPOSED int pam_end(pam_handle_t* handle, int lastStatus) {
     const int status = REAL(pam_end)(handle, lastStatus);
-    s_transactions -= status == PAM_SUCCESS;
+    Faults::s_transactions -= status == PAM_SUCCESS;
     return status;
 }

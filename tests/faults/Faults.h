@@ -12,11 +12,9 @@ public:
     /// Interruption it is only told that a signal came. A child of this process goes on counting by itself.
     Faults(Kind kind, int number);
     ~Faults();
-    Faults(const Faults&) = delete;
-    Faults& operator=(const Faults&) = delete;
 
     /// The name of the call that failed, be it a child's; empty when there were fewer.
     static std::string failedCall();
     /// How many PAM transactions have been started and not ended.
-    static int transactions();
+    static inline int s_transactions = 0;
 };

@@ -49,7 +49,7 @@ void failEachCall(const std::string& undisturbed, const Outcomes& outcomes, cons
             EXPECT_EQ(openDescriptors(), before);
             EXPECT_TRUE(LockProbe(*PAMHelper::getMonitor()).gotIt());
             EXPECT_TRUE(PAMHelper::instanceMap.empty());
-            EXPECT_EQ(Faults::transactions(), 0);
+            EXPECT_EQ(Faults::s_transactions, 0);
             EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1); // no child is left
             const auto expected = kind == Faults::Kind::Failure ? outcomes.find(name) : outcomes.end();
             if (expected == outcomes.end()) EXPECT_EQ(outcome, undisturbed);
