@@ -55,8 +55,7 @@ std::string Faults::failedCall() { return failedName() == nullptr ? "" : failedN
 /// The call NAME of the system.
 #define REAL(name) reinterpret_cast<decltype(&::name)>(::dlsym(RTLD_NEXT, #name))
 
-/// Define the call NAME, which fails with RESULT and ERROR when it is its turn and goes to the system
-/// otherwise.
+/// Define the call NAME, which fails with RESULT and ERROR when it is its turn and goes to the system otherwise.
 #define FAILING(type, name, parameters, arguments, result, error, interruptible)                                       \
     INTERPOSED type name parameters {                                                                                  \
         static const auto s_real = REAL(name);                                                                         \

@@ -5,8 +5,6 @@
 
 #include <climits>
 
-namespace {
-
 TEST(AInteger, ReadsTheNumberThatATextBeginsWithOrHandsTheTextOverAsData) {
     std::string numbers;
     for (const char* text : {"\t\n\v\f\r +058", "-0B1012", "0XaFz", "0x", "08", "-2147483649", "9223372036854775808"})
@@ -29,5 +27,3 @@ TEST(AInteger, FormatsDecimalAndPacksTheMostSignificantByteFirst) {
     EXPECT_EQ(AInteger::decodeInt(data, 5), INT_MIN + 0x010203);
     EXPECT_EQ(AInteger::decodeShort(data, 10), 0xFEDC);
 }
-
-} // namespace

@@ -47,9 +47,7 @@ bool matches(const std::string& text, const std::string& pattern) {
 }
 
 void limitDescriptors(rlim_t count) {
-    rlimit limit{};
-    ::getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = count;
+    const rlimit limit{count, 4096};
     ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
@@ -159,27 +157,21 @@ TEST(ASocket, SpeaksTheWireFormatAndLogsEveryStep) {
               "\xff\xff\xff\xfe\x23\x45\xfe%s");
 }
 
-TEST(ASocket, PeerThatClosesOrResetsInAFrameIsToldAndNothingPassesAfterwards) {
-    const std::string outcomes[] = {"0 77 3 *socket_read Connection closed by peer.readInt: failed count = 0\n",
-                                    "-1 77 5 *Socket recv failed: Connection reset by peer\n"
-                                    "socket_read Socket recv failed count=<-1>\nreadInt: failed count = -1\n"};
-    for (const int abruptly : {0, 1}) {
-        Link link;
-        link.send("123");
-        const linger option{abruptly, 0};
-        ::setsockopt(link.peer, SOL_SOCKET, SO_LINGER, &option, sizeof option);
-        ::close(std::exchange(link.peer, -1));
-        EXPECT_PRED2(matches, toldBy(link.socket, &ASocket::readInt, 1),
-                     outcomes[abruptly] + "readInt: read value = 77\n");
-        EXPECT_PRED2(matches, toldBy(link.socket, &ASocket::readShort, 1) + told([&] {
-                                  EXPECT_EQ(link.socket.read(nullptr, 0, 1, 1), 0);
-                                  link.socket.writeInt(1);
-                                  link.socket.writeByte(1);
-                              }),
-                     "-1 77 [35] readShort: timeout = 1\nreadFully m_socketState=<[35]> offset=<0> "
-                     "len=<2> timeout=<1>\nreadShort: failed count = -1\nreadShort: read value = 77\n"
-                     "read m_socketState=<[35]> offset=<0> len=<1> timeout=<1>\nwriteInt: writeInt( 1 )\n");
-    }
+TEST(ASocket, PeerThatClosesInAFrameIsToldAndNothingPassesAfterwards) {
+    Link link;
+    link.send("123");
+    ::close(std::exchange(link.peer, -1));
+    EXPECT_PRED2(matches, toldBy(link.socket, &ASocket::readInt, 1),
+                 "0 77 3 *socket_read Connection closed by peer.readInt: failed count = 0\nreadInt: read value = 77\n");
+    EXPECT_EQ(toldBy(link.socket, &ASocket::readShort, 1),
+              "-1 77 3 readShort: timeout = 1\nreadFully m_socketState=<3> offset=<0> len=<2> timeout=<1>\n"
+              "readShort: failed count = -1\nreadShort: read value = 77\n");
+    EXPECT_EQ(told([&] {
+                  EXPECT_EQ(link.socket.read(nullptr, 0, 1, 1), 0);
+                  link.socket.writeInt(1);
+                  link.socket.writeByte(1);
+              }),
+              "read m_socketState=<3> offset=<0> len=<1> timeout=<1>\nwriteInt: writeInt( 1 )\n");
 }
 
 /// Let a signal, which @p handler takes, interrupt what the process waits in every 20 ms.
@@ -232,6 +224,7 @@ TEST(ASocket, OperationThatFailsGivesUpWithIoError) {
     Link link;
     const std::string badWait = "Select failed: Invalid argument\nsocket_read Select failed\n";
     const std::string badDescriptor = "*>\nSelect failed: Bad file descriptor\nsocket_read Select failed\n";
+    const std::string badLength = "*Socket recv failed: Invalid argument\nsocket_read Socket recv failed count=<-1>\n";
     const auto receiveWithoutDescriptors = [](ASocket& socket) {
         limitDescriptors(0);
         socket.socket_read(nullptr, 1, 0, 5);
@@ -241,7 +234,7 @@ TEST(ASocket, OperationThatFailsGivesUpWithIoError) {
         {-1, [](auto& s) { s.socket_read(nullptr, 1, 0, 5); }, badDescriptor},
         {999, [](auto& s) { s.socket_read(nullptr, 1, 0, UINT_MAX); }, badDescriptor},
         {::dup(0), receiveWithoutDescriptors, "*>\n" + badWait + badWait + badWait + badWait},
-        {::dup(0), [](auto& s) { s.socket_read(nullptr, -1, 0, 0); }, "*Socket recv failed: Invalid argument\n*"},
+        {::dup(0), [](auto& s) { s.socket_read(nullptr, -1, 0, 0); }, badLength},
         {::dup(0), [](auto& s) { s.write(nullptr, -1); }, "*( 0, -1 )\nSocket write failed: Invalid argument\n"}};
     for (const auto& [descriptor, operation, expected] : rows) {
         ASocket socket(descriptor, link.address);
