@@ -23,9 +23,6 @@
 extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions() {
     return "leak:libpam.so\n";
 }
-extern "C" __attribute__((visibility("default"))) const char* __lsan_default_options() {
-    return "print_suppressions=0"; // a child would
-}
 
 namespace {
 
@@ -67,15 +64,13 @@ std::string logIn(Faults::Kind kind, int number, std::string password) {
     std::string name = "A_VARIABLE_WITH_A_LONG_NAME", value = "a value that is longer than a string";
     const bool isRight = password == "wonderland";
     bool skip = false;
-    int status = -1;
     std::string outcome = "-1";
     outcome.reserve(100); // only what is watched shall allocate
     PAMHelper* helper = nullptr;
     try {
         const Faults faults(kind, number);
         helper = new PAMHelper("::ffff:10.20.30.40", "2001:db8:1234:5678:9abc:def0:1234:5678");
-        status = helper->authenticate(service, user, password, name, value, skip);
-        outcome = std::to_string(status);
+        outcome = std::to_string(helper->authenticate(service, user, password, name, value, skip));
         if (helper->startSession()) outcome += " opened";
         helper->setSessionId(AUtil::generateRandomKey());
         if (PAMHelper::instanceForSessionId(helper->getSessionId()) == helper) outcome += " registered";
@@ -86,7 +81,7 @@ std::string logIn(Faults::Kind kind, int number, std::string password) {
         EXPECT_EQ(helper->m_password, std::string(helper->m_password.size(), '\0'));
         helper->dispose();
     }
-    EXPECT_TRUE(status != PAM_SUCCESS || isRight);
+    EXPECT_TRUE(isRight || outcome.front() != '0');
     return outcome;
 }
 
@@ -99,7 +94,7 @@ TEST(FaultsTest, NoFaultLeaksALoginOrLetsAWrongPasswordIn) {
     std::ofstream(dir.path("accounts")) << "a-user-with-a-long-name:salt$" // "wonderland", as the module stores it
                                            "8808161c460734fc7bb91a1d1a26e7a2eb75ef0b18ce8538c05218d503e23c36:0:7\n";
     useServiceFilesIn(confdir.c_str());
-    void* const module = ::dlopen(GORV_DEMO_MODULE, RTLD_NOW); // loading it anew for each walk would take long
+    ::dlopen(GORV_DEMO_MODULE, RTLD_NOW); // loading it anew for each walk would take long
     const std::string any = "-1|0 opened|7|(0|0 opened|4|5|7|10|20) registered"; // PAM has much to fail with
     const std::string none = "(0 opened|7) registered";
     const Outcomes outcomes = {{"calloc", any}, {"malloc", any}, {"new", any},   {"open", none},
@@ -110,7 +105,6 @@ TEST(FaultsTest, NoFaultLeaksALoginOrLetsAWrongPasswordIn) {
         failEachCall(outcome, outcomes,
                      [secret = password](Faults::Kind kind, int number) { return logIn(kind, number, secret); });
     }
-    ::dlclose(module);
     useServiceFilesIn(nullptr);
 }
 
@@ -164,10 +158,10 @@ TEST(FaultsTest, NoFaultOfAConnectionLosesADescriptorOrMixesUpBytes) {
             outcome += ", state " + std::to_string(socket.getSocketState());
             if (socket.getSocketState() != ASocket::CONNECTED) outcome += ", " + errors.text();
         }
-        char bytes[64];
-        const ssize_t count = ::recv(peer, bytes, sizeof bytes, MSG_WAITALL);
+        std::string received(64, '\0');
+        const ssize_t count = ::recv(peer, received.data(), received.size(), MSG_WAITALL);
+        received.resize(static_cast<std::size_t>(std::max(count, ssize_t{0})));
         ::close(peer);
-        const std::string received(bytes, static_cast<std::size_t>(std::max(count, ssize_t{0})));
         EXPECT_EQ(received, std::string("\0\0\0\1a text.", 11).substr(0, received.size()));
         return outcome + ", " + std::to_string(received.size()) + " arrived";
     };
@@ -221,25 +215,24 @@ std::string runProgram(Faults::Kind kind, int number, int numberInHandler) {
 }
 
 TEST(FaultsTest, NoFaultOfAProgramRunLeavesAPipeOrAChild) {
-    sigset_t childEnded, before; // the handler is called by hand
+    sigset_t childEnded; // the handler is called by hand
     sigemptyset(&childEnded);
     sigaddset(&childEnded, SIGCHLD);
-    pthread_sigmask(SIG_BLOCK, &childEnded, &before);
+    pthread_sigmask(SIG_BLOCK, &childEnded, nullptr);
     const std::string echo = "/bin/../bin/../bin/../bin/../bin/echo", begun = " SystemExec: " + echo;
     const std::string failure = "SystemExec child: " + echo + ": execl Error!:";
+    const std::string report = "(.|\n)*"; // a sanitizer's, on the child
     failEachCall(echo + "\n",
                  {{"malloc", "none"},
                   {"new", "none"},
                   {"pipe2", "none" + begun + "\n"},
                   {"fcntl", "none" + begun + "\n"},
                   {"fork", "none" + begun + " - Fork error. Exiting.\n"},
-                  {"dup2", "(" + failure + ")?SystemExec child: Unable to exec.: Device or resource busy\n"},
-                  {"execvp", failure + "SystemExec child: Unable to exec.: No such file or directory\n"}},
+                  {"dup2", "(" + failure + ")?SystemExec child: Unable to exec.: Device or resource busy\n" + report},
+                  {"execvp", failure + "SystemExec child: Unable to exec.: No such file or directory\n" + report}},
                  [](Faults::Kind kind, int number) { return runProgram(kind, number, -1); });
     failEachCall(echo + "\n", {{"wait", echo + "\n"}},
                  [](Faults::Kind kind, int number) { return runProgram(kind, -1, number); });
-    std::signal(SIGCHLD, SIG_DFL);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 } // namespace

@@ -26,9 +26,8 @@ std::string told(const std::function<void()>& call) {
     CapturedStream output(stdout);
     CapturedStream error(stderr);
     call();
-    const std::string complaints = error.text();
     const std::regex prefix("( -)?ASocket::(\\w+):[1-9][0-9]*");
-    return std::regex_replace(output.text() + complaints, prefix, "$2");
+    return std::regex_replace(output.text() + error.text(), prefix, "$2");
 }
 
 /// What the receiving @p operation tells after its result, the value and the state that it leaves.
@@ -51,20 +50,18 @@ void limitDescriptors(rlim_t count) {
     ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-/// A logging socket on one end of a connection and a raw descriptor, the peer, on the other.
+/// A logging socket on one end of a connection and a raw descriptor, the peer, on the other; the process closes what is
+/// left.
 struct Link {
     Link() {
         log.setShowTimestamp(false);
         socket.setLog(log);
     }
-    ~Link() {
-        ::close(peer);
-        ::close(listener);
-    }
     int connect() {
         socklen_t size = sizeof address;
         auto* generic = reinterpret_cast<sockaddr*>(&address);
-        ::listen(listener, 4); // at any free port
+        ::bind(listener, generic, size);
+        ::listen(listener, 4);
         ::getsockname(listener, generic, &size);
         ::connect(peer, generic, size);
         return ::accept(listener, nullptr, nullptr);
@@ -74,7 +71,7 @@ struct Link {
 
     int listener = ::socket(AF_INET, SOCK_STREAM, 0);
     int peer = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
+    sockaddr_in address{AF_INET, 0, {::inet_addr("127.0.0.2")}, {}};
     int end = connect();
     ALog log{"", stderr};
     ASocket socket{end, address};
@@ -102,9 +99,9 @@ TEST(ASocket, ConnectingTellsItsProgressOrThrowsWhatItPrinted) {
 }
 
 TEST(ASocket, EachCopyClosesADescriptorOfItsOwnAndConnectingAgainLosesNone) {
+    Link link;
     const int before = openDescriptors();
     {
-        Link link;
         ASocket copy(link.socket);
         EXPECT_EQ(::fcntl(link.end + 1, F_GETFD), FD_CLOEXEC);
         told([&] { link.socket.createIPSocket("127.0.0.2", link.port()); });
@@ -160,7 +157,7 @@ TEST(ASocket, SpeaksTheWireFormatAndLogsEveryStep) {
 TEST(ASocket, PeerThatClosesInAFrameIsToldAndNothingPassesAfterwards) {
     Link link;
     link.send("123");
-    ::close(std::exchange(link.peer, -1));
+    ::close(link.peer);
     EXPECT_PRED2(matches, toldBy(link.socket, &ASocket::readInt, 1),
                  "0 77 3 *socket_read Connection closed by peer.readInt: failed count = 0\nreadInt: read value = 77\n");
     EXPECT_EQ(toldBy(link.socket, &ASocket::readShort, 1),
