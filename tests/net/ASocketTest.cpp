@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <climits>
 #include <csignal>
 #include <fcntl.h>
 #include <fnmatch.h>
@@ -88,14 +87,10 @@ TEST(ASocket, ConnectingTellsItsProgressOrThrowsWhatItPrinted) {
     ASocket quiet;
     quiet.setSilent(true);
     EXPECT_EQ(told([&] { quiet.createIPSocket("127.0.0.2", port); }), "createIPSocket" + target);
-    const std::string longName(300, 'x');
-    const std::tuple<const char*, std::string, std::string> rows[] = {
-        {longName.c_str(), ("host info not found ip=\"" + longName).substr(0, 255), "host info not found: *"},
-        {nullptr, "host info not found ip=\"(null)\"\n", "host info not found: Invalid argument\n"}};
-    for (const auto& [ip, message, complaint] : rows)
-        EXPECT_PRED2(matches, told([&, host = ip] { EXPECT_THROW(ASocket(host, port), GorvSocketException); }),
-                     "*connecting...\ncreateIPSocket " + message +
-                         "\ncreateIPSocket Exception with message: " + message + ".\n" + complaint);
+    const std::string name(300, 'x'), message = ("host info not found ip=\"" + name).substr(0, 255);
+    EXPECT_PRED2(matches, told([&] { EXPECT_THROW(ASocket(name.c_str(), port), GorvSocketException); }),
+                 "*connecting...\ncreateIPSocket " + message + "\ncreateIPSocket Exception with message: " + message +
+                     ".\nhost info not found: *");
 }
 
 TEST(ASocket, EachCopyClosesADescriptorOfItsOwnAndConnectingAgainLosesNone) {
@@ -229,7 +224,7 @@ TEST(ASocket, OperationThatFailsGivesUpWithIoError) {
     };
     const std::tuple<int, std::function<void(ASocket&)>, std::string> rows[] = {
         {-1, [](auto& s) { s.socket_read(nullptr, 1, 0, 5); }, badDescriptor},
-        {999, [](auto& s) { s.socket_read(nullptr, 1, 0, UINT_MAX); }, badDescriptor},
+        {999, [](auto& s) { s.socket_read(nullptr, 1, 0, ~0U); }, badDescriptor},
         {::dup(0), receiveWithoutDescriptors, "*>\n" + badWait + badWait + badWait + badWait},
         {::dup(0), [](auto& s) { s.socket_read(nullptr, -1, 0, 0); }, badLength},
         {::dup(0), [](auto& s) { s.write(nullptr, -1); }, "*( 0, -1 )\nSocket write failed: Invalid argument\n"}};
@@ -258,7 +253,8 @@ TEST(ASocket, OverridesReachTheInnerCalls) {
                          socket << "abc";
                          EXPECT_THROW(socket.createIPSocket(nullptr, 1), GorvSocketException);
                      }),
-                 "4 0 0 2 0 0 1 77 0 write 4 write 2 write 3 *close host info not found*");
+                 "4 0 0 2 0 0 1 77 0 write 4 write 2 write 3 *createIPSocket host info not found ip=\"(null)\"\n\n"
+                 "close host info not found: Invalid argument\n");
 }
 
 } // namespace
