@@ -16,7 +16,6 @@ namespace {
 thread_local bool s_armed = false;
 Faults::Kind s_kind = Faults::Kind::Failure;
 int s_callsLeft = 0;
-int s_transactions = 0;
 
 /// Where the name of the failed call stands, for a child as well.
 const char*& failedName() {
@@ -40,34 +39,27 @@ bool fails(const char* name, int error, bool interruptible, const void* caller) 
     return true;
 }
 
-template <typename Function>
-Function* next(Function*& known, const char* name) {
-    if (known == nullptr) known = reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
-    return known;
-}
-
 } // namespace
 
 Faults::Faults(Kind kind, int number) {
     s_kind = kind;
     s_callsLeft = number;
-    failedName() = nullptr;
-    setArmed(true);
+    if (number >= 0) failedName() = nullptr;
+    s_armed = true;
 }
 
-void Faults::setArmed(bool armed) { s_armed = armed; }
+Faults::~Faults() { s_armed = false; }
 std::string Faults::failedCall() { return failedName() == nullptr ? "" : failedName(); }
-int Faults::transactions() { return s_transactions; }
 
 #define INTERPOSED extern "C" __attribute__((visibility("default")))
+/// The call NAME of the system.
+#define REAL(name) reinterpret_cast<decltype(&::name)>(::dlsym(RTLD_NEXT, #name))
 
-/// Define the call NAME, which fails with RESULT and ERROR when it is its turn and goes to the system
-/// otherwise.
+/// Define the call NAME, which fails with RESULT and ERROR when it is its turn and goes to the system otherwise.
 #define FAILING(type, name, parameters, arguments, result, error, interruptible)                                       \
     INTERPOSED type name parameters {                                                                                  \
-        static type(*s_real) parameters = nullptr;                                                                     \
-        const void* const caller = __builtin_return_address(0);                                                        \
-        return fails(#name, error, interruptible, caller) ? result : next(s_real, #name) arguments;                    \
+        static const auto s_real = REAL(name);                                                                         \
+        return fails(#name, error, interruptible, __builtin_return_address(0)) ? result : s_real arguments;            \
     }
 
 FAILING(void*, malloc, (std::size_t size) noexcept, (size), nullptr, ENOMEM, false)
@@ -91,24 +83,21 @@ FAILING(ssize_t, recv, (int descriptor, void* buffer, std::size_t size, int flag
 FAILING(ssize_t, write, (int descriptor, const void* data, std::size_t size), (descriptor, data, size), -1, EPIPE, true)
 
 __attribute__((visibility("default"))) void* operator new(std::size_t size) {
-    static void* (*s_real)(std::size_t) = nullptr;
-    if (fails("new", ENOMEM, false, nullptr)) throw std::bad_alloc();
-    return next(s_real, "_Znwm")(size);
+    static const auto s_real = reinterpret_cast<void* (*)(std::size_t)>(::dlsym(RTLD_NEXT, "_Znwm"));
+    return fails("new", ENOMEM, false, nullptr) ? throw std::bad_alloc() : s_real(size);
 }
 
 INTERPOSED unsigned sleep(unsigned) { return 0; } // a child's delay
 
 INTERPOSED int pam_start_confdir(const char* service, const char* user, const pam_conv* conversation,
                                  const char* confdir, pam_handle_t** handle) {
-    static int (*s_real)(const char*, const char*, const pam_conv*, const char*, pam_handle_t**) = nullptr;
-    const int status = next(s_real, "pam_start_confdir")(service, user, conversation, confdir, handle);
-    s_transactions += status == PAM_SUCCESS ? 1 : 0;
+    const int status = REAL(pam_start_confdir)(service, user, conversation, confdir, handle);
+    Faults::s_transactions += status == PAM_SUCCESS;
     return status;
 }
 
 INTERPOSED int pam_end(pam_handle_t* handle, int lastStatus) {
-    static int (*s_real)(pam_handle_t*, int) = nullptr;
-    const int status = next(s_real, "pam_end")(handle, lastStatus);
-    s_transactions -= status == PAM_SUCCESS ? 1 : 0;
+    const int status = REAL(pam_end)(handle, lastStatus);
+    Faults::s_transactions -= status == PAM_SUCCESS;
     return status;
 }
