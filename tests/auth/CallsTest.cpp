@@ -1,4 +1,5 @@
 #include "PAMHelper.h"
+#include "support/Files.h"
 #include "support/ProcessMemory.h"
 
 #include <functional>
@@ -118,7 +119,7 @@ struct PamCallsTest : testing::Test {
             const int count = static_cast<int>(messages.size());
             const int status = conversation.conv(count, pointers.data(), &response, conversation.appdata_ptr);
             for (int i = 0; response != nullptr && i < count; ++i) {
-                m_replies.emplace_back(response[i].resp);
+                m_replies.emplace_back(response[i].resp == nullptr ? "-" : response[i].resp);
                 std::free(response[i].resp);
             }
             std::free(response);
@@ -287,6 +288,20 @@ TEST_F(PamCallsTest, ConversationAnswersOnlyPasswordPrompts) {
         EXPECT_EQ(logInAsked(times, prompt), PAM_CONV_ERR);
     EXPECT_EQ(logInAsked(32, "New password: again"), PAM_SUCCESS);
     EXPECT_EQ(m_replies, Calls(32, m_password));
+}
+
+TEST_F(PamCallsTest, TextsAreShownAndAPromptWithEchoIsAnsweredFromStandardInput) {
+    FILE* const terminal = std::exchange(stdin, std::tmpfile());
+    std::fputs("Liddell\n", stdin);
+    std::rewind(stdin);
+    CapturedStream output(stdout), errors(stderr);
+    letPamAsk({{PAM_TEXT_INFO, "note"}, {PAM_ERROR_MSG, "bad\n"}, {PAM_PROMPT_ECHO_ON, "Name? "}});
+    EXPECT_EQ(logIn(), PAM_SUCCESS);
+    EXPECT_EQ(checkAgain("alice"), PAM_CONV_ERR); // nothing is left to read
+    EXPECT_EQ(errors.text(), "bad\nName? bad\nName? ");
+    EXPECT_EQ(output.text(), "note\nnote\n");
+    EXPECT_EQ(m_replies, (Calls{"-", "-", "Liddell\n"}));
+    std::fclose(std::exchange(stdin, terminal));
 }
 
 TEST_F(PamCallsTest, NoTemporaryOrDiscardedReplyKeepsThePassword) {
