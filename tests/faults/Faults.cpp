@@ -52,7 +52,6 @@ Faults::~Faults() { s_armed = false; }
 std::string Faults::failedCall() { return failedName() == nullptr ? "" : failedName(); }
 
 #define INTERPOSED extern "C" __attribute__((visibility("default")))
-/// The call NAME of the system.
 #define REAL(name) reinterpret_cast<decltype(&::name)>(::dlsym(RTLD_NEXT, #name))
 
 /// Define the call NAME, which fails with RESULT and ERROR when it is its turn and goes to the system otherwise.

@@ -82,7 +82,8 @@ TEST_F(SystemExecTest, ChildRunsOnThreePipesUntilTheHandlerClosesThem) {
 
 TEST_F(SystemExecTest, ProgressLinesArriveOnceAndWholeAndTheChildWaitsASecond) {
     CapturedStream output(stdout);
-    ::pthread_atfork([] { std::fputs("other line\n", stdout); }, nullptr, nullptr); // as by another thread
+    // As by another thread, and by a parent that is late.
+    ::pthread_atfork([] { std::fputs("other line\n", stdout); }, [] { ::usleep(10'000); }, nullptr);
     FILE* log = std::tmpfile();
     std::fputs("line", log);                       // which the child inherits and exit() would write again
     std::thread([=] { ::flockfile(log); }).join(); // as by a thread that reads it; nobody may wait for that
