@@ -45,6 +45,8 @@ public:
         const sockaddr_in address = {AF_INET, htons(static_cast<std::uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
         const linger abrupt = {1, 0}; // a vanished client, and no port kept waiting
         ::setsockopt(m_socket.get(), SOL_SOCKET, SO_LINGER, &abrupt, sizeof abrupt);
+        const timeval limit = {60, 0};
+        ::setsockopt(m_socket.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
         ::connect(m_socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
     }
     void send(std::string_view bytes) const { ::send(m_socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL); }
