@@ -265,7 +265,8 @@ TEST_F(ConsoleTest, WithoutDescriptorsClientsAreRefusedAndNothingSpins) {
     std::this_thread::sleep_for(1s);
     EXPECT_LT(std::stol(ofProcess("schedstat")) - before, 500'000'000);
     peers.clear();
-    EXPECT_TRUE(eventually([&] { return Peer(m_port).logIn().result == Done; }));
+    EXPECT_TRUE(eventually([&] { return count("fd") < 16; })); // a sanitizer takes lacking ones for a broken object
+    EXPECT_EQ(Peer(m_port).logIn().result, Done);
 }
 
 TEST_F(ConsoleTest, ClientThatOwesARequestIsHungUp) {
