@@ -5,13 +5,10 @@
 #include "ALog.h"
 #include "ASocket.h"
 #include "AThread.h"
-#include "ATrace.h"
-#include "KEPClient.h"
 #include "PAMHelper.h"
 
 #include <cstring>
 #include <gtest/gtest.h>
-#include <type_traits>
 #include <vector>
 
 std::vector<std::size_t> slotsOf(auto... operations) {
@@ -47,11 +44,3 @@ static_assert(AComponentLog::INFO == 1 && AComponentLog::WARNING == 2 && ACompon
               AComponentLog::TRACE == 4);
 static_assert(ASocket::NOT_CONNECTED == 0 && ASocket::CONNECTED == 1 && ASocket::CLOSED == 2 &&
               ASocket::CLOSED_BY_PEER == 3 && ASocket::CONNECT_FAILED == 4 && ASocket::IO_ERROR == 5);
-
-template <typename T>
-constexpr bool kStaysInPlace =
-    !std::is_copy_constructible_v<T> && !std::is_move_constructible_v<T> && !std::is_copy_assignable_v<T>;
-
-static_assert(kStaysInPlace<Monitor> && kStaysInPlace<MonitorLock> && kStaysInPlace<ALog> &&
-              kStaysInPlace<AComponentLog> && kStaysInPlace<KEPClient> && kStaysInPlace<PAMHelper> &&
-              kStaysInPlace<ATrace>);
