@@ -15,9 +15,12 @@ struct pam_handle : pam_conv {
 
 namespace {
 
-bool isMonitorHeld() {
+bool isMonitorHeld()
+{
     pthread_mutex_t* const mutex = &PAMHelper::instanceMapMonitor.m_mutex;
-    const auto isTaken = [mutex] { return pthread_mutex_trylock(mutex) != 0 || pthread_mutex_unlock(mutex) != 0; };
+    const auto isTaken = [mutex] {
+        return pthread_mutex_trylock(mutex) != 0 || pthread_mutex_unlock(mutex) != 0;
+    };
     return std::async(std::launch::async, isTaken).get(); // no matter which thread has it
 }
 
@@ -27,13 +30,18 @@ struct FakePam {
     const char* sessionIdText = nullptr;
     std::function<int(const pam_conv&)> onAuthenticate;
     std::function<void()> onClose;
-    bool keepsNothing = false; // of the arguments, and starts no thread: its stack would hold what registers hold
+    bool keepsNothing =
+        false; // of the arguments, and starts no thread: its stack would hold what registers hold
     std::vector<std::string> calls;
     int handles = 0;
 
-    int step(const pam_handle_t* pam, std::string_view call) {
-        if (keepsNothing) return PAM_SUCCESS;
-        if (!call.starts_with("end ")) { EXPECT_EQ(isMonitorHeld(), call != "close 0") << call; }
+    int step(const pam_handle_t* pam, std::string_view call)
+    {
+        if (keepsNothing)
+            return PAM_SUCCESS;
+        if (!call.starts_with("end ")) {
+            EXPECT_EQ(isMonitorHeld(), call != "close 0") << call;
+        }
         calls.push_back((pam == nullptr ? "-" : std::to_string(pam->number)).append(" ").append(call));
         return statuses[std::string(call.substr(0, call.find(' ')))];
     }
@@ -45,43 +53,57 @@ FakePam s_pam;
 
 #define FAKE extern "C" __attribute__((visibility("default")))
 
-FAKE int pam_start(const char* service, const char* user, const pam_conv* conversation, pam_handle_t** pam) {
+FAKE int pam_start(const char* service, const char* user, const pam_conv* conversation, pam_handle_t** pam)
+{
     *pam = s_pam.statuses["start"] == PAM_SUCCESS ? new pam_handle{*conversation, ++s_pam.handles} : nullptr;
     return s_pam.step(*pam, std::string("start ") + service + " " + user);
 }
 
-FAKE int pam_end(pam_handle_t* pam, int status) {
+FAKE int pam_end(pam_handle_t* pam, int status)
+{
     s_pam.step(pam, "end " + std::to_string(status));
     delete pam;
     return PAM_SUCCESS;
 }
 
-FAKE int pam_set_item(pam_handle_t* pam, int item, const void* value) {
+FAKE int pam_set_item(pam_handle_t* pam, int item, const void* value)
+{
     s_pam.step(pam, (item == PAM_RHOST ? "rhost " : "? ") + std::string(static_cast<const char*>(value)));
     return PAM_SYSTEM_ERR; // not looked at
 }
 
-FAKE int pam_putenv(pam_handle_t* pam, const char* text) {
+FAKE int pam_putenv(pam_handle_t* pam, const char* text)
+{
     s_pam.step(pam, text);
     return PAM_BUF_ERR; // not looked at
 }
 
-FAKE const char* pam_getenv(pam_handle_t*, const char* name) {
+FAKE const char* pam_getenv(pam_handle_t*, const char* name)
+{
     return std::string_view(name) == "SESSION_ID" ? s_pam.sessionIdText : nullptr;
 }
 
-FAKE int pam_authenticate(pam_handle_t* pam, int flags) {
+FAKE int pam_authenticate(pam_handle_t* pam, int flags)
+{
     const int status = s_pam.step(pam, "authenticate " + std::to_string(flags));
     return s_pam.onAuthenticate ? s_pam.onAuthenticate(*pam) : status;
 }
 
-FAKE int pam_acct_mgmt(pam_handle_t* pam, int flags) { return s_pam.step(pam, "account " + std::to_string(flags)); }
+FAKE int pam_acct_mgmt(pam_handle_t* pam, int flags)
+{
+    return s_pam.step(pam, "account " + std::to_string(flags));
+}
 
-FAKE int pam_open_session(pam_handle_t* pam, int flags) { return s_pam.step(pam, "open " + std::to_string(flags)); }
+FAKE int pam_open_session(pam_handle_t* pam, int flags)
+{
+    return s_pam.step(pam, "open " + std::to_string(flags));
+}
 
-FAKE int pam_close_session(pam_handle_t* pam, int flags) {
+FAKE int pam_close_session(pam_handle_t* pam, int flags)
+{
     const int status = s_pam.step(pam, "close " + std::to_string(flags));
-    if (s_pam.onClose) s_pam.onClose();
+    if (s_pam.onClose)
+        s_pam.onClose();
     return status;
 }
 
@@ -94,13 +116,15 @@ struct PamCallsTest : testing::Test {
     ~PamCallsTest() override { m_helper->dispose(); }
 
     /// Start again, with a helper and a PAM that know nothing.
-    void renew() {
+    void renew()
+    {
         m_helper->dispose();
         s_pam = {};
         m_helper = new PAMHelper("::ffff:10.0.0.9", nullptr);
     }
     /// Whatever comes of it, the helper forgets the password.
-    int authenticate(auto&... arguments) {
+    int authenticate(auto&... arguments)
+    {
         const int status = m_helper->authenticate(arguments...);
         EXPECT_EQ(m_helper->m_password, std::string(m_password.size(), '\0'));
         EXPECT_EQ(m_helper->getAuthResult(), status);
@@ -111,10 +135,12 @@ struct PamCallsTest : testing::Test {
     static Calls takeCalls() { return std::exchange(s_pam.calls, {}); }
 
     /// Each authentication holds this conversation. Its replies come into m_replies.
-    void letPamAsk(const std::vector<pam_message>& messages) {
+    void letPamAsk(const std::vector<pam_message>& messages)
+    {
         s_pam.onAuthenticate = [this, messages](const pam_conv& conversation) {
             std::vector<const pam_message*> pointers;
-            for (const pam_message& message : messages) pointers.push_back(&message);
+            for (const pam_message& message : messages)
+                pointers.push_back(&message);
             pam_response* response = nullptr;
             const int count = static_cast<int>(messages.size());
             const int status = conversation.conv(count, pointers.data(), &response, conversation.appdata_ptr);
@@ -132,14 +158,17 @@ struct PamCallsTest : testing::Test {
     std::vector<std::string> m_replies;
 };
 
-TEST_F(PamCallsTest, EachFormCallsPamInItsOrder) {
-    std::string token = "t", context = "c", name = "NAME", value = "v", trigger = "OIDC_LOGIN", almost = "OIDC_LOGIN2";
+TEST_F(PamCallsTest, EachFormCallsPamInItsOrder)
+{
+    std::string token = "t", context = "c", name = "NAME", value = "v", trigger = "OIDC_LOGIN",
+                almost = "OIDC_LOGIN2";
     bool skip = false;
     const auto expectVariables = [&](const Calls& variables, auto&... arguments) {
         renew();
         s_pam.statuses["account"] = PAM_PERM_DENIED;
         EXPECT_EQ(authenticate(m_service, m_user, m_password, arguments..., skip), PAM_PERM_DENIED);
-        Calls calls = {"1 start svc alice", "1 rhost 10.0.0.9", "1 INTERFACE_IP=", "1 authenticate 0", "1 account 0"};
+        Calls calls = {"1 start svc alice", "1 rhost 10.0.0.9", "1 INTERFACE_IP=", "1 authenticate 0",
+                       "1 account 0"};
         calls.insert(calls.begin() + 1, variables.begin(), variables.end());
         EXPECT_EQ(takeCalls(), calls);
     };
@@ -150,7 +179,8 @@ TEST_F(PamCallsTest, EachFormCallsPamInItsOrder) {
     expectVariables({"1 OIDC_LOGIN2=v"}, context, almost, value);
 }
 
-TEST_F(PamCallsTest, LaterStepsAreLeftOutAfterAFailureOrOnRequest) {
+TEST_F(PamCallsTest, LaterStepsAreLeftOutAfterAFailureOrOnRequest)
+{
     EXPECT_EQ(m_helper->getAuthResult(), PAM_AUTHINFO_UNAVAIL);
     EXPECT_FALSE(m_helper->startSession());
     EXPECT_EQ(m_helper->stopSession() + m_helper->setEnv("A", "B"), 0);
@@ -165,7 +195,10 @@ TEST_F(PamCallsTest, LaterStepsAreLeftOutAfterAFailureOrOnRequest) {
     } cases[] = {
         {{{"start", PAM_ABORT}}, false, PAM_AUTH_ERR, "- rhost 10.0.0.9"},
         {{{"authenticate", PAM_MAXTRIES}}, false, PAM_MAXTRIES, "1 authenticate 0"},
-        {{{"authenticate", PAM_MAXTRIES}, {"account", PAM_ACCT_EXPIRED}}, true, PAM_ACCT_EXPIRED, "1 account 0"},
+        {{{"authenticate", PAM_MAXTRIES}, {"account", PAM_ACCT_EXPIRED}},
+         true,
+         PAM_ACCT_EXPIRED,
+         "1 account 0"},
         {{{"account", PAM_NEW_AUTHTOK_REQD}}, false, PAM_NEW_AUTHTOK_REQD, "1 open 0", true},
         {{}, false, PAM_SUCCESS, "1 open 0", true},
         {{{"open", PAM_SESSION_ERR}}, false, PAM_SUCCESS, "1 open 0"},
@@ -181,7 +214,8 @@ TEST_F(PamCallsTest, LaterStepsAreLeftOutAfterAFailureOrOnRequest) {
     }
 }
 
-TEST_F(PamCallsTest, CheckOfAnotherUserUsesItsOwnTransactionOnly) {
+TEST_F(PamCallsTest, CheckOfAnotherUserUsesItsOwnTransactionOnly)
+{
     const auto expectCheck = [&](const char* user, bool skips, int status, const Calls& calls) {
         EXPECT_EQ(checkAgain(user, skips), status);
         EXPECT_EQ(takeCalls(), calls);
@@ -193,18 +227,21 @@ TEST_F(PamCallsTest, CheckOfAnotherUserUsesItsOwnTransactionOnly) {
     m_helper->setInterfaceIP("::ffff:10.0.0.1");
     logIn();
     takeCalls();
-    expectCheck("bob", false, PAM_SYSTEM_ERR,
-                {"3 start svc bob", "3 rhost 10.0.0.9", "3 INTERFACE_IP=10.0.0.1", "3 authenticate 0", "3 end 4"});
+    expectCheck(
+        "bob", false, PAM_SYSTEM_ERR,
+        {"3 start svc bob", "3 rhost 10.0.0.9", "3 INTERFACE_IP=10.0.0.1", "3 authenticate 0", "3 end 4"});
     s_pam.statuses["start"] = PAM_BUF_ERR;
     expectCheck("bob", false, PAM_AUTH_ERR, {"- start svc bob", "- rhost 10.0.0.9", "- end 7"});
     expectCheck("alice", true, PAM_SUCCESS, {});
     s_pam.statuses = {};
     letPamAsk({{PAM_PROMPT_ECHO_OFF, "Password: "}});
-    for (const char* user : {"alice", "bob"}) EXPECT_EQ(checkAgain(user), PAM_SUCCESS);
+    for (const char* user : {"alice", "bob"})
+        EXPECT_EQ(checkAgain(user), PAM_SUCCESS);
     EXPECT_EQ(m_replies, Calls(2, m_password));
 }
 
-TEST_F(PamCallsTest, DisposeClosesAndEndsWithTheStatusOfTheClose) {
+TEST_F(PamCallsTest, DisposeClosesAndEndsWithTheStatusOfTheClose)
+{
     logIn();
     ASSERT_TRUE(m_helper->startSession());
     s_pam.statuses["close"] = PAM_SESSION_ERR;
@@ -214,13 +251,17 @@ TEST_F(PamCallsTest, DisposeClosesAndEndsWithTheStatusOfTheClose) {
     m_helper = new PAMHelper(nullptr, nullptr);
 }
 
-TEST_F(PamCallsTest, RegistriesWaitForTheMonitorThatGuardsThem) {
+TEST_F(PamCallsTest, RegistriesWaitForTheMonitorThatGuardsThem)
+{
     Monitor* const registry = PAMHelper::getMonitor();
     Monitor* const flags = &PAMHelper::instanceFwMapMonitor;
     const std::pair<Monitor*, std::function<void()>> operations[] = {
-        {registry, [&] { m_helper->setSessionId("S1"); }},   {registry, [&] { PAMHelper::instanceForSessionId("S1"); }},
-        {registry, [&] { PAMHelper::instanceForKEPId(0); }}, {registry, [&] { m_helper->stopSession(); }},
-        {flags, [&] { m_helper->setFwInProgress(true); }},   {flags, [&] { m_helper->setFWSemaphoreLock(true); }},
+        {registry, [&] { m_helper->setSessionId("S1"); }},
+        {registry, [&] { PAMHelper::instanceForSessionId("S1"); }},
+        {registry, [&] { PAMHelper::instanceForKEPId(0); }},
+        {registry, [&] { m_helper->stopSession(); }},
+        {flags, [&] { m_helper->setFwInProgress(true); }},
+        {flags, [&] { m_helper->setFWSemaphoreLock(true); }},
     };
     logIn();
     for (const auto& [guardedBy, run] : operations) {
@@ -234,7 +275,8 @@ TEST_F(PamCallsTest, RegistriesWaitForTheMonitorThatGuardsThem) {
     }
 }
 
-TEST_F(PamCallsTest, HelperOutlivesTheCallsThatOthersAreStillIn) {
+TEST_F(PamCallsTest, HelperOutlivesTheCallsThatOthersAreStillIn)
+{
     for (int round = 0; round < 200; ++round) {
         renew();
         logIn();
@@ -255,7 +297,8 @@ TEST_F(PamCallsTest, HelperOutlivesTheCallsThatOthersAreStillIn) {
                 ++begun;
                 m_helper->dispose();
             }));
-        while (begun < 3) std::this_thread::yield();
+        while (begun < 3)
+            std::this_thread::yield();
         std::this_thread::sleep_for(std::chrono::microseconds(200));
         PAMHelper::getMonitor()->releaseLock();
         others.clear();
@@ -263,10 +306,12 @@ TEST_F(PamCallsTest, HelperOutlivesTheCallsThatOthersAreStillIn) {
     }
 }
 
-TEST_F(PamCallsTest, SessionIdTextGivesTheNumericId) {
+TEST_F(PamCallsTest, SessionIdTextGivesTheNumericId)
+{
     const std::pair<const char*, int> cases[] = {{"7", 7}, {"-0X1f", -31}, {"abc", -31}, {nullptr, 0}};
     logIn();
-    for (const auto& [text, id] : cases) { // one after another on one helper: what is no number changes nothing
+    for (const auto& [text, id] :
+         cases) { // one after another on one helper: what is no number changes nothing
         s_pam.sessionIdText = text;
         ASSERT_TRUE(m_helper->startSession());
         EXPECT_EQ(m_helper->getKEPSessionId(), id) << (text == nullptr ? "absent" : text);
@@ -275,7 +320,8 @@ TEST_F(PamCallsTest, SessionIdTextGivesTheNumericId) {
     EXPECT_FALSE(m_helper->startSession() || m_helper->isValid());
 }
 
-TEST_F(PamCallsTest, ConversationAnswersOnlyPasswordPrompts) {
+TEST_F(PamCallsTest, ConversationAnswersOnlyPasswordPrompts)
+{
     const auto logInAsked = [&](std::size_t times, const char* prompt) {
         renew();
         letPamAsk(std::vector<pam_message>(times, {PAM_PROMPT_ECHO_OFF, prompt}));
@@ -288,7 +334,8 @@ TEST_F(PamCallsTest, ConversationAnswersOnlyPasswordPrompts) {
     EXPECT_EQ(m_replies, Calls(32, m_password));
 }
 
-TEST_F(PamCallsTest, TextsAreShownAndAPromptWithEchoIsAnsweredFromStandardInput) {
+TEST_F(PamCallsTest, TextsAreShownAndAPromptWithEchoIsAnsweredFromStandardInput)
+{
     FILE* const terminal = std::exchange(stdin, std::tmpfile());
     std::fputs("Liddell\n", stdin);
     std::rewind(stdin);
@@ -302,8 +349,10 @@ TEST_F(PamCallsTest, TextsAreShownAndAPromptWithEchoIsAnsweredFromStandardInput)
     std::fclose(std::exchange(stdin, terminal));
 }
 
-TEST_F(PamCallsTest, NoTemporaryOrDiscardedReplyKeepsThePassword) {
-    if (!ProcessMemory::canBeSearched()) GTEST_SKIP() << "a sanitizer's own memory is searched in vain";
+TEST_F(PamCallsTest, NoTemporaryOrDiscardedReplyKeepsThePassword)
+{
+    if (!ProcessMemory::canBeSearched())
+        GTEST_SKIP() << "a sanitizer's own memory is searched in vain";
     const ProcessMemory::Secret secret("another passphrase that no small buffer could ever hold");
     const pam_message asks = {PAM_PROMPT_ECHO_OFF, "Password: "};
     std::string password = secret.text(), name = "NAME", value = "v";
@@ -311,7 +360,8 @@ TEST_F(PamCallsTest, NoTemporaryOrDiscardedReplyKeepsThePassword) {
         renew();
         s_pam.keepsNothing = true;
         letPamAsk({asks, asks, asks, {PAM_PROMPT_ECHO_OFF, "PIN: "}});
-        EXPECT_EQ(m_helper->authenticate(m_service, m_user, password, name, value, skip) == PAM_SUCCESS, skip);
+        EXPECT_EQ(m_helper->authenticate(m_service, m_user, password, name, value, skip) == PAM_SUCCESS,
+                  skip);
     }
     EXPECT_TRUE(ProcessMemory::holds(secret)); // the caller's own copy
     OPENSSL_cleanse(password.data(), password.size());

@@ -11,21 +11,25 @@ namespace {
 
 /// A PAM stack in a scratch folder.
 struct LoginTest : testing::Test {
-    LoginTest() {
+    LoginTest()
+    {
         std::ofstream service(m_dir.path("test")), accounts(m_dir.path("accounts"));
         for (const char* type : {"auth", "account", "session"})
             service << type << " required " GORV_DEMO_MODULE " accounts=" << m_dir.path("accounts") << '\n';
         useServiceFilesIn(m_dir.path().c_str());
         for (const auto& [user, session] : {std::pair{"alice", "7"}, {"minus", "-1"}, {"crowd", "auto"}})
-            accounts << user << ":salt$8808161c460734fc7bb91a1d1a26e7a2eb75ef0b18ce8538c05218d503e23c36:0:" << session
+            accounts << user
+                     << ":salt$8808161c460734fc7bb91a1d1a26e7a2eb75ef0b18ce8538c05218d503e23c36:0:" << session
                      << '\n'; // "wonderland", as the module stores it
     }
-    ~LoginTest() override {
+    ~LoginTest() override
+    {
         useServiceFilesIn(nullptr);
         EXPECT_TRUE(PAMHelper::instanceMap.empty());
         EXPECT_TRUE(PAMHelper::instanceFwMap.empty());
     }
-    static PAMHelper* loggedIn(std::string user, std::string password = "wonderland", bool skip = false) {
+    static PAMHelper* loggedIn(std::string user, std::string password = "wonderland", bool skip = false)
+    {
         auto* const helper = new PAMHelper("::ffff:10.0.0.9", "10.0.0.1");
         std::string service = "test";
         EXPECT_EQ(helper->authenticate(service, user, password, skip), PAM_SUCCESS);
@@ -35,9 +39,11 @@ struct LoginTest : testing::Test {
     const TempDir m_dir;
 };
 
-TEST_F(LoginTest, HelperIsFoundByTextAndNumberUntilItsSessionStops) {
+TEST_F(LoginTest, HelperIsFoundByTextAndNumberUntilItsSessionStops)
+{
     PAMHelper *first = loggedIn("alice"), *second = loggedIn("alice"), *minus = loggedIn("minus");
-    for (PAMHelper* helper : {first, second, minus}) ASSERT_TRUE(helper->startSession());
+    for (PAMHelper* helper : {first, second, minus})
+        ASSERT_TRUE(helper->startSession());
     first->setSessionId("b");
     second->setSessionId("");
     minus->setSessionId("\xff");
@@ -56,10 +62,12 @@ TEST_F(LoginTest, HelperIsFoundByTextAndNumberUntilItsSessionStops) {
     second->stopSession(); // a shared id is removed by whoever stops
     EXPECT_EQ(PAMHelper::instanceForSessionId("b"), nullptr);
     EXPECT_TRUE(second->startSession()); // again, on the same transaction
-    for (PAMHelper* helper : {first, second, minus}) helper->dispose();
+    for (PAMHelper* helper : {first, second, minus})
+        helper->dispose();
 }
 
-TEST_F(LoginTest, FirmwareMapNamesWhoSetEachValueLastAndDeletedHelperIsInNoMap) {
+TEST_F(LoginTest, FirmwareMapNamesWhoSetEachValueLastAndDeletedHelperIsInNoMap)
+{
     auto *a = new PAMHelper(nullptr, nullptr),
          *b = new PAMHelper(nullptr, nullptr); // no transaction, so nothing is stopped
     a->setFwInProgress(true);
@@ -81,7 +89,8 @@ TEST_F(LoginTest, FirmwareMapNamesWhoSetEachValueLastAndDeletedHelperIsInNoMap) 
     b->dispose();
 }
 
-TEST_F(LoginTest, ManyThreadsLogInFindAndDisposeWhileOthersLook) {
+TEST_F(LoginTest, ManyThreadsLogInFindAndDisposeWhileOthersLook)
+{
     std::atomic<int> working = 8;
     PAMHelper* const watched = loggedIn("crowd");
     std::vector<std::thread> threads;
@@ -94,7 +103,8 @@ TEST_F(LoginTest, ManyThreadsLogInFindAndDisposeWhileOthersLook) {
                 EXPECT_TRUE(helper->startSession());
                 EXPECT_EQ(PAMHelper::instanceForSessionId(id), helper);
                 helper->setFwInProgress(round % 2 == 0);
-                if (round % 3 == 0) helper->stopSession();
+                if (round % 3 == 0)
+                    helper->stopSession();
                 helper->dispose();
                 if (t == 0) { // a session is opened and closed by one thread
                     watched->startSession();
@@ -106,14 +116,16 @@ TEST_F(LoginTest, ManyThreadsLogInFindAndDisposeWhileOthersLook) {
     }
     while (working > 0) {
         PAMHelper::getMonitor()->fastLock();
-        if (PAMHelper* found = PAMHelper::instanceForKEPId(3)) found->isValid();
+        if (PAMHelper* found = PAMHelper::instanceForKEPId(3))
+            found->isValid();
         PAMHelper::getMonitor()->releaseLock();
         watched->isValid();
         watched->getKEPSessionId();
         watched->getAuthResult();
         watched->isFwInProgress();
     }
-    for (auto& thread : threads) thread.join();
+    for (auto& thread : threads)
+        thread.join();
     watched->dispose();
 }
 

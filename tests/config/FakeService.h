@@ -8,5 +8,5 @@
 // A service that prints what it is asked and answers as told. Its functions take the place of libkep.so.1's
 // in the program that holds them, or make a libkep.so.1 of their own.
 
-extern std::map<std::string, int> answers;            // results by the start of a call as printed; success for others
+extern std::map<std::string, int> answers; // results by the start of a call as printed; success for others
 extern std::deque<std::pair<int, int>> answeredReads; // code and size, for the next calls of kep_config_get

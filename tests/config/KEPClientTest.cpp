@@ -10,10 +10,16 @@
 #include <new>
 
 // An array of the largest size runs out of memory at once, under every sanitizer.
-void* operator new[](std::size_t size) { return size < INT_MAX ? ::operator new(size) : throw std::bad_alloc(); }
+void* operator new[](std::size_t size)
+{
+    return size < INT_MAX ? ::operator new(size) : throw std::bad_alloc();
+}
 
 #pragma GCC diagnostic ignored "-Wsized-deallocation" // the sized form calls this one
-void operator delete[](void* array) noexcept { ::operator delete(array); }
+void operator delete[](void* array) noexcept
+{
+    ::operator delete(array);
+}
 
 namespace {
 
@@ -22,7 +28,8 @@ struct KEPClientTest : testing::Test {
     ~KEPClientTest() override { m_parent.removeChildLog(m_client.getLog()); }
 
     /// Standard output: the calls that reach the service, the client's own lines and, after " -", its log.
-    std::string outputOf(const std::function<void()>& action) {
+    std::string outputOf(const std::function<void()>& action)
+    {
         m_log.setShowTimestamp(false);
         CapturedStream console(stdout);
         action();
@@ -34,7 +41,8 @@ struct KEPClientTest : testing::Test {
     KEPClient m_client{"host", -5};
 };
 
-TEST_F(KEPClientTest, InitialisationStopsAtTheFirstRefusalAndAttachesUntilAllSucceeds) {
+TEST_F(KEPClientTest, InitialisationStopsAtTheFirstRefusalAndAttachesUntilAllSucceeds)
+{
     const std::string events[] = {"event_certificate_updated",      "gui_event_config_changed",
                                   "pm_event_telnet_config_changed", "tolvex_event_config_changed",
                                   "pm_event_snmp_config_changed",   "pm_event_asra_config_changed"};
@@ -43,16 +51,21 @@ TEST_F(KEPClientTest, InitialisationStopsAtTheFirstRefusalAndAttachesUntilAllSuc
         const std::string what = refused < 0 ? "initialize KEP" : "register " + events[std::min(refused, 5)];
         const std::string line = "KEPClient:  failed to " + what + "!!!\n";
         std::string expected = attached ? " -Calling kep_init\n" : " -Calling kep_init\nkep_init host -5 1\n";
-        for (int i = 0; i <= std::min(refused, 5); ++i) expected += "kep_event_register " + events[i] + "\n";
-        if (refused < 6) expected += (refused > 0 ? line : "") + " -" + line;
+        for (int i = 0; i <= std::min(refused, 5); ++i)
+            expected += "kep_event_register " + events[i] + "\n";
+        if (refused < 6)
+            expected += (refused > 0 ? line : "") + " -" + line;
         answers = {{"kep_init", refused < 0 ? 0x102 : 0x101}, {"kep_event_" + what, refused < 6 ? 0 : 2}};
-        EXPECT_EQ(outputOf([&] { EXPECT_TRUE(m_client.initialize()); }), expected + " -  KEP initialization done.\n");
+        EXPECT_EQ(outputOf([&] { EXPECT_TRUE(m_client.initialize()); }),
+                  expected + " -  KEP initialization done.\n");
         attached = attached || refused == 6;
     }
 }
 
-TEST_F(KEPClientTest, LowestBitOrByteDecidesAndOnlyWhatChangesIsWritten) {
-    // Results of reads and of writes. What a failed read leaves must not pass for the value when it is written.
+TEST_F(KEPClientTest, LowestBitOrByteDecidesAndOnlyWhatChangesIsWritten)
+{
+    // Results of reads and of writes. What a failed read leaves must not pass for the value when it is
+    // written.
     for (const auto& [reads, writes] : {std::pair{0, 0}, {2, 0x100}, {0x100, 0}, {1, 1}, {0x103, 2}}) {
         answers = {{"kep_config_get", reads}, {"kep_event_occurred", reads}, {"kep_config_set", writes}};
         const bool done = reads % 2 != 0;
@@ -63,29 +76,34 @@ TEST_F(KEPClientTest, LowestBitOrByteDecidesAndOnlyWhatChangesIsWritten) {
             char text[256], shortText[8], data[] = "data";
             int number = 99;
             bool truth = true;
-            for (const bool result : {m_client.getProperty("p", text), m_client.getProperty("p", shortText, 8),
-                                      m_client.getProperty("p", number), m_client.getProperty("p", truth),
-                                      m_client.notifyEvent("e", 3, data), m_client.setProperty("p", "", false),
-                                      m_client.setProperty("p", 0, false), m_client.setProperty("p", false, true)})
+            for (const bool result :
+                 {m_client.getProperty("p", text), m_client.getProperty("p", shortText, 8),
+                  m_client.getProperty("p", number), m_client.getProperty("p", truth),
+                  m_client.notifyEvent("e", 3, data), m_client.setProperty("p", "", false),
+                  m_client.setProperty("p", 0, false), m_client.setProperty("p", false, true)})
                 std::printf("%d", result);
             std::printf(" %s.%s. %d %d", text, shortText, number, truth);
         };
         EXPECT_EQ(outputOf(use),
-                  "kep_config_get_str_n p 256\nkep_config_get_str_n p 8\n" + log("a value") + "kep_config_get_int p\n" +
-                      log("an int value") + "kep_config_get_bool p\n" + log("an bpol value") +
-                      "kep_event_occurred e dat\n" + (done ? "" : " -KEPClient: notifyEvent failed.\n") +
+                  "kep_config_get_str_n p 256\nkep_config_get_str_n p 8\n" + log("a value") +
+                      "kep_config_get_int p\n" + log("an int value") + "kep_config_get_bool p\n" +
+                      log("an bpol value") + "kep_event_occurred e dat\n" +
+                      (done ? "" : " -KEPClient: notifyEvent failed.\n") +
                       "kep_config_get_str_n p 256\nkep_config_set_str_n p  1\nkep_config_get_int p\n" +
-                      log("an int value") + "kep_config_set_int p 0 0\nkep_config_get_bool p\n" + log("an bpol value") +
-                      "kep_config_set_bool p 0 1\n" + (done ? "11111111 text.text. 7 1" : "00000000 .. 0 0"));
+                      log("an int value") + "kep_config_set_int p 0 0\nkep_config_get_bool p\n" +
+                      log("an bpol value") + "kep_config_set_bool p 0 1\n" +
+                      (done ? "11111111 text.text. 7 1" : "00000000 .. 0 0"));
     }
     EXPECT_FALSE(m_client.setProperty("p", "text", true) || m_client.setProperty("p", 7, true) ||
                  m_client.setProperty("p", true, true));
 }
 
-TEST_F(KEPClientTest, GrowingReadAsksTwiceAtMostAndStaysInsideItsArray) {
+TEST_F(KEPClientTest, GrowingReadAsksTwiceAtMostAndStaysInsideItsArray)
+{
     const std::string missing = " -Property value not found for p\n";
-    const std::string twice = " -The call to kep_config_get for property p returned KEP_ERROR_MAXCNT_SIZE twice "
-                              "even though a new buffer of the specified size was allocated.";
+    const std::string twice =
+        " -The call to kep_config_get for property p returned KEP_ERROR_MAXCNT_SIZE twice "
+        "even though a new buffer of the specified size was allocated.";
     const std::tuple<int, std::deque<std::pair<int, int>>, std::string> cases[] = {
         // room of the array, codes and sizes from the service; log, outcome, size, array. No room: no array.
         {8, {{0, 3}}, "0 3 xx"},
@@ -107,35 +125,45 @@ TEST_F(KEPClientTest, GrowingReadAsksTwiceAtMostAndStaysInsideItsArray) {
         const auto read = [&] {
             try {
                 std::printf("%d", m_client.getProperty("p", &buffer, size));
-            } catch (const char* reason) { std::printf("%s", reason); } catch (const std::bad_alloc& error) {
+            } catch (const char* reason) {
+                std::printf("%s", reason);
+            } catch (const std::bad_alloc& error) {
                 std::printf("%s", error.what());
             }
             std::printf(" %d %s", size, buffer);
         };
         std::string calls = "kep_config_get p " + std::to_string(room) + "\n";
-        if (reads.size() > 1) calls += "kep_config_get p " + std::to_string(std::max(reads[0].second, 1)) + "\n";
+        if (reads.size() > 1)
+            calls += "kep_config_get p " + std::to_string(std::max(reads[0].second, 1)) + "\n";
         EXPECT_EQ(outputOf(read), calls + outcome);
         delete[] buffer;
     }
 }
 
-TEST_F(KEPClientTest, RemoteCallReportsBothSizesAndKeepsTheReceivedSizeOnFailure) {
-    for (const auto& [code, failure] :
-         {std::pair<int, std::string>{0, ""}, {-8, "rpc failure"}, {-2, "buffer too small"}, {3, "unknown errors"}}) {
+TEST_F(KEPClientTest, RemoteCallReportsBothSizesAndKeepsTheReceivedSizeOnFailure)
+{
+    for (const auto& [code, failure] : {std::pair<int, std::string>{0, ""},
+                                        {-8, "rpc failure"},
+                                        {-2, "buffer too small"},
+                                        {3, "unknown errors"}}) {
         answers["kep_function_execute"] = code;
         char request[] = "hi!", reply[16];
         int received = 99;
-        const auto call = [&] { std::printf("%d", m_client.callFunction("f", 2, request, 16, received, reply)); };
-        EXPECT_EQ(outputOf(call), "name: f   size: 2   maxReceiveSize: 16\n -KEPClient: invoking function f\n"
-                                  "kep_function_execute f hi 16\n" +
-                                      (code == 0 ? "" : " -KEPClient: function call failed, " + failure + ".\n") +
-                                      "name: f   size: 5   maxReceiveSize: 16\n" + std::to_string(code));
+        const auto call = [&] {
+            std::printf("%d", m_client.callFunction("f", 2, request, 16, received, reply));
+        };
+        EXPECT_EQ(outputOf(call),
+                  "name: f   size: 2   maxReceiveSize: 16\n -KEPClient: invoking function f\n"
+                  "kep_function_execute f hi 16\n" +
+                      (code == 0 ? "" : " -KEPClient: function call failed, " + failure + ".\n") +
+                      "name: f   size: 5   maxReceiveSize: 16\n" + std::to_string(code));
         EXPECT_EQ(received, code == 0 ? 5 : 99);
         EXPECT_STREQ(reply, "reply");
     }
 }
 
-TEST_F(KEPClientTest, EveryFormOfATextIsPassedAsATextAndARefusedCallbackEndsNothing) {
+TEST_F(KEPClientTest, EveryFormOfATextIsPassedAsATextAndARefusedCallbackEndsNothing)
+{
     answers = {{"kep_function_register", -4}};
     const auto pass = [&](auto&& text) {
         return outputOf([&] {
@@ -147,8 +175,10 @@ TEST_F(KEPClientTest, EveryFormOfATextIsPassedAsATextAndARefusedCallbackEndsNoth
         });
     };
     char array[] = "a text";
-    const std::string refused = "registerCallback() - kep_function_register failed, error code: -4, exiting program\n";
-    for (const std::string& output : {pass("a text"), pass(+"a text"), pass(array), pass(+array)}) // + gives a pointer
+    const std::string refused =
+        "registerCallback() - kep_function_register failed, error code: -4, exiting program\n";
+    for (const std::string& output :
+         {pass("a text"), pass(+"a text"), pass(array), pass(+array)}) // + gives a pointer
         EXPECT_EQ(output, "kep_config_get_str_n p 256\nkep_config_set_str_n p a text 1\n"
                           "kep_event_occurred a text \nkep_function_register a text 0\n" +
                               refused);

@@ -20,7 +20,8 @@
 #include <sys/wait.h>
 
 /// libpam forgets the modules that it has loaded when pam_start fails half-way. What we owe it is counted.
-extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions() {
+extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions()
+{
     return "leak:libpam.so\n";
 }
 
@@ -31,16 +32,18 @@ using Road = std::function<std::string(Faults::Kind kind, int number)>;
 /// What comes of a road on which the call of that name fails, as a regular expression.
 using Outcomes = std::map<std::string, std::string>;
 
-/// Walk a road until each of its calls has failed once, those of @p outcomes among them. A call that isn't named
-/// there, and one that is only interrupted, changes nothing.
-void failEachCall(const std::string& undisturbed, const Outcomes& outcomes, const Road& road) {
+/// Walk a road until each of its calls has failed once, those of @p outcomes among them. A call that isn't
+/// named there, and one that is only interrupted, changes nothing.
+void failEachCall(const std::string& undisturbed, const Outcomes& outcomes, const Road& road)
+{
     EXPECT_EQ(road(Faults::Kind::Failure, -1), undisturbed);
     std::set<std::string> failed;
     for (const Faults::Kind kind : {Faults::Kind::Failure, Faults::Kind::Interruption}) {
         for (int number = 0;; ++number) {
             const int before = openDescriptors();
             const std::string outcome = road(kind, number), name = Faults::failedCall();
-            if (name.empty()) break;
+            if (name.empty())
+                break;
             failed.insert(name);
             SCOPED_TRACE("call " + std::to_string(number) + ", " + name + ": " + outcome);
             EXPECT_EQ(openDescriptors(), before);
@@ -49,15 +52,19 @@ void failEachCall(const std::string& undisturbed, const Outcomes& outcomes, cons
             EXPECT_EQ(Faults::s_transactions, 0);
             EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1); // no child is left
             const auto expected = kind == Faults::Kind::Failure ? outcomes.find(name) : outcomes.end();
-            if (expected == outcomes.end()) EXPECT_EQ(outcome, undisturbed);
-            else EXPECT_TRUE(std::regex_match(outcome, std::regex(expected->second)));
+            if (expected == outcomes.end())
+                EXPECT_EQ(outcome, undisturbed);
+            else
+                EXPECT_TRUE(std::regex_match(outcome, std::regex(expected->second)));
         }
     }
     failed.insert("malloc"); // which new doesn't call under a sanitizer
-    for (const auto& [name, expected] : outcomes) EXPECT_TRUE(failed.contains(name)) << name;
+    for (const auto& [name, expected] : outcomes)
+        EXPECT_TRUE(failed.contains(name)) << name;
 }
 
-std::string logIn(Faults::Kind kind, int number, std::string password) {
+std::string logIn(Faults::Kind kind, int number, std::string password)
+{
     // None of them fits into a string itself.
     std::string service = "a-service-with-a-long-name", user = "a-user-with-a-long-name";
     std::string stranger = "another-user-with-a-long-name";
@@ -71,12 +78,15 @@ std::string logIn(Faults::Kind kind, int number, std::string password) {
         const Faults faults(kind, number);
         helper = new PAMHelper("::ffff:10.20.30.40", "2001:db8:1234:5678:9abc:def0:1234:5678");
         outcome = std::to_string(helper->authenticate(service, user, password, name, value, skip));
-        if (helper->startSession()) outcome += " opened";
+        if (helper->startSession())
+            outcome += " opened";
         helper->setSessionId(AUtil::generateRandomKey());
-        if (PAMHelper::instanceForSessionId(helper->getSessionId()) == helper) outcome += " registered";
+        if (PAMHelper::instanceForSessionId(helper->getSessionId()) == helper)
+            outcome += " registered";
         EXPECT_NE(helper->authenticate(stranger, password, skip), PAM_SUCCESS);
         helper->stopSession();
-    } catch (const std::bad_alloc&) {}
+    } catch (const std::bad_alloc&) {
+    }
     if (helper != nullptr) {
         EXPECT_EQ(helper->m_password, std::string(helper->m_password.size(), '\0'));
         helper->dispose();
@@ -85,29 +95,33 @@ std::string logIn(Faults::Kind kind, int number, std::string password) {
     return outcome;
 }
 
-TEST(FaultsTest, NoFaultLeaksALoginOrLetsAWrongPasswordIn) {
+TEST(FaultsTest, NoFaultLeaksALoginOrLetsAWrongPasswordIn)
+{
     const TempDir dir;
     std::ofstream service(dir.path("a-service-with-a-long-name"));
     for (const char* type : {"auth", "account", "session"})
         service << type << " required " GORV_DEMO_MODULE " accounts=" << dir.path("accounts") << std::endl;
-    std::ofstream(dir.path("accounts")) << "a-user-with-a-long-name:salt$" // "wonderland", as the module stores it
-                                           "8808161c460734fc7bb91a1d1a26e7a2eb75ef0b18ce8538c05218d503e23c36:0:7\n";
+    std::ofstream(dir.path("accounts"))
+        << "a-user-with-a-long-name:salt$" // "wonderland", as the module stores it
+           "8808161c460734fc7bb91a1d1a26e7a2eb75ef0b18ce8538c05218d503e23c36:0:7\n";
     useServiceFilesIn(dir.path().c_str());
     ::dlopen(GORV_DEMO_MODULE, RTLD_NOW); // loading it anew for each walk would take long
     const std::string any = "-1|0 opened|7|(0|0 opened|4|5|7|10|20) registered"; // PAM has much to fail with
     const std::string none = "(0 opened|7) registered";
     const Outcomes outcomes = {{"calloc", any}, {"malloc", any}, {"new", any},   {"open", none},
                                {"read", none},  {"fcntl", any},  {"socket", any}}; // for the audit
-    const std::pair<const char*, const char*> logins[] = {{"wonderland", "0 opened registered"},
-                                                          {"a password that is wrong and long", "7 registered"}};
+    const std::pair<const char*, const char*> logins[] = {
+        {"wonderland", "0 opened registered"}, {"a password that is wrong and long", "7 registered"}};
     for (const auto& [password, outcome] : logins) {
-        failEachCall(outcome, outcomes,
-                     [secret = password](Faults::Kind kind, int number) { return logIn(kind, number, secret); });
+        failEachCall(outcome, outcomes, [secret = password](Faults::Kind kind, int number) {
+            return logIn(kind, number, secret);
+        });
     }
     useServiceFilesIn(nullptr);
 }
 
-TEST(FaultsTest, KeysDifferWithAndWithoutTheDevice) {
+TEST(FaultsTest, KeysDifferWithAndWithoutTheDevice)
+{
     for (const int failing : {-1, 0, 1}) { // no call, its opening, its reading
         std::set<std::string> groups;
         for (int i = 0; i < 50; ++i) {
@@ -121,7 +135,8 @@ TEST(FaultsTest, KeysDifferWithAndWithoutTheDevice) {
     }
 }
 
-TEST(FaultsTest, NoFaultOfAConnectionLosesADescriptorOrMixesUpBytes) {
+TEST(FaultsTest, NoFaultOfAConnectionLosesADescriptorOrMixesUpBytes)
+{
     const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     socklen_t size = sizeof address;
@@ -153,9 +168,12 @@ TEST(FaultsTest, NoFaultOfAConnectionLosesADescriptorOrMixesUpBytes) {
             } catch (const GorvSocketException& failure) {
                 outcome = failure.getMessage();
                 EXPECT_FALSE(socket.isOpen());
-            } catch (const std::bad_alloc&) { outcome = "no memory"; }
+            } catch (const std::bad_alloc&) {
+                outcome = "no memory";
+            }
             outcome += ", state " + std::to_string(socket.getSocketState());
-            if (socket.getSocketState() != ASocket::CONNECTED) outcome += ", " + errors.text();
+            if (socket.getSocketState() != ASocket::CONNECTED)
+                outcome += ", " + errors.text();
         }
         std::string received(64, '\0');
         const ssize_t count = ::recv(peer, received.data(), received.size(), MSG_WAITALL);
@@ -164,18 +182,23 @@ TEST(FaultsTest, NoFaultOfAConnectionLosesADescriptorOrMixesUpBytes) {
         EXPECT_EQ(received, std::string("\0\0\0\1a text.", 11).substr(0, received.size()));
         return outcome + ", " + std::to_string(received.size()) + " arrived";
     };
-    const std::string port = std::to_string(ntohs(address.sin_port)), target = " ip=\"127.0.0.1\" port=" + port + "\n";
+    const std::string port = std::to_string(ntohs(address.sin_port)),
+                      target = " ip=\"127.0.0.1\" port=" + port + "\n";
     const std::string read = "4 read, 14 read, copy ", undisturbed = read + "1, state 1, 11 arrived";
     const std::string noMemory = "no memory, state 1, 0 arrived|no memory, state 0, , 0 arrived";
     failEachCall(
         undisturbed,
-        {{"socket", "Failed to open socket" + target + ", state 4, Failed to open socket\n: Too many.*\n, 0 arrived"},
+        {{"socket",
+          "Failed to open socket" + target + ", state 4, Failed to open socket\n: Too many.*\n, 0 arrived"},
          {"setsockopt", undisturbed},
-         {"malloc", "host info.*\n, state 2, host info not found: Cannot allocate memory\n, 0 arrived|" + noMemory},
+         {"malloc",
+          "host info.*\n, state 2, host info not found: Cannot allocate memory\n, 0 arrived|" + noMemory},
          {"new", noMemory},
-         {"connect", "Unable to connect socket" + target + ", state 2, Unable to.*: Connection refused\n, 0 arrived"},
+         {"connect",
+          "Unable to connect socket" + target + ", state 2, Unable to.*: Connection refused\n, 0 arrived"},
          {"poll", undisturbed},
-         {"recv", "(-1|4) read, -1 read, copy 5, state 5, Socket recv failed: Connection reset.*\n, 0 arrived"},
+         {"recv",
+          "(-1|4) read, -1 read, copy 5, state 5, Socket recv failed: Connection reset.*\n, 0 arrived"},
          {"write", read + "(5, state 5, Socket write failed: Broken pipe\n, [04]|5, state 1, 10) arrived"},
          {"fcntl", read + "5, state 1, 10 arrived"}}, // the copy has no descriptor
         talk);
@@ -184,7 +207,8 @@ TEST(FaultsTest, NoFaultOfAConnectionLosesADescriptorOrMixesUpBytes) {
 
 /// With a pipe at the number of the standard input. The calls of the handler, which the child goes on beside,
 /// have numbers of their own.
-std::string runProgram(Faults::Kind kind, int number, int numberInHandler) {
+std::string runProgram(Faults::Kind kind, int number, int numberInHandler)
+{
     CapturedStream output(stdout), errors(stderr);
     const int input = ::dup(STDIN_FILENO);
     ::close(STDIN_FILENO);
@@ -196,7 +220,8 @@ std::string runProgram(Faults::Kind kind, int number, int numberInHandler) {
         runner.setCommand(command);
         runner.setArgList(args);
         runner.execute();
-    } catch (const std::bad_alloc&) {}
+    } catch (const std::bad_alloc&) {
+    }
     std::string text = "none";
     if (runner.getStdOut() >= 0) {
         text = readFile("/dev/fd/" + std::to_string(runner.getStdOut()));
@@ -205,7 +230,8 @@ std::string runProgram(Faults::Kind kind, int number, int numberInHandler) {
         ::waitid(P_ALL, 0, &child, WEXITED | WNOWAIT);
         const Faults faults(kind, numberInHandler);
         signalHandler(SIGCHLD);
-        if (kind == Faults::Kind::Failure && Faults::failedCall() == "wait") ::waitid(P_ALL, 0, &child, WEXITED);
+        if (kind == Faults::Kind::Failure && Faults::failedCall() == "wait")
+            ::waitid(P_ALL, 0, &child, WEXITED);
     }
     ::dup2(input, STDIN_FILENO);
     ::close(input);
@@ -213,7 +239,8 @@ std::string runProgram(Faults::Kind kind, int number, int numberInHandler) {
     return text + errors.text();
 }
 
-TEST(FaultsTest, NoFaultOfAProgramRunLeavesAPipeOrAChild) {
+TEST(FaultsTest, NoFaultOfAProgramRunLeavesAPipeOrAChild)
+{
     sigset_t childEnded; // the handler is called by hand
     sigemptyset(&childEnded);
     sigaddset(&childEnded, SIGCHLD);
@@ -221,15 +248,16 @@ TEST(FaultsTest, NoFaultOfAProgramRunLeavesAPipeOrAChild) {
     const std::string echo = "/bin/../bin/../bin/../bin/../bin/echo", begun = " SystemExec: " + echo;
     const std::string failure = "SystemExec child: " + echo + ": execl Error!:";
     const std::string report = "(.|\n)*"; // a sanitizer's, on the child
-    failEachCall(echo + "\n",
-                 {{"malloc", "none"},
-                  {"new", "none"},
-                  {"pipe2", "none" + begun + "\n"},
-                  {"fcntl", "none" + begun + "\n"},
-                  {"fork", "none" + begun + " - Fork error. Exiting.\n"},
-                  {"dup2", "(" + failure + ")?SystemExec child: Unable to exec.: Device or resource busy\n" + report},
-                  {"execvp", failure + "SystemExec child: Unable to exec.: No such file or directory\n" + report}},
-                 [](Faults::Kind kind, int number) { return runProgram(kind, number, -1); });
+    failEachCall(
+        echo + "\n",
+        {{"malloc", "none"},
+         {"new", "none"},
+         {"pipe2", "none" + begun + "\n"},
+         {"fcntl", "none" + begun + "\n"},
+         {"fork", "none" + begun + " - Fork error. Exiting.\n"},
+         {"dup2", "(" + failure + ")?SystemExec child: Unable to exec.: Device or resource busy\n" + report},
+         {"execvp", failure + "SystemExec child: Unable to exec.: No such file or directory\n" + report}},
+        [](Faults::Kind kind, int number) { return runProgram(kind, number, -1); });
     failEachCall(echo + "\n", {{"wait", echo + "\n"}},
                  [](Faults::Kind kind, int number) { return runProgram(kind, -1, number); });
 }

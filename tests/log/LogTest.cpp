@@ -14,16 +14,21 @@
 static std::atomic<std::time_t> s_fakeTime = 0; // 0: the real clock
 
 // Takes the place of the C library's clock for the log.
-extern "C" __attribute__((visibility("default"))) std::time_t time(std::time_t* result) noexcept {
+extern "C" __attribute__((visibility("default"))) std::time_t time(std::time_t* result) noexcept
+{
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     const std::time_t seconds = s_fakeTime != 0 ? s_fakeTime.load() : now.tv_sec;
-    if (result != nullptr) *result = seconds;
+    if (result != nullptr)
+        *result = seconds;
     return seconds;
 }
 
 // One buffer for all threads: the log must not call it.
-extern "C" __attribute__((visibility("default"))) std::tm* localtime(const std::time_t*) noexcept { std::abort(); }
+extern "C" __attribute__((visibility("default"))) std::tm* localtime(const std::time_t*) noexcept
+{
+    std::abort();
+}
 
 namespace {
 
@@ -32,12 +37,14 @@ constexpr std::size_t kStampLength = 20;
 
 /// A log into a file, without stamps, in a scratch folder of its own: there "debug.log" lands.
 struct LogTest : testing::Test {
-    LogTest() {
+    LogTest()
+    {
         std::filesystem::current_path(m_dir.path());
         setenv("TZ", "UTC", 1);
         m_log.setShowTimestamp(false);
     }
-    ~LogTest() override {
+    ~LogTest() override
+    {
         s_fakeTime = 0;
         std::filesystem::current_path("/");
         std::fclose(m_file);
@@ -50,7 +57,8 @@ struct LogTest : testing::Test {
     ALog m_log{"box", m_file};
 };
 
-TEST_F(LogTest, LineIsNameHyphenAndMessageAsPrintfFormatsItAtEveryLevel) {
+TEST_F(LogTest, LineIsNameHyphenAndMessageAsPrintfFormatsItAtEveryLevel)
+{
     EXPECT_TRUE(!m_log.getEchoToConsole() && !m_log.getShowTimestamp() && m_log.getEnabled());
     const char* volatile absent = nullptr;
     m_log.print("%d|%i|%u|%x|%s|%%\n", -2147483647 - 1, 0, 4294967295U, 0xBEEFU, "text");
@@ -64,7 +72,8 @@ TEST_F(LogTest, LineIsNameHyphenAndMessageAsPrintfFormatsItAtEveryLevel) {
                          " -open - line\n"); // flushed by print
 }
 
-TEST_F(LogTest, StampFollowsClockAndZoneFromLineToLine) {
+TEST_F(LogTest, StampFollowsClockAndZoneFromLineToLine)
+{
     m_log.setShowTimestamp(true);
     const std::string longName(90, 'N');
     const std::pair<int, std::string> lines[] = {
@@ -94,18 +103,21 @@ TEST_F(LogTest, StampFollowsClockAndZoneFromLineToLine) {
     EXPECT_EQ(written(), expected);
 }
 
-TEST_F(LogTest, LineIsCutAt2047CharactersWithStampAndNameCounted) {
+TEST_F(LogTest, LineIsCutAt2047CharactersWithStampAndNameCounted)
+{
     const std::string longText(3000, 'm');
     for (const std::size_t nameLength : {3U, 2046U, 2500U}) {
         const std::string name(nameLength, 'n');
         ALog log(name.c_str(), nullptr);
         ASSERT_EQ(log.setOutputFile("cut.log"), 0);
         log.print("%s\n", longText.c_str());
-        EXPECT_EQ(readFile("cut.log").substr(kStampLength), (name + " -" + longText).substr(0, 2047 - kStampLength));
+        EXPECT_EQ(readFile("cut.log").substr(kStampLength),
+                  (name + " -" + longText).substr(0, 2047 - kStampLength));
     }
 }
 
-TEST_F(LogTest, SwitchedOffLogWritesNothingAndOpensNothing) {
+TEST_F(LogTest, SwitchedOffLogWritesNothingAndOpensNothing)
+{
     ALog log("off");
     EXPECT_TRUE(!log.getEnabled() && log.getShowTimestamp());
     log.print("x\n");
@@ -115,7 +127,8 @@ TEST_F(LogTest, SwitchedOffLogWritesNothingAndOpensNothing) {
     EXPECT_EQ(readFile("debug.log").substr(kStampLength), "off -y\n");
 }
 
-TEST_F(LogTest, OpenFailuresDropTheLineAndTheNextLineTriesAgain) {
+TEST_F(LogTest, OpenFailuresDropTheLineAndTheNextLineTriesAgain)
+{
     EXPECT_EQ(m_log.setOutputFile("missing/own.log"), -1);
     std::filesystem::create_directory("debug.log"); // can't be opened for writing
     m_log.print("dropped\n");
@@ -129,7 +142,8 @@ TEST_F(LogTest, OpenFailuresDropTheLineAndTheNextLineTriesAgain) {
     EXPECT_EQ(m_log.setOutputFile(nullptr), -1);
 }
 
-TEST_F(LogTest, MovingTheFileEachNightLeaksNoDescriptorAndLosesNoLine) {
+TEST_F(LogTest, MovingTheFileEachNightLeaksNoDescriptorAndLosesNoLine)
+{
     ASSERT_EQ(m_log.setOutputFile("night.log"), 0);
     std::fputs("still the caller's\n", m_file); // not closed by the move
     std::fflush(m_file);
@@ -150,7 +164,8 @@ TEST_F(LogTest, MovingTheFileEachNightLeaksNoDescriptorAndLosesNoLine) {
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST_F(LogTest, EchoedLineAlsoReachesStandardOutputAndAFullDiskStopsNothing) {
+TEST_F(LogTest, EchoedLineAlsoReachesStandardOutputAndAFullDiskStopsNothing)
+{
     CapturedStream output(stdout);
     m_log.setEchoToConsole(true);
     m_log.print("100%% %s\n", "%d");
@@ -159,12 +174,14 @@ TEST_F(LogTest, EchoedLineAlsoReachesStandardOutputAndAFullDiskStopsNothing) {
     m_log.flush();
     EXPECT_TRUE(output.arrived().ends_with("more "));
     EXPECT_EQ(m_log.setOutputFile("/dev/full"), 0);
-    for (const char* line : {"lost\n", "lost again\n"}) m_log.print("%s", line);
+    for (const char* line : {"lost\n", "lost again\n"})
+        m_log.print("%s", line);
     EXPECT_EQ(output.text(), "box -100% %d\nmore box -lost\nbox -lost again\n");
     EXPECT_EQ(written(), "box -100% %d\n");
 }
 
-TEST_F(LogTest, LinesOfManyThreadsAndTwoLogsStayWhole) {
+TEST_F(LogTest, LinesOfManyThreadsAndTwoLogsStayWhole)
+{
     constexpr int kThreads = 8, kLines = 200;
     ALog second("two", nullptr);
     std::vector<std::thread> threads;
@@ -176,7 +193,8 @@ TEST_F(LogTest, LinesOfManyThreadsAndTwoLogsStayWhole) {
                 log.print("thread %d line %d\n", t, i);
             }
         });
-    for (auto& thread : threads) thread.join();
+    for (auto& thread : threads)
+        thread.join();
     const std::string lines = written() + readFile("debug.log");
     const std::regex whole(R"(\d\d/[ \d]\d/\d{4} \d\d:\d\d:\d\d (box|two) -thread \d line \d+\n)");
     EXPECT_EQ(std::regex_replace(lines, whole, ""), "");
@@ -185,7 +203,8 @@ TEST_F(LogTest, LinesOfManyThreadsAndTwoLogsStayWhole) {
 
 struct ComponentLogTest : LogTest {};
 
-void useEveryOperation(AComponentLog& log) {
+void useEveryOperation(AComponentLog& log)
+{
     log.print("m %d\n", 1);
     log.print(AComponentLog::ERROR, "m %d\n", 1);
     log.logInfo("m %d\n", 1);
@@ -197,7 +216,8 @@ void useEveryOperation(AComponentLog& log) {
     log.vprint(AComponentLog::TRACE, "m 1\n", none);
 }
 
-TEST_F(ComponentLogTest, OperationsWriteTheBaseLogsLineUnlessThereIsNoneOrTheyAreSwitchedOff) {
+TEST_F(ComponentLogTest, OperationsWriteTheBaseLogsLineUnlessThereIsNoneOrTheyAreSwitchedOff)
+{
     AComponentLog component(nullptr), other("other", m_log);
     useEveryOperation(component);
     component.flush();
@@ -215,11 +235,13 @@ TEST_F(ComponentLogTest, OperationsWriteTheBaseLogsLineUnlessThereIsNoneOrTheyAr
     EXPECT_EQ(written(), ""); // left in the buffer
     component.flush();
     std::string expected = "box -buffered\n";
-    for (int i = 0; i < 8; ++i) expected += "box -m 1\n";
+    for (int i = 0; i < 8; ++i)
+        expected += "box -m 1\n";
     EXPECT_EQ(written(), expected);
 }
 
-TEST_F(ComponentLogTest, BaseLogIsHandedDownToWhatIsStillListed) {
+TEST_F(ComponentLogTest, BaseLogIsHandedDownToWhatIsStillListed)
+{
     ALog other("other", m_file);
     AComponentLog root("root"), child("child", other), grandchild("grandchild");
     root.removeChildLog(child); // not listed yet
@@ -237,7 +259,8 @@ TEST_F(ComponentLogTest, BaseLogIsHandedDownToWhatIsStillListed) {
     EXPECT_EQ(child.getBaseLog(), &m_log);
 }
 
-TEST_F(ComponentLogTest, ChildThatWouldCloseACycleIsRefused) {
+TEST_F(ComponentLogTest, ChildThatWouldCloseACycleIsRefused)
+{
     AComponentLog top("top"), middle("middle"), bottom("bottom");
     top.addChildLog(middle);
     middle.addChildLog(bottom);

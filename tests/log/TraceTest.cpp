@@ -10,7 +10,8 @@
 static timeval s_now = {1700000000, 123456};
 
 // The library's clock.
-extern "C" __attribute__((visibility("default"))) int gettimeofday(timeval* now, void*) noexcept {
+extern "C" __attribute__((visibility("default"))) int gettimeofday(timeval* now, void*) noexcept
+{
     *now = s_now;
     return 0;
 }
@@ -29,7 +30,8 @@ struct TraceTest : testing::Test {
     ATrace m_trace;
 };
 
-TEST_F(TraceTest, LinesAreFilteredAndStampedInLocalTime) {
+TEST_F(TraceTest, LinesAreFilteredAndStampedInLocalTime)
+{
     CapturedStream console(stdout);
     m_trace.Init(3, nullptr);
     EXPECT_EQ(console.text(), "Trace File Name Missing\n");
@@ -41,18 +43,22 @@ TEST_F(TraceTest, LinesAreFilteredAndStampedInLocalTime) {
         for (int level = -4; level <= 5; ++level) {
             m_trace.TraceLog(level, "%i of %s\n", level, "many");
             m_trace.TraceLog(level, plain, level, "all");
-            if (level > threshold && level != 0) continue;
-            for (const char* form : {" of many\n", " of all\n"}) expected += kStamp + std::to_string(level) + form;
+            if (level > threshold && level != 0)
+                continue;
+            for (const char* form : {" of many\n", " of all\n"})
+                expected += kStamp + std::to_string(level) + form;
         }
     }
     for (const int microseconds : {999999, 500, 123456}) {
         s_now.tv_usec = microseconds;
         m_trace.TraceLog(0, "\n");
     }
-    EXPECT_EQ(readFile(m_path), expected + "2023/11/15 03:43:20_999 \n2023/11/15 03:43:20_000 \n" + kStamp + "\n");
+    EXPECT_EQ(readFile(m_path),
+              expected + "2023/11/15 03:43:20_999 \n2023/11/15 03:43:20_000 \n" + kStamp + "\n");
 }
 
-TEST_F(TraceTest, FileIsEmptiedAtTheFirstOpeningOfAnObjectOnly) {
+TEST_F(TraceTest, FileIsEmptiedAtTheFirstOpeningOfAnObjectOnly)
+{
     std::ofstream(m_path) << "old\n";
     std::ofstream(m_other) << "kept\n";
     m_trace.Init(3, std::string(m_path).data());
@@ -68,7 +74,8 @@ TEST_F(TraceTest, FileIsEmptiedAtTheFirstOpeningOfAnObjectOnly) {
     EXPECT_EQ(readFile(m_other), "kept\n" + kStamp + "last\n");
 }
 
-TEST_F(TraceTest, LinesThatCannotBeWrittenAreDropped) {
+TEST_F(TraceTest, LinesThatCannotBeWrittenAreDropped)
+{
     m_trace.Init(0, "/dev/full");
     m_trace.TraceLog(0, "%010000i\n", 1);
     m_trace.Close();
@@ -81,23 +88,28 @@ TEST_F(TraceTest, LinesThatCannotBeWrittenAreDropped) {
     EXPECT_EQ(readFile(m_other + "/trace"), "kept\n" + kStamp + "written\n");
 }
 
-TEST_F(TraceTest, LinesStayWholeWhileAnotherThreadClosesAndInitialisesAndFlushesAllStreams) {
+TEST_F(TraceTest, LinesStayWholeWhileAnotherThreadClosesAndInitialisesAndFlushesAllStreams)
+{
     m_trace.Init(1, m_path.c_str());
     std::vector<std::thread> threads;
     threads.emplace_back([] {
-        for (int i = 0; i < 20000; ++i) std::fflush(nullptr);
+        for (int i = 0; i < 20000; ++i)
+            std::fflush(nullptr);
     });
     for (int i = 0; i < 8; ++i)
         threads.emplace_back([this] {
-            for (int line = 0; line < 500; ++line) m_trace.TraceLog(1, "%s line\n", "whole");
+            for (int line = 0; line < 500; ++line)
+                m_trace.TraceLog(1, "%s line\n", "whole");
         });
     for (int round = 0; round < 200; ++round) {
         m_trace.Close();
         m_trace.Init(1, (round % 2 == 0 ? m_other : m_path).c_str());
     }
-    for (std::thread& thread : threads) thread.join();
+    for (std::thread& thread : threads)
+        thread.join();
     std::string expected;
-    for (int line = 0; line < 8 * 500; ++line) expected += kStamp + "whole line\n";
+    for (int line = 0; line < 8 * 500; ++line)
+        expected += kStamp + "whole line\n";
     EXPECT_EQ(readFile(m_path) + readFile(m_other), expected);
 }
 

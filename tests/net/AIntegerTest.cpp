@@ -5,19 +5,24 @@
 
 #include <climits>
 
-TEST(AInteger, ReadsTheNumberThatATextBeginsWithOrHandsTheTextOverAsData) {
+TEST(AInteger, ReadsTheNumberThatATextBeginsWithOrHandsTheTextOverAsData)
+{
     std::string numbers;
-    for (const char* text : {"\t\n\v\f\r +058", "-0B1012", "0XaFz", "0x", "08", "-2147483649", "9223372036854775808"})
+    for (const char* text :
+         {"\t\n\v\f\r +058", "-0B1012", "0XaFz", "0x", "08", "-2147483649", "9223372036854775808"})
         numbers += std::to_string(AInteger::parseInt(text)) + " ";
     EXPECT_EQ(numbers, "5 -5 175 0 0 2147483647 -1 "); // beyond 64 bits: the low half of the limit
     for (const char* text : {"", "- 1", "+-1", "x12", "%s%n", "\xa0\x31"}) {
         try {
             ADD_FAILURE() << text << " is " << AInteger::parseInt(text);
-        } catch (const NumberFormatException& failure) { EXPECT_EQ(failure.getMessage(), text); }
+        } catch (const NumberFormatException& failure) {
+            EXPECT_EQ(failure.getMessage(), text);
+        }
     }
 }
 
-TEST(AInteger, FormatsDecimalAndPacksTheMostSignificantByteFirst) {
+TEST(AInteger, FormatsDecimalAndPacksTheMostSignificantByteFirst)
+{
     EXPECT_EQ(AInteger(7).toString() + AInteger::toString(AInteger(INT_MIN).getValue()), "7-2147483648");
     unsigned char data[] = "------------";
     AInteger::encodeInt(data, 0, -2);

@@ -21,7 +21,8 @@ namespace {
 
 /// All that @p call tells: standard output, then standard error, where the sockets of this test log as well.
 /// Of the operation and source line that begin a message the operation stays.
-std::string told(const std::function<void()>& call) {
+std::string told(const std::function<void()>& call)
+{
     CapturedStream output(stdout);
     CapturedStream error(stderr);
     call();
@@ -31,7 +32,8 @@ std::string told(const std::function<void()>& call) {
 
 /// What the receiving @p operation tells after its result, the value and the state that it leaves.
 template <typename Value>
-std::string toldBy(ASocket& socket, int (ASocket::*operation)(Value&, unsigned int), unsigned int timeout) {
+std::string toldBy(ASocket& socket, int (ASocket::*operation)(Value&, unsigned int), unsigned int timeout)
+{
     return told([&] {
         Value value = 77;
         const int result = (socket.*operation)(value, timeout);
@@ -40,23 +42,27 @@ std::string toldBy(ASocket& socket, int (ASocket::*operation)(Value&, unsigned i
 }
 
 /// Whether @p text is @p pattern, in which "*" stands for anything.
-bool matches(const std::string& text, const std::string& pattern) {
+bool matches(const std::string& text, const std::string& pattern)
+{
     return ::fnmatch(pattern.c_str(), text.c_str(), 0) == 0;
 }
 
-void limitDescriptors(rlim_t count) {
+void limitDescriptors(rlim_t count)
+{
     const rlimit limit{count, 4096};
     ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-/// A logging socket on one end of a connection and a raw descriptor, the peer, on the other; the process closes what is
-/// left.
+/// A logging socket on one end of a connection and a raw descriptor, the peer, on the other; the process
+/// closes what is left.
 struct Link {
-    Link() {
+    Link()
+    {
         log.setShowTimestamp(false);
         socket.setLog(log);
     }
-    int connect() {
+    int connect()
+    {
         socklen_t size = sizeof address;
         auto* generic = reinterpret_cast<sockaddr*>(&address);
         ::bind(listener, generic, size);
@@ -76,24 +82,27 @@ struct Link {
     ASocket socket{end, address};
 };
 
-TEST(ASocket, ConnectingTellsItsProgressOrThrowsWhatItPrinted) {
+TEST(ASocket, ConnectingTellsItsProgressOrThrowsWhatItPrinted)
+{
     const Link link;
     const int port = link.port() + 65536; // the low 16 bits count
     const std::string target = " ip=\"127.0.0.2\" port=" + std::to_string(port) + "\n";
     const std::string begun = "ASocket in constructor:" + target + "createIPSocket" + target;
     EXPECT_EQ(told([&] { ASocket("127.0.0.2", port, true); }), begun);
-    EXPECT_EQ(told([&] { ASocket("127.0.0.2", port); }),
-              begun + "createIPSocket:       connecting...\ncreateIPSocket  Successful connection to 127.0.0.2\n");
+    EXPECT_EQ(
+        told([&] { ASocket("127.0.0.2", port); }),
+        begun + "createIPSocket:       connecting...\ncreateIPSocket  Successful connection to 127.0.0.2\n");
     ASocket quiet;
     quiet.setSilent(true);
     EXPECT_EQ(told([&] { quiet.createIPSocket("127.0.0.2", port); }), "createIPSocket" + target);
     const std::string name(300, 'x'), message = ("host info not found ip=\"" + name).substr(0, 255);
     EXPECT_PRED2(matches, told([&] { EXPECT_THROW(ASocket(name.c_str(), port), GorvSocketException); }),
-                 "*connecting...\ncreateIPSocket " + message + "\ncreateIPSocket Exception with message: " + message +
-                     ".\nhost info not found: *");
+                 "*connecting...\ncreateIPSocket " + message +
+                     "\ncreateIPSocket Exception with message: " + message + ".\nhost info not found: *");
 }
 
-TEST(ASocket, EachCopyClosesADescriptorOfItsOwnAndConnectingAgainLosesNone) {
+TEST(ASocket, EachCopyClosesADescriptorOfItsOwnAndConnectingAgainLosesNone)
+{
     Link link;
     const int before = openDescriptors();
     {
@@ -109,7 +118,8 @@ TEST(ASocket, EachCopyClosesADescriptorOfItsOwnAndConnectingAgainLosesNone) {
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST(ASocket, SpeaksTheWireFormatAndLogsEveryStep) {
+TEST(ASocket, SpeaksTheWireFormatAndLogsEveryStep)
+{
     Link link;
     ASocket& socket = link.socket;
     link.send("\0\0\1\0\377\376\376\3\1\2"s);
@@ -149,12 +159,14 @@ TEST(ASocket, SpeaksTheWireFormatAndLogsEveryStep) {
               "\xff\xff\xff\xfe\x23\x45\xfe%s");
 }
 
-TEST(ASocket, PeerThatClosesInAFrameIsToldAndNothingPassesAfterwards) {
+TEST(ASocket, PeerThatClosesInAFrameIsToldAndNothingPassesAfterwards)
+{
     Link link;
     link.send("123");
     ::close(link.peer);
     EXPECT_PRED2(matches, toldBy(link.socket, &ASocket::readInt, 1),
-                 "0 77 3 *socket_read Connection closed by peer.readInt: failed count = 0\nreadInt: read value = 77\n");
+                 "0 77 3 *socket_read Connection closed by peer.readInt: failed count = 0\nreadInt: read "
+                 "value = 77\n");
     EXPECT_EQ(toldBy(link.socket, &ASocket::readShort, 1),
               "-1 77 3 readShort: timeout = 1\nreadFully m_socketState=<3> offset=<0> len=<2> timeout=<1>\n"
               "readShort: failed count = -1\nreadShort: read value = 77\n");
@@ -167,14 +179,16 @@ TEST(ASocket, PeerThatClosesInAFrameIsToldAndNothingPassesAfterwards) {
 }
 
 /// Let a signal, which @p handler takes, interrupt what the process waits in every 20 ms.
-void interruptWith(void (*handler)(int)) {
+void interruptWith(void (*handler)(int))
+{
     struct sigaction action {};
     action.sa_handler = handler;
     ::sigaction(SIGALRM, &action, nullptr);
     ::ualarm(20'000, 20'000);
 }
 
-TEST(ASocket, TimeOutComesNoSoonerThanAskedInSpiteOfSignalsAndOfADescriptorAbove1024) {
+TEST(ASocket, TimeOutComesNoSoonerThanAskedInSpiteOfSignalsAndOfADescriptorAbove1024)
+{
     limitDescriptors(4096);
     Link link;
     ASocket high(::fcntl(link.end, F_DUPFD_CLOEXEC, 2000), link.address);
@@ -187,19 +201,22 @@ TEST(ASocket, TimeOutComesNoSoonerThanAskedInSpiteOfSignalsAndOfADescriptorAbove
     s_peer = link.peer;
     link.send("\0\1"s);
     interruptWith([](int) {
-        if (++s_signals % 20 == 0) ::send(s_peer, "\2\3", 2, 0);
+        if (++s_signals % 20 == 0)
+            ::send(s_peer, "\2\3", 2, 0);
     });
     const std::string complaint = "Select failed: Interrupted system call\nsocket_read Select failed\n";
     EXPECT_PRED2(matches, toldBy(high, &ASocket::readInt, 1U << 29), // in milliseconds, 32 bits of it are 0
-                 "4 66051 1 *read returned 2, 2 bytes*len=<2>*" + complaint + complaint + complaint + complaint +
-                     "*read returned 2, 4 bytes have been read.\n*");
+                 "4 66051 1 *read returned 2, 2 bytes*len=<2>*" + complaint + complaint + complaint +
+                     complaint + "*read returned 2, 4 bytes have been read.\n*");
     ::ualarm(0, 0);
 }
 
-TEST(ASocket, SendsAllOf64MebibytesInSpiteOfSignals) {
+TEST(ASocket, SendsAllOf64MebibytesInSpiteOfSignals)
+{
     Link link;
     std::vector<unsigned char> sent(std::size_t{64} << 20), received(sent.size());
-    for (std::size_t i = 0; i < sent.size(); ++i) sent[i] = static_cast<unsigned char>(i * 2654435761U >> 24);
+    for (std::size_t i = 0; i < sent.size(); ++i)
+        sent[i] = static_cast<unsigned char>(i * 2654435761U >> 24);
     std::thread reader([&] {
         sigset_t all;
         sigfillset(&all);
@@ -209,7 +226,8 @@ TEST(ASocket, SendsAllOf64MebibytesInSpiteOfSignals) {
     });
     static int s_signalsLeft = 10; // more of them could hold an emulator up for ever
     interruptWith([](int) {
-        if (--s_signalsLeft == 0) ::ualarm(0, 0);
+        if (--s_signalsLeft == 0)
+            ::ualarm(0, 0);
     });
     told([&] { link.socket.write(sent.data(), static_cast<int>(sent.size())); });
     ::ualarm(0, 0);
@@ -218,11 +236,13 @@ TEST(ASocket, SendsAllOf64MebibytesInSpiteOfSignals) {
     EXPECT_TRUE(received == sent);
 }
 
-TEST(ASocket, OperationThatFailsGivesUpWithIoError) {
+TEST(ASocket, OperationThatFailsGivesUpWithIoError)
+{
     Link link;
     const std::string badWait = "Select failed: Invalid argument\nsocket_read Select failed\n";
     const std::string badDescriptor = "*>\nSelect failed: Bad file descriptor\nsocket_read Select failed\n";
-    const std::string badLength = "*Socket recv failed: Invalid argument\nsocket_read Socket recv failed count=<-1>\n";
+    const std::string badLength =
+        "*Socket recv failed: Invalid argument\nsocket_read Socket recv failed count=<-1>\n";
     const auto receiveWithoutDescriptors = [](ASocket& socket) {
         limitDescriptors(0);
         socket.socket_read(nullptr, 1, 0, 5);
@@ -233,7 +253,8 @@ TEST(ASocket, OperationThatFailsGivesUpWithIoError) {
         {999, [](auto& s) { s.socket_read(nullptr, 1, 0, ~0U); }, badDescriptor},
         {::dup(0), receiveWithoutDescriptors, "*>\n" + badWait + badWait + badWait + badWait},
         {::dup(0), [](auto& s) { s.socket_read(nullptr, -1, 0, 0); }, badLength},
-        {::dup(0), [](auto& s) { s.write(nullptr, -1); }, "*( 0, -1 )\nSocket write failed: Invalid argument\n"}};
+        {::dup(0), [](auto& s) { s.write(nullptr, -1); },
+         "*( 0, -1 )\nSocket write failed: Invalid argument\n"}};
     for (const auto& [descriptor, operation, expected] : rows) {
         ASocket socket(descriptor, link.address);
         socket.setLog(link.log);
@@ -249,18 +270,20 @@ public:
     int readFully(unsigned char*, int, int len, unsigned int) override { return len; }
 };
 
-TEST(ASocket, OverridesReachTheInnerCalls) {
+TEST(ASocket, OverridesReachTheInnerCalls)
+{
     Overriding socket;
-    EXPECT_PRED2(matches,
-                 toldBy(socket, &ASocket::readInt, 5) + toldBy(socket, &ASocket::readShort, 5) +
-                     toldBy(socket, &ASocket::readByte, 5) + told([&] {
-                         static_cast<AOutputStream&>(socket).writeInt(1);
-                         socket.writeShort(1);
-                         socket << "abc";
-                         EXPECT_THROW(socket.createIPSocket(nullptr, 1), GorvSocketException);
-                     }),
-                 "4 0 0 2 0 0 1 77 0 write 4 write 2 write 3 *createIPSocket host info not found ip=\"(null)\"\n\n"
-                 "close host info not found: Invalid argument\n");
+    EXPECT_PRED2(
+        matches,
+        toldBy(socket, &ASocket::readInt, 5) + toldBy(socket, &ASocket::readShort, 5) +
+            toldBy(socket, &ASocket::readByte, 5) + told([&] {
+                static_cast<AOutputStream&>(socket).writeInt(1);
+                socket.writeShort(1);
+                socket << "abc";
+                EXPECT_THROW(socket.createIPSocket(nullptr, 1), GorvSocketException);
+            }),
+        "4 0 0 2 0 0 1 77 0 write 4 write 2 write 3 *createIPSocket host info not found ip=\"(null)\"\n\n"
+        "close host info not found: Invalid argument\n");
 }
 
 } // namespace

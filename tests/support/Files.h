@@ -12,11 +12,13 @@
 /// A scratch folder that is removed with all it holds.
 class TempDir {
 public:
-    TempDir() {
+    TempDir()
+    {
         std::string pattern = (std::filesystem::temp_directory_path() / "gorvUtil.XXXXXX").string();
         m_path = ::mkdtemp(pattern.data());
     }
-    ~TempDir() {
+    ~TempDir()
+    {
         std::error_code ignored;
         std::filesystem::remove_all(m_path, ignored);
     }
@@ -30,7 +32,8 @@ private:
     std::filesystem::path m_path;
 };
 
-inline std::string readFile(const std::string& path) {
+inline std::string readFile(const std::string& path)
+{
     std::ifstream stream(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(stream), {}};
 }
@@ -38,11 +41,14 @@ inline std::string readFile(const std::string& path) {
 /// Redirects a standard stream of the process into a file for one scope.
 class CapturedStream {
 public:
-    explicit CapturedStream(FILE* stream) : m_stream(stream), m_file(std::tmpfile()), m_saved(::dup(::fileno(stream))) {
+    explicit CapturedStream(FILE* stream)
+        : m_stream(stream), m_file(std::tmpfile()), m_saved(::dup(::fileno(stream)))
+    {
         std::fflush(m_stream);
         ::dup2(::fileno(m_file), ::fileno(m_stream));
     }
-    ~CapturedStream() {
+    ~CapturedStream()
+    {
         restore();
         std::fclose(m_file);
     }
@@ -52,14 +58,17 @@ public:
     /// What has left the stream's buffer so far.
     std::string arrived() const { return readFile("/proc/self/fd/" + std::to_string(::fileno(m_file))); }
     /// End the redirection and return all that was written.
-    std::string text() {
+    std::string text()
+    {
         restore();
         return arrived();
     }
 
 private:
-    void restore() {
-        if (m_saved < 0) return;
+    void restore()
+    {
+        if (m_saved < 0)
+            return;
         std::fflush(m_stream);
         ::dup2(m_saved, ::fileno(m_stream));
         ::close(std::exchange(m_saved, -1));
@@ -71,6 +80,7 @@ private:
 };
 
 /// How many descriptors this process has open.
-inline int openDescriptors() {
+inline int openDescriptors()
+{
     return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
 }

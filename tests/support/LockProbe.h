@@ -12,10 +12,14 @@ public:
         : m_locked(std::async(std::launch::async, [&monitor] {
               monitor.fastLock();
               monitor.releaseLock();
-          })) {}
+          }))
+    {}
 
     bool gotIt() const { return m_locked.wait_for(std::chrono::seconds(20)) == std::future_status::ready; }
-    bool isKeptOut() const { return m_locked.wait_for(std::chrono::milliseconds(50)) == std::future_status::timeout; }
+    bool isKeptOut() const
+    {
+        return m_locked.wait_for(std::chrono::milliseconds(50)) == std::future_status::timeout;
+    }
 
 private:
     std::future<void> m_locked; // is waited for in the end

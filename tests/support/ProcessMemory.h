@@ -22,7 +22,8 @@ public:
         explicit Secret(std::string_view text) : m_scrambled(scrambled(text)) {}
         std::string text() const { return scrambled(m_scrambled); }
         /// Looks for the second half: freed memory may have lost the first bytes.
-        bool isIn(const void* block, std::size_t size) const {
+        bool isIn(const void* block, std::size_t size) const
+        {
             const char *const begin = static_cast<const char*>(block), *const end = begin + size;
             const auto half = m_scrambled.begin() + static_cast<std::ptrdiff_t>(m_scrambled.size() / 2);
             const auto matches = [](char byte, char scrambled) { return (byte ^ kMask) == scrambled; };
@@ -32,15 +33,18 @@ public:
     private:
         static constexpr char kMask = 0x15;
         /// A scrambled text scrambled again is plain.
-        static std::string scrambled(std::string_view text) {
+        static std::string scrambled(std::string_view text)
+        {
             std::string result(text);
-            for (char& byte : result) byte = static_cast<char>(byte ^ kMask);
+            for (char& byte : result)
+                byte = static_cast<char>(byte ^ kMask);
             return result;
         }
         std::string m_scrambled;
     };
 
-    static constexpr bool canBeSearched() {
+    static constexpr bool canBeSearched()
+    {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
         return false;
 #else
@@ -48,7 +52,8 @@ public:
 #endif
     }
 
-    static bool holds(const Secret& secret, const std::string& process = "self") {
+    static bool holds(const Secret& secret, const std::string& process = "self")
+    {
         std::ifstream maps("/proc/" + process + "/maps");
         const int memory = ::open(("/proc/" + process + "/mem").c_str(), O_RDONLY | O_CLOEXEC);
         bool found = false;
@@ -56,7 +61,8 @@ public:
             std::uintptr_t begin = 0, end = 0;
             char access[5] = {};
             std::sscanf(line.c_str(), "%" SCNxPTR "-%" SCNxPTR " %4s", &begin, &end, access);
-            if (access[1] != 'w') continue;
+            if (access[1] != 'w')
+                continue;
             std::vector<char> bytes(end - begin);
             const ssize_t count = ::pread(memory, bytes.data(), bytes.size(), static_cast<off_t>(begin));
             EXPECT_GT(count, 0) << "what can't be read can't be searched";

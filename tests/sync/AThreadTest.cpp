@@ -7,26 +7,34 @@
 static bool s_creationFails = false;
 
 // The library's call ends here.
-extern "C" __attribute__((visibility("default"))) int
-pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*), void* object) noexcept {
-    static const auto s_create = reinterpret_cast<decltype(&pthread_create)>(::dlsym(RTLD_NEXT, "pthread_create"));
+extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* thread,
+                                                                     const pthread_attr_t* attributes,
+                                                                     void* (*body)(void*),
+                                                                     void* object) noexcept
+{
+    static const auto s_create =
+        reinterpret_cast<decltype(&pthread_create)>(::dlsym(RTLD_NEXT, "pthread_create"));
     *thread = 1; // a failed creation may leave anything
     return s_creationFails ? EAGAIN : s_create(thread, attributes, body, object);
 }
 
 struct Counter : AThread {
-    void run() override {
-        for (m_id = getThreadID(); !__atomic_load_n(&m_stopRequested, __ATOMIC_ACQUIRE);) ++m_rounds;
+    void run() override
+    {
+        for (m_id = getThreadID(); !__atomic_load_n(&m_stopRequested, __ATOMIC_ACQUIRE);)
+            ++m_rounds;
     }
     std::atomic<std::int64_t> m_id = 0, m_rounds = 0;
 };
 
-TEST(AThreadTest, BodyRunsUntilItIsAskedToStopAndJoinNeverWaitsForMore) {
+TEST(AThreadTest, BodyRunsUntilItIsAskedToStopAndJoinNeverWaitsForMore)
+{
     Counter thread, next, refused;
     thread.join(); // not started
     EXPECT_FALSE(thread.isRunning());
     thread.start();
-    while (thread.m_rounds == 0) EXPECT_TRUE(thread.isRunning());
+    while (thread.m_rounds == 0)
+        EXPECT_TRUE(thread.isRunning());
     thread.stopThread();
     thread.join();
     next.start();

@@ -10,7 +10,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(MonitorTest, FirstMonitorOfAProgramFollowsTheTwoOfTheLibrary) {
+TEST(MonitorTest, FirstMonitorOfAProgramFollowsTheTwoOfTheLibrary)
+{
     EXPECT_EQ(NextMonitorId, 3);
     const Monitor first;
     EXPECT_EQ(NextMonitorId, 4);
@@ -18,7 +19,8 @@ TEST(MonitorTest, FirstMonitorOfAProgramFollowsTheTwoOfTheLibrary) {
     EXPECT_EQ(NextMonitorId, 5);
 }
 
-TEST(MonitorTest, LockIsFreeOnlyAfterAsManyReleasesAsLocksAndAGuardReleasesOnce) {
+TEST(MonitorTest, LockIsFreeOnlyAfterAsManyReleasesAsLocksAndAGuardReleasesOnce)
+{
     Monitor monitor, other;
     monitor.fastLock();
     monitor.fastLock();
@@ -26,7 +28,9 @@ TEST(MonitorTest, LockIsFreeOnlyAfterAsManyReleasesAsLocksAndAGuardReleasesOnce)
         MonitorLock byCall = monitor.acquireLock();
         byCall.releaseLock();
     } // must not release the level below it
-    { const MonitorLock byScope = monitor.acquireLock(); }
+    {
+        const MonitorLock byScope = monitor.acquireLock();
+    }
     monitor.acquireLock(); // a dropped guard holds nothing
     const LockProbe probe(monitor);
     EXPECT_TRUE(probe.isKeptOut());
@@ -43,7 +47,8 @@ TEST(MonitorTest, LockIsFreeOnlyAfterAsManyReleasesAsLocksAndAGuardReleasesOnce)
     EXPECT_TRUE(probe.gotIt());
 }
 
-TEST(MonitorTest, NotifyWakesOneWaiterAndATimedWaitEndsEarlyOrAtItsLimit) {
+TEST(MonitorTest, NotifyWakesOneWaiterAndATimedWaitEndsEarlyOrAtItsLimit)
+{
     constexpr int kWaiters = 3;
     Monitor monitor;
     int waiting = 0;
@@ -53,19 +58,23 @@ TEST(MonitorTest, NotifyWakesOneWaiterAndATimedWaitEndsEarlyOrAtItsLimit) {
         threads.emplace_back([&, timed = i == 0] {
             const MonitorLock lock = monitor.acquireLock();
             ++waiting;
-            if (timed) monitor.wait(3'600'000);
-            else monitor.wait();
+            if (timed)
+                monitor.wait(3'600'000);
+            else
+                monitor.wait();
             ++returned;
         });
     }
     {
         const MonitorLock lock = monitor.acquireLock();
-        do monitor.wait(10); // lets the others in
+        do
+            monitor.wait(10); // lets the others in
         while (waiting < kWaiters);
     }
     for (int round = 1; round <= kWaiters; ++round) {
         monitor.notify();
-        while (returned < round) std::this_thread::sleep_for(1ms);
+        while (returned < round)
+            std::this_thread::sleep_for(1ms);
         std::this_thread::sleep_for(20ms); // a second thread that was woken would have returned too
         EXPECT_EQ(returned, round);
     }

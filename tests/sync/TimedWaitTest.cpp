@@ -10,20 +10,23 @@ static timeval s_now{};
 static timespec s_deadline{};
 
 // The system's wait and clock, as the monitor sees them.
-extern "C" __attribute__((visibility("default"))) int pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*,
-                                                                             const timespec* deadline) {
+extern "C" __attribute__((visibility("default"))) int
+pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*, const timespec* deadline)
+{
     s_deadline = *deadline;
     return s_result;
 }
 
-extern "C" __attribute__((visibility("default"))) int gettimeofday(timeval* now, void*) noexcept {
+extern "C" __attribute__((visibility("default"))) int gettimeofday(timeval* now, void*) noexcept
+{
     *now = s_now;
     return 0;
 }
 
 namespace {
 
-TEST(TimedWaitTest, OnlyUnexpectedResultsAreLogged) {
+TEST(TimedWaitTest, OnlyUnexpectedResultsAreLogged)
+{
     CapturedStream output(stdout);
     ALog log("box", stdout);
     log.setShowTimestamp(false);
@@ -39,7 +42,8 @@ TEST(TimedWaitTest, OnlyUnexpectedResultsAreLogged) {
                              "box - pthread_cond_timedwait returned: 1\n");
 }
 
-TEST(TimedWaitTest, DeadlineCarriesNanosecondsIntoSeconds) {
+TEST(TimedWaitTest, DeadlineCarriesNanosecondsIntoSeconds)
+{
     const std::tuple<timeval, int, timespec> cases[] = {
         {{100, 500'000}, 1500, {102, 0}},
         {{100, 0}, -5, {100, 0}},

@@ -3,7 +3,8 @@
 #include <gtest/gtest.h>
 
 // The address sanitizer sees a string that is released twice, wrongly or not at all.
-TEST(AUtilTest, StringsAreOwnedAsDescribed) {
+TEST(AUtilTest, StringsAreOwnedAsDescribed)
+{
     EXPECT_EQ(AUtil::getEnv("PATH", "default"), std::getenv("PATH"));
     EXPECT_EQ(AUtil::getEnv("GORV_NOT_SET", nullptr), nullptr);
     char* copy = AUtil::getEnv("GORV_NOT_SET", "default");

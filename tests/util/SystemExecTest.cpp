@@ -10,7 +10,8 @@
 static int s_signalInDelay = 0;
 
 // The library's calls end here. The child's delay is only announced.
-extern "C" __attribute__((visibility("default"))) unsigned sleep(unsigned seconds) {
+extern "C" __attribute__((visibility("default"))) unsigned sleep(unsigned seconds)
+{
     ::dprintf(STDOUT_FILENO, "sleep %u\n", seconds);
     return static_cast<unsigned>(::raise(s_signalInDelay));
 }
@@ -21,26 +22,30 @@ using Texts = std::pair<std::string, std::string>;
 
 /// Holds SIGCHLD back, so that the handler runs when a test lets it, and ignores SIGPIPE, as a host would.
 struct SystemExecTest : testing::Test {
-    SystemExecTest() {
+    SystemExecTest()
+    {
         sigset_t child;
         sigemptyset(&child);
         sigaddset(&child, SIGCHLD);
         pthread_sigmask(SIG_BLOCK, &child, &m_before);
         std::signal(SIGPIPE, SIG_IGN);
     }
-    ~SystemExecTest() override {
+    ~SystemExecTest() override
+    {
         se = nullptr;
         pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
     }
 
-    void start(std::string command, std::vector<const char*> words = {}) {
+    void start(std::string command, std::vector<const char*> words = {})
+    {
         words.push_back(nullptr);
         m_runner.setCommand(command);
         m_runner.setArgList(words.size() == 1 ? nullptr : const_cast<char**>(words.data()));
         m_runner.execute();
     }
     /// Give the child all of its input, and read both outputs to their end.
-    Texts talk(const std::string& input = {}) {
+    Texts talk(const std::string& input = {})
+    {
         EXPECT_GE(::write(m_runner.getStdIn(), input.data(), input.size()), 0);
         ::close(m_runner.getStdIn());
         const std::string pipe = "/dev/fd/";
@@ -48,7 +53,8 @@ struct SystemExecTest : testing::Test {
                 readFile(pipe + std::to_string(m_runner.getStdErr()))};
     }
     void letHandlerRun() { sigsuspend(&m_before); }
-    void expectHeld(int pipes) {
+    void expectHeld(int pipes)
+    {
         EXPECT_EQ(openDescriptors(), m_descriptors + pipes);
         EXPECT_EQ(m_runner.getStdOut() + m_runner.getStdIn() + m_runner.getStdErr() == -3, pipes == 0);
     }
@@ -58,7 +64,8 @@ struct SystemExecTest : testing::Test {
     const int m_descriptors = openDescriptors();
 };
 
-TEST_F(SystemExecTest, ChildRunsOnThreePipesUntilTheHandlerClosesThem) {
+TEST_F(SystemExecTest, ChildRunsOnThreePipesUntilTheHandlerClosesThem)
+{
     expectHeld(0);
     const std::string noFile = "SystemExec child: Unable to exec.: No such file or directory\n";
     const std::tuple<std::string, std::vector<const char*>, Texts, int> cases[] = {
@@ -81,7 +88,8 @@ TEST_F(SystemExecTest, ChildRunsOnThreePipesUntilTheHandlerClosesThem) {
     }
 }
 
-TEST_F(SystemExecTest, ProgressLinesArriveOnceAndWholeAndTheChildWaitsASecond) {
+TEST_F(SystemExecTest, ProgressLinesArriveOnceAndWholeAndTheChildWaitsASecond)
+{
     CapturedStream output(stdout);
     // As by another thread, and by a parent that is late.
     ::pthread_atfork([] { std::fputs("other line\n", stdout); }, [] { ::usleep(10'000); }, nullptr);
@@ -105,7 +113,8 @@ TEST_F(SystemExecTest, ProgressLinesArriveOnceAndWholeAndTheChildWaitsASecond) {
     EXPECT_EQ(text.erase(position, parent.size()), child);
 }
 
-TEST_F(SystemExecTest, ChildIsEndedInItsDelayWithoutTheCallersHandler) {
+TEST_F(SystemExecTest, ChildIsEndedInItsDelayWithoutTheCallersHandler)
+{
     std::signal(SIGTERM, [](int) {}); // would let the child live
     s_signalInDelay = SIGTERM;
     start("true");
@@ -116,14 +125,17 @@ TEST_F(SystemExecTest, ChildIsEndedInItsDelayWithoutTheCallersHandler) {
     std::signal(SIGTERM, SIG_DFL);
 }
 
-TEST_F(SystemExecTest, RunsInARowLeaveNoPipeAndNoZombieAndTheHandlerTouchesNothingElse) {
-    for (int run = 0; run < 50; ++run, letHandlerRun()) start("true");
+TEST_F(SystemExecTest, RunsInARowLeaveNoPipeAndNoZombieAndTheHandlerTouchesNothingElse)
+{
+    for (int run = 0; run < 50; ++run, letHandlerRun())
+        start("true");
     start("cat");
     start("cat"); // closes the pipes of the first, which ends; so the handler closes those of the second
     expectHeld(3);
     struct sigaction action {};
     sigaction(SIGCHLD, nullptr, &action);
-    EXPECT_TRUE(action.sa_flags & SA_NOCLDSTOP); // the handler would wait for the end of a child that is stopped
+    EXPECT_TRUE(action.sa_flags &
+                SA_NOCLDSTOP); // the handler would wait for the end of a child that is stopped
     const int number = m_runner.getStdOut();
     letHandlerRun();
     letHandlerRun();
@@ -145,7 +157,8 @@ TEST_F(SystemExecTest, RunsInARowLeaveNoPipeAndNoZombieAndTheHandlerTouchesNothi
     EXPECT_EQ(openDescriptors(), m_descriptors + 3);
 }
 
-TEST_F(SystemExecTest, CallerWithoutStandardStreamsGetsItsPipesAllTheSame) {
+TEST_F(SystemExecTest, CallerWithoutStandardStreamsGetsItsPipesAllTheSame)
+{
     const pid_t caller = ::fork();
     if (caller == 0) {
         ::close_range(STDIN_FILENO, STDERR_FILENO, 0);

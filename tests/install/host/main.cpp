@@ -7,14 +7,17 @@
 #include <NumberFormatException.h>
 #include <PAMHelper.h>
 
-int main() {
+int main()
+{
     ALog log("host", stdout);
     log.setShowTimestamp(false);
     KEPClient client("host", 17);
     try {
         client.setProperty("host.port", AInteger::parseInt("4711"), true);
         AInteger::parseInt("none");
-    } catch (const Exception& failure) { log.print("bad port \"%s\"\n", failure.getMessage().c_str()); }
+    } catch (const Exception& failure) {
+        log.print("bad port \"%s\"\n", failure.getMessage().c_str());
+    }
     int port = 0;
     if (client.getProperty("host.port", port) && PAMHelper::instanceForKEPId(1) == nullptr)
         log.print("port %d\n", port);
