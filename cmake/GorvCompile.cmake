@@ -23,7 +23,7 @@ function(gorv_library_options target)
     set_target_properties(${target} PROPERTIES INTERPROCEDURAL_OPTIMIZATION_RELEASE ${supported})
     set(map "${PROJECT_SOURCE_DIR}/cmake/gorvUtil.map")
     set(own_calls -fno-semantic-interposition -fno-plt)
-    target_compile_options(${target} PRIVATE ${own_calls} $<$<CONFIG:Release>:-O2>) # -O3 is larger and no faster
+    target_compile_options(${target} PRIVATE ${own_calls} $<$<CONFIG:Release>:-Os>)
     target_link_options(${target} PRIVATE ${own_calls}) # link-time optimisation asks again
     target_link_options(${target} PRIVATE "LINKER:--version-script=${map}" "LINKER:-z,now,-z,relro,--enable-new-dtags")
     if(GORV_PAGE_SIZE)

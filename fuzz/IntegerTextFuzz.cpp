@@ -5,7 +5,7 @@
 #include "Fuzz.h"
 #include "NumberFormatException.h"
 #include "PAMHelper.h"
-#include "log/IntegerText.h"
+#include "base/IntegerText.h"
 
 #include <cstdlib>
 #include <optional>

@@ -1,9 +1,9 @@
 #include "PAMHelper.h"
 
 #include "auth/PamCalls.h"
-#include "log/IntegerText.h"
+#include "base/IntegerText.h"
 #include "sync/FastLock.h"
-#include "sync/SharedField.h"
+#include "base/SharedField.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,7 +1,7 @@
 #include "AComponentLog.h"
 
 #include "ALog.h"
-#include "sync/SharedField.h"
+#include "base/SharedField.h"
 
 #include <algorithm>
 

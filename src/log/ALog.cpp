@@ -1,8 +1,8 @@
 #include "ALog.h"
 
+#include "base/SharedField.h"
 #include "log/LineFormat.h"
-#include "log/LocalTime.h"
-#include "sync/SharedField.h"
+#include "log/LocalSecond.h"
 
 #include <langinfo.h>
 #include <memory>
@@ -17,6 +17,7 @@ namespace {
 
 constexpr int kLineSize = 2048;
 constexpr const char* kDefaultFile = "debug.log";
+constexpr const char* kStampFormat = "%m/%e/%Y %X ";
 constexpr const char* kOpenMode = "w+e"; // "e": close-on-exec
 
 std::unique_ptr<char[]> copyText(const char* text)
@@ -42,7 +43,7 @@ std::string_view currentStamp()
     // "%X" follows the host's time locale, which may change between two lines.
     const char* const timeFormat = nl_langinfo(T_FMT);
     if (timeChanged || s_stamp.timeFormat != timeFormat) {
-        s_stamp.length = s_stamp.time.writeTo(s_stamp.text, sizeof s_stamp.text);
+        s_stamp.length = s_stamp.time.writeTo(s_stamp.text, sizeof s_stamp.text, kStampFormat);
         s_stamp.timeFormat = timeFormat;
     }
     return {s_stamp.text, s_stamp.length};

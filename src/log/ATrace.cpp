@@ -1,7 +1,7 @@
 #include "ATrace.h"
 
-#include "log/LocalTime.h"
-#include "sync/SharedField.h"
+#include "base/SharedField.h"
+#include "log/LocalSecond.h"
 
 #include <cstdlib>
 #include <cstring>

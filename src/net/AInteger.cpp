@@ -1,7 +1,7 @@
 #include "AInteger.h"
 
 #include "NumberFormatException.h"
-#include "log/IntegerText.h"
+#include "base/IntegerText.h"
 #include "net/BigEndian.h"
 
 AInteger::AInteger(int value) : m_value(value)

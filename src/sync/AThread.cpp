@@ -1,6 +1,6 @@
 #include "AThread.h"
 
-#include "sync/SharedField.h"
+#include "base/SharedField.h"
 
 #include <sys/syscall.h>
 #include <unistd.h>

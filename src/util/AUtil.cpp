@@ -1,6 +1,6 @@
 #include "AUtil.h"
 
-#include "util/FileDescriptor.h"
+#include "base/FileDescriptor.h"
 
 #include <array>
 #include <atomic>

@@ -1,6 +1,6 @@
 #include "SystemExec.h"
 
-#include "util/FileDescriptor.h"
+#include "base/FileDescriptor.h"
 
 #include <atomic>
 #include <cerrno>

@@ -1,4 +1,4 @@
-#include "LocalTime.h"
+#include "LocalSecond.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -26,10 +26,10 @@ bool LocalSecond::moveTo(std::time_t second)
     return true;
 }
 
-std::size_t LocalSecond::writeTo(char* text, std::size_t size) const
+std::size_t LocalSecond::writeTo(char* text, std::size_t size, const char* format) const
 {
     const std::lock_guard lock(s_zoneMutex); // strftime sets the zone as well
-    return std::strftime(text, size, "%m/%e/%Y %X ", &m_fields);
+    return std::strftime(text, size, format, &m_fields);
 }
 
 bool LocalSecond::isZone(const char* zone) const

@@ -13,9 +13,8 @@ public:
 
     const std::tm& fields() const { return m_fields; }
 
-    /// Write the date, and the time in the host's time locale, each with a blank after it. Returns the length
-    /// of the text, 0 if it does not fit.
-    std::size_t writeTo(char* text, std::size_t size) const;
+    /// Write the time as strftime does with @p format. Returns the length of the text, 0 if it does not fit.
+    std::size_t writeTo(char* text, std::size_t size, const char* format) const;
 
 private:
     bool isZone(const char* zone) const;
