@@ -1,13 +1,13 @@
 #include "PAMHelper.h"
 
+#include "auth/Conversation.h"
 #include "auth/PamCalls.h"
 #include "base/IntegerText.h"
-#include "sync/FastLock.h"
 #include "base/SharedField.h"
+#include "sync/FastLock.h"
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -27,7 +27,6 @@ constexpr const char* kTokenVariable = "JEXTOKEN";
 constexpr const char* kContextVariable = "CONTEXT_ID";
 constexpr const char* kSessionVariable = "SESSION_ID";
 constexpr const char* kContextTrigger = "OIDC_LOGIN";
-constexpr std::size_t kInputLineSize = 512;
 constexpr int kDeleteAfterwards = 1; // m_calls: the lowest bit, below the count
 constexpr int kOneCall = 2;
 
@@ -46,93 +45,6 @@ public:
 private:
     std::string& m_secret;
 };
-
-/// The replies of one conversation. Cleansed and freed unless they are released to PAM.
-class Replies {
-public:
-    explicit Replies(int count)
-        : m_count(count), m_replies(static_cast<pam_response*>(
-                              std::calloc(static_cast<std::size_t>(count), sizeof(pam_response))))
-    {}
-    ~Replies()
-    {
-        if (m_replies == nullptr)
-            return;
-        for (int i = 0; i < m_count; ++i)
-            discard(m_replies[i].resp);
-        std::free(m_replies);
-    }
-    Replies(const Replies&) = delete;
-    Replies& operator=(const Replies&) = delete;
-
-    bool allocated() const { return m_replies != nullptr; }
-    pam_response& at(int index) { return m_replies[index]; }
-    pam_response* release() { return std::exchange(m_replies, nullptr); }
-
-private:
-    static void discard(char* text)
-    {
-        if (text == nullptr)
-            return;
-        OPENSSL_cleanse(text, std::strlen(text));
-        std::free(text);
-    }
-
-    int m_count;
-    pam_response* m_replies;
-};
-
-bool asksForPassword(const char* prompt)
-{
-    return prompt != nullptr &&
-           (std::strcmp(prompt, "Password: ") == 0 || std::strstr(prompt, "password: ") != nullptr);
-}
-
-bool answerFromMemory(const char* prompt, const char* password, pam_response& reply)
-{
-    if (!asksForPassword(prompt) || password == nullptr)
-        return false;
-    reply.resp = strdup(password);
-    return reply.resp != nullptr;
-}
-
-bool answerFromInput(const char* prompt, pam_response& reply)
-{
-    if (prompt != nullptr)
-        std::fputs(prompt, stderr);
-    char line[kInputLineSize];
-    if (std::fgets(line, sizeof line, stdin) != nullptr)
-        reply.resp = strdup(line);
-    OPENSSL_cleanse(line, sizeof line);
-    return reply.resp != nullptr;
-}
-
-bool showText(const char* text, FILE* stream)
-{
-    if (text == nullptr || *text == '\0')
-        return true;
-    std::fputs(text, stream);
-    if (text[std::strlen(text) - 1] != '\n')
-        std::fputc('\n', stream);
-    return true;
-}
-
-/// Returns false when the message fails the conversation.
-bool handleMessage(const pam_message& message, const char* password, pam_response& reply)
-{
-    switch (message.msg_style) {
-    case PAM_PROMPT_ECHO_OFF:
-        return answerFromMemory(message.msg, password, reply);
-    case PAM_PROMPT_ECHO_ON:
-        return answerFromInput(message.msg, reply);
-    case PAM_ERROR_MSG:
-        return showText(message.msg, stderr);
-    case PAM_TEXT_INFO:
-        return showText(message.msg, stdout);
-    default:
-        return false;
-    }
-}
 
 void assignAddress(std::string& field, const char* address)
 {
@@ -268,19 +180,8 @@ const char* PAMHelper::getEnv(const char* name)
 int PAMHelper::converse(int num_msg, const struct pam_message** msg, struct pam_response** resp,
                         void* appdata_ptr)
 {
-    if (num_msg < 1 || num_msg > PAM_MAX_NUM_MSG || msg == nullptr || resp == nullptr)
-        return PAM_CONV_ERR;
-    Replies replies(num_msg);
-    if (!replies.allocated())
-        return PAM_BUF_ERR;
     const auto* helper = static_cast<const PAMHelper*>(appdata_ptr);
-    const char* password = helper == nullptr ? nullptr : helper->m_password.c_str();
-    for (int i = 0; i < num_msg; ++i) {
-        if (!handleMessage(*msg[i], password, replies.at(i)))
-            return PAM_CONV_ERR;
-    }
-    *resp = replies.release();
-    return PAM_SUCCESS;
+    return holdConversation(num_msg, msg, resp, helper == nullptr ? nullptr : helper->m_password.c_str());
 }
 
 bool PAMHelper::startSession()
