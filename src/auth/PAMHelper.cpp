@@ -2,6 +2,7 @@
 
 #include "auth/Conversation.h"
 #include "auth/PamCalls.h"
+#include "base/AtExit.h"
 #include "base/IntegerText.h"
 #include "base/SharedField.h"
 #include "sync/FastLock.h"
@@ -10,8 +11,8 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <openssl/crypto.h>
+#include <pthread.h>
 #include <utility>
 
 // Construction in this order gives the two monitors the ids 2 and 3.
@@ -27,8 +28,6 @@ constexpr const char* kTokenVariable = "JEXTOKEN";
 constexpr const char* kContextVariable = "CONTEXT_ID";
 constexpr const char* kSessionVariable = "SESSION_ID";
 constexpr const char* kContextTrigger = "OIDC_LOGIN";
-constexpr int kDeleteAfterwards = 1; // m_calls: the lowest bit, below the count
-constexpr int kOneCall = 2;
 
 /// Overwrites a secret at the end of the scope, on every path. The string keeps its length.
 class WipeAtExit {
@@ -66,23 +65,34 @@ int putVariable(pam_handle_t* handle, const char* name, const char* value)
     const std::size_t nameLength = std::strlen(name);
     const std::size_t valueLength = std::strlen(value);
     const std::size_t size = nameLength + 1 + valueLength + 1;
-    const std::unique_ptr<char, decltype(&std::free)> text(static_cast<char*>(std::malloc(size)), &std::free);
+    auto* const text = static_cast<char*>(std::malloc(size));
     if (text == nullptr)
         return PAM_BUF_ERR;
-    std::memcpy(text.get(), name, nameLength);
-    text.get()[nameLength] = '=';
-    std::memcpy(text.get() + nameLength + 1, value, valueLength + 1);
-    const int status = pam_putenv(handle, text.get());
-    OPENSSL_cleanse(text.get(), size);
-    return status;
+    const AtExit discard([=] {
+        OPENSSL_cleanse(text, size);
+        std::free(text);
+    });
+    std::memcpy(text, name, nameLength);
+    text[nameLength] = '=';
+    std::memcpy(text + nameLength + 1, value, valueLength + 1);
+    return pam_putenv(handle, text);
+}
+
+/// Called from destructors, which nothing may leave: a cancellation of the thread waits.
+void endTransaction(pam_handle_t* handle, int status)
+{
+    int cancelState = 0;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
+    pamEnd(handle, status);
+    pthread_setcancelstate(cancelState, nullptr);
 }
 
 } // namespace
 
 PAMHelper::PAMHelper(const char* remoteIP, const char* interfaceIP)
-    : m_conv{}, m_pamHandle(nullptr), m_kepSessionId(0), m_authResult(PAM_AUTHINFO_UNAVAIL), m_calls(0),
-      m_fwInProgress(false), m_fwSemLocked(false), m_sessionOpen(false), m_disposed(false),
-      m_wasRegistered(false), m_hasSetFlag(false)
+    : m_conv{}, m_pamHandle(nullptr), m_kepSessionId(0), m_wasRegistered(false), m_hasSetFlag(false),
+      m_authResult(PAM_AUTHINFO_UNAVAIL), m_holds(1), m_fwInProgress(false), m_fwSemLocked(false),
+      m_sessionOpen(false), m_disposed(false)
 {
     setRemoteIP(remoteIP);
     setInterfaceIP(interfaceIP);
@@ -90,9 +100,10 @@ PAMHelper::PAMHelper(const char* remoteIP, const char* interfaceIP)
 
 PAMHelper::~PAMHelper()
 {
-    leaveRegistries();
+    if (!m_disposed) // deleted directly
+        leaveRegistries();
     if (m_pamHandle != nullptr)
-        pamEnd(m_pamHandle, m_authResult);
+        endTransaction(m_pamHandle, m_authResult);
 }
 
 int PAMHelper::authenticate(std::string& user, std::string& password, bool& skipAuth)
@@ -198,15 +209,14 @@ bool PAMHelper::startSession()
 
 int PAMHelper::stopSession()
 {
-    enterCall();
-    {
-        const FastLock lock(instanceMapMonitor);
-        if (m_pamHandle != nullptr) {
-            closeSession();
-            eraseEntry();
-        }
-    }
-    leaveCall();
+    hold();
+    const AtExit leave([this] { letGo(); });
+    const FastLock lock(instanceMapMonitor);
+    if (m_pamHandle == nullptr)
+        return 0;
+    closeSession();
+    if (!m_disposed)
+        eraseEntry();
     return 0;
 }
 
@@ -260,20 +270,22 @@ Monitor* PAMHelper::getMonitor()
     return &instanceMapMonitor;
 }
 
+// The end of a helper: its creator holds it, and so does each thread inside stopSession() or dispose(). The
+// first dispose() marks it, closes its session and gives the creator's hold up. Every dispose() takes it out
+// of the registries before it returns. Whoever lets go last deletes it, so nobody finds a helper that is
+// being deleted. Once marked, a helper removes only the entry that names itself: its id may belong to a new
+// login by then.
+
 void PAMHelper::dispose()
 {
-    enterCall();
-    bool isFirst = false;
-    {
-        const FastLock lock(instanceMapMonitor);
-        isFirst = !std::exchange(m_disposed, true);
-    }
-    if (isFirst) {
-        if (m_pamHandle != nullptr)
-            stopSession();
-        std::atomic_ref<int>(m_calls).fetch_or(kDeleteAfterwards);
-    }
-    leaveCall(); // NOLINT(clang-analyzer-cplusplus.NewDelete): stopSession() left its own call, not this one
+    hold();
+    const AtExit leave([this] { letGo(); });
+    const AtExit depart([this] { leaveRegistries(); });
+    if (!beginDisposal())
+        return;
+    const AtExit giveUp([this] { letGo(); });
+    if (m_pamHandle != nullptr)
+        stopSession();
 }
 
 void PAMHelper::setFwInProgress(bool flag)
@@ -345,17 +357,17 @@ int PAMHelper::checkOtherUser(const std::string& user, const std::string& passwo
 {
     std::string otherUser = user;
     m_password = password;
-    m_user.swap(otherUser); // nothing below can throw before the helper's own user is back
+    m_user.swap(otherUser);
+    const AtExit restore([&] { m_user.swap(otherUser); });
     pam_handle_t* temporary = nullptr;
+    int status = PAM_AUTH_ERR;
+    const AtExit end([&] { endTransaction(temporary, status); });
     const int startStatus = pam_start(m_service.c_str(), user.c_str(), &m_conv, &temporary);
     pamSetItem(temporary, PAM_RHOST, m_remoteIP.c_str());
     putVariable(temporary, kInterfaceVariable, m_interfaceIP.c_str());
-    int status = PAM_AUTH_ERR;
     if (startStatus == PAM_SUCCESS)
         status = skipAuth ? PAM_SUCCESS : pamAuthenticate(temporary, 0);
     setAuthResult(status);
-    pamEnd(temporary, status);
-    m_user.swap(otherUser);
     return status;
 }
 
@@ -375,9 +387,9 @@ void PAMHelper::readKEPSessionId()
 void PAMHelper::setFlag(bool& field, bool flag)
 {
     const FastLock lock(instanceFwMapMonitor);
-    writeShared(field, flag);
+    instanceFwMap.insert_or_assign(flag, this); // may run out of memory
     writeShared(m_hasSetFlag, true);
-    instanceFwMap.insert_or_assign(flag, this);
+    writeShared(field, flag);
 }
 
 /// Called with the monitor held, which is given up for the call to PAM.
@@ -387,10 +399,13 @@ void PAMHelper::closeSession()
         return;
     // Cleared before the monitor is given up, so that of two threads only one closes the session.
     writeShared(m_sessionOpen, false);
-    instanceMapMonitor.releaseLock();
-    const int status = pam_close_session(m_pamHandle, 0);
-    instanceMapMonitor.fastLock();
-    setAuthResult(status);
+    setAuthResult(closeUnlocked());
+}
+
+int PAMHelper::closeUnlocked()
+{
+    const FastUnlock unlock(instanceMapMonitor);
+    return pam_close_session(m_pamHandle, 0);
 }
 
 /// The entry that names this helper; there is one at most. Called with the monitor held.
@@ -425,6 +440,7 @@ void PAMHelper::leaveRegistries()
         const auto entry = ownEntry();
         if (entry != instanceMap.end())
             instanceMap.erase(entry);
+        m_wasRegistered = false;
     }
     if (!readShared(m_hasSetFlag))
         return;
@@ -432,17 +448,26 @@ void PAMHelper::leaveRegistries()
     std::erase_if(instanceFwMap, [this](const auto& entry) { return entry.second == this; });
 }
 
-// A thread may still be stopping a session, or waiting for the monitor in dispose(), when another disposes of
-// the helper. The last of them to leave deletes it.
-
-void PAMHelper::enterCall()
+/// Mark the helper. Returns whether this call was the first. As with stopSession(), another login that holds
+/// the helper's id loses it.
+bool PAMHelper::beginDisposal()
 {
-    std::atomic_ref<int>(m_calls).fetch_add(kOneCall, std::memory_order_relaxed);
+    const FastLock lock(instanceMapMonitor);
+    if (std::exchange(m_disposed, true))
+        return false;
+    const auto entry = instanceMap.find(m_sessionId);
+    if (m_pamHandle != nullptr && entry != instanceMap.end() && entry->second != this)
+        instanceMap.erase(entry);
+    return true;
 }
 
-void PAMHelper::leaveCall()
+void PAMHelper::hold()
 {
-    const int before = std::atomic_ref<int>(m_calls).fetch_sub(kOneCall, std::memory_order_acq_rel);
-    if (before == (kOneCall | kDeleteAfterwards))
+    std::atomic_ref<int>(m_holds).fetch_add(1, std::memory_order_relaxed);
+}
+
+void PAMHelper::letGo()
+{
+    if (std::atomic_ref<int>(m_holds).fetch_sub(1, std::memory_order_acq_rel) == 1)
         delete this;
 }
