@@ -108,6 +108,8 @@ public:
     void setInterfaceIP(const char* address);
     /// @return the client's address, as long as the helper lives.
     std::string& getRemoteIP();
+    /// @return the user, empty before authenticate(), as long as the helper lives.
+    std::string& getUser();
 
     /// Put @p name = @p value (neither null) into the PAM environment; an empty value is kept as such.
     /// @return PAM's status; 0, without effect, before a transaction was started.
@@ -144,7 +146,9 @@ public:
     void setSessionId(const std::string& sessionId);
     /// @return the session id, empty before setSessionId().
     std::string& getSessionId();
-    /// @return the numeric session id, 0 before startSession(). Safe from any thread.
+    /// Set the numeric session id, after startSession(), for a stack that sets no "SESSION_ID".
+    void setKEPSessionId(int id);
+    /// @return the numeric session id, 0 before startSession() or setKEPSessionId(). Safe from any thread.
     int getKEPSessionId();
 
     /// @return the helper registered under @p sessionId, or null.

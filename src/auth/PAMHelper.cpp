@@ -178,6 +178,11 @@ std::string& PAMHelper::getRemoteIP()
     return m_remoteIP;
 }
 
+std::string& PAMHelper::getUser()
+{
+    return m_user;
+}
+
 int PAMHelper::setEnv(const char* name, const char* value)
 {
     return putVariable(m_pamHandle, name, value);
@@ -241,6 +246,12 @@ void PAMHelper::setSessionId(const std::string& sessionId)
 std::string& PAMHelper::getSessionId()
 {
     return m_sessionId;
+}
+
+void PAMHelper::setKEPSessionId(int id)
+{
+    const FastLock lock(instanceMapMonitor);
+    writeShared(m_kepSessionId, id);
 }
 
 int PAMHelper::getKEPSessionId()
