@@ -1,8 +1,8 @@
 // Any addresses, one after another, against a model that looks at each character.
 
-#include "FakePam.h"
 #include "Fuzz.h"
 #include "PAMHelper.h"
+#include "support/FakePam.h"
 
 #include <optional>
 
@@ -65,17 +65,13 @@ FUZZ_TARGET
         MUST(helper->getRemoteIP() == remote);
     }
 
-    std::string seenRemote;
-    std::string seenLocal;
-    fuzz::fakePam().onAuthenticate = [&](pam_handle_t& handle) {
-        seenRemote = handle.remoteHost;
-        seenLocal = handle.variables["INTERFACE_IP"];
-        return PAM_SUCCESS;
-    };
+    fakePam() = {};
+    fakePam().records = true;
     std::string any = "any";
     bool skip = false;
     MUST(helper->authenticate(any, any, any, skip) == PAM_SUCCESS);
-    MUST(seenRemote == remote && seenLocal == local);
+    MUST(fakePam().calls[1] == "1 rhost " + remote);
+    MUST(fakePam().calls[2] == "1 INTERFACE_IP=" + local);
     helper->dispose();
     return 0;
 }

@@ -1,9 +1,9 @@
 // Conversations with any messages, counts and input, held inside an authentication and after it, against a
 // model of replies and output.
 
-#include "FakePam.h"
 #include "Fuzz.h"
 #include "PAMHelper.h"
+#include "support/FakePam.h"
 
 #include <optional>
 #include <stdio_ext.h>
@@ -162,7 +162,7 @@ FUZZ_TARGET
     const std::vector<Message> messages = nextMessages(input);
 
     auto* const helper = new PAMHelper(nullptr, nullptr);
-    fuzz::fakePam().onAuthenticate = [&](pam_handle_t& handle) {
+    fakePam().onAuthenticate = [&](pam_handle_t& handle) {
         MUST(handle.conversation.conv == &PAMHelper::converse);
         converse(messages, handle.conversation.appdata_ptr, password.c_str());
         return PAM_AUTH_ERR;
