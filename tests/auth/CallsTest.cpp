@@ -44,17 +44,23 @@ struct Login : PAMHelper {
 
 struct PamCallsTest : testing::Test {
     PamCallsTest() { forgetCalls(); }
-    ~PamCallsTest() override { m_helper->dispose(); }
+    ~PamCallsTest() override
+    {
+        m_helper->dispose();
+        fakePam() = {};
+    }
 
-    static void forgetCalls()
+    void forgetCalls()
     {
         fakePam() = {};
         fakePam().records = true;
-        fakePam().onCall = [](std::string_view call) {
-            if (call.starts_with("end "))
-                return;
-            EXPECT_EQ(isMonitorHeld(), !call.starts_with("close ")) << call;
+        fakePam().onRecord = [this](std::string_view call) {
+            const bool closes = call.starts_with("close "), ends = call.starts_with("end ");
+            EXPECT_TRUE(ends || isMonitorHeld() != closes) << call;
+            if (closes && m_onClose)
+                m_onClose();
         };
+        m_onClose = nullptr;
     }
     /// Start again, with a helper and a PAM that know nothing.
     void renew()
@@ -104,6 +110,7 @@ struct PamCallsTest : testing::Test {
     PAMHelper* m_helper = new Login;
     std::string m_service = "svc", m_user = "alice", m_password = "pass word";
     Calls m_replies;
+    std::function<void()> m_onClose;
 };
 
 TEST_F(PamCallsTest, EachFormCallsPamInItsOrder)
@@ -240,7 +247,7 @@ TEST_F(PamCallsTest, NobodyFindsADisposedHelperAndNoLateStopTakesItsSuccessorsEn
     for (const auto& close : waysToClose) {
         open();
         auto* const successor = new Login;
-        fakePam().onClose = [&] {
+        m_onClose = [&] {
             EXPECT_FALSE(m_helper->isValid());
             EXPECT_EQ(PAMHelper::instanceForSessionId("S1"), m_helper);
             std::thread([&] { m_helper->dispose(); }).join(); // while this thread closes the session
@@ -260,17 +267,12 @@ TEST_F(PamCallsTest, LastOfManyThatDisposeAtOnceDeletes)
     for (int round = 0; round < 100; ++round) {
         open();
         Login::s_deleted = 0;
-        std::atomic<int> begun = 0;
         std::vector<std::future<void>> others;
-        PAMHelper::getMonitor()->fastLock(); // all of them are in dispose before one goes on
+        PAMHelper::getMonitor()->fastLock();
         for (int i = 0; i < 3; ++i)
-            others.push_back(std::async(std::launch::async, [&] {
-                ++begun;
-                m_helper->dispose();
-            }));
-        while (begun < 3)
+            others.push_back(std::async(std::launch::async, [this] { m_helper->dispose(); }));
+        while (std::atomic_ref<int>(m_helper->m_holds) < 1 + 3) // all of them are in before one goes on
             std::this_thread::yield();
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
         PAMHelper::getMonitor()->releaseLock();
         others.clear();
         EXPECT_EQ(Login::s_deleted, 1);
@@ -283,7 +285,7 @@ TEST_F(PamCallsTest, WhatThrowsOutOfACloseLeavesNoLockAndNoHelper)
     for (const bool stopsBefore : {true, false}) {
         open();
         Login::s_deleted = 0;
-        fakePam().onClose = [] { throw "out"; };
+        m_onClose = [] { throw "out"; };
         EXPECT_THROW(stopsBefore ? (void)m_helper->stopSession() : m_helper->dispose(), const char*);
         EXPECT_TRUE(LockProbe(*PAMHelper::getMonitor()).gotIt());
         if (stopsBefore)
@@ -306,6 +308,56 @@ TEST_F(PamCallsTest, SessionIdTextGivesTheNumericId)
     m_helper->setSessionId("S1");
     m_helper->setKEPSessionId(1234);
     EXPECT_EQ(PAMHelper::instanceForKEPId(1234), m_helper);
+}
+
+TEST_F(PamCallsTest, FirmwareMapNamesWhoSetEachValueLast)
+{
+    auto *a = new Login, *b = new Login; // no transaction, so nothing is stopped
+    a->setFwInProgress(true);
+    b->setFWSemaphoreLock(true);
+    EXPECT_TRUE(a->isFwInProgress());
+    EXPECT_FALSE(a->isFwSemLocked());
+    EXPECT_TRUE(b->isFwSemLocked());
+    EXPECT_FALSE(b->isFwInProgress());
+    EXPECT_EQ(PAMHelper::instanceFwMap.at(true), b);
+    a->setFwInProgress(false);
+    EXPECT_EQ(PAMHelper::instanceFwMap, (std::map<bool, PAMHelper*>{{false, a}, {true, b}}));
+    a->dispose();
+    b->dispose();
+}
+
+TEST_F(PamCallsTest, RegistryFollowsAHelperWhoseIdWasChangedBehindItsBack)
+{
+    auto *a = new Login, *b = new Login;
+    a->setSessionId("S1");
+    b->setSessionId("S1");
+    a->dispose(); // the entry is the other's
+    EXPECT_EQ(PAMHelper::instanceForSessionId("S1"), b);
+    b->getSessionId() = "changed";
+    b->setSessionId("S2");
+    EXPECT_EQ(PAMHelper::instanceForSessionId("S1"), nullptr);
+    b->getSessionId() = "";
+    b->dispose();
+}
+
+TEST_F(PamCallsTest, AddressesAreReducedToWhatIsMapped)
+{
+    const std::pair<const char*, const char*> cases[] = {
+        {"::ffff:10.20.30.40", "10.20.30.40"},
+        {nullptr, "10.20.30.40"},
+        {"10.20.30.40", "10.20.30.40"},
+        {"fe80::1", "fe80::1"},
+        {":10.0.0.1", ":10.0.0.1"},
+        {"10.0.0.1:", ""},
+        {"1.2:3:4", "4"},
+        {"", ""},
+    };
+    for (const auto& [address, reduced] : cases) {
+        m_helper->setRemoteIP(address);
+        m_helper->setInterfaceIP(address);
+        EXPECT_EQ(m_helper->getRemoteIP(), reduced);
+        EXPECT_EQ(m_helper->m_interfaceIP, reduced);
+    }
 }
 
 TEST_F(PamCallsTest, FailedOpeningForgetsTheSessionBefore)

@@ -10,7 +10,7 @@
 namespace {
 
 struct LoginTest : testing::Test {
-    LoginTest() { useServiceFilesIn(m_stack.dir().path().c_str()); }
+    LoginTest() { useServiceFilesIn(m_stack.path().c_str()); }
     ~LoginTest() override
     {
         useServiceFilesIn(nullptr);
@@ -53,32 +53,6 @@ TEST_F(LoginTest, HelperIsFoundByTextAndNumberUntilItsSessionStops)
     EXPECT_TRUE(second->startSession()); // again, on the same transaction
     for (PAMHelper* helper : {first, second, minus})
         helper->dispose();
-}
-
-TEST_F(LoginTest, FirmwareMapNamesWhoSetEachValueLastAndDeletedHelperIsInNoMap)
-{
-    auto *a = new PAMHelper(nullptr, nullptr),
-         *b = new PAMHelper(nullptr, nullptr); // no transaction, so nothing is stopped
-    a->setFwInProgress(true);
-    b->setFWSemaphoreLock(true);
-    EXPECT_TRUE(a->isFwInProgress());
-    EXPECT_FALSE(a->isFwSemLocked());
-    EXPECT_TRUE(b->isFwSemLocked());
-    EXPECT_FALSE(b->isFwInProgress());
-    EXPECT_EQ(PAMHelper::instanceFwMap.at(true), b);
-    a->setFwInProgress(false);
-    EXPECT_EQ(PAMHelper::instanceFwMap, (std::map<bool, PAMHelper*>{{false, a}, {true, b}}));
-    a->setSessionId("S1");
-    b->setSessionId("S1");
-    a->dispose(); // the entry is the other's
-    EXPECT_EQ(PAMHelper::instanceForSessionId("S1"), b);
-    b->getSessionId() = "changed behind its back";
-    b->setSessionId("S2");
-    EXPECT_EQ(PAMHelper::instanceForSessionId("S1"), nullptr);
-    b->getSessionId() = "S3";
-    b->setSessionId("S3");
-    b->getSessionId() = "";
-    b->dispose();
 }
 
 TEST_F(LoginTest, ManyThreadsLogInFindAndDisposeWhileOthersLook)

@@ -99,7 +99,7 @@ std::string logIn(Faults::Kind kind, int number, std::string password)
 TEST(FaultsTest, NoFaultLeaksALoginOrLetsAWrongPasswordIn)
 {
     const PamStack stack(GORV_DEMO_MODULE, "a-service-with-a-long-name", {{"a-user-with-a-long-name", "7"}});
-    useServiceFilesIn(stack.dir().path().c_str());
+    useServiceFilesIn(stack.path().c_str());
     ::dlopen(GORV_DEMO_MODULE, RTLD_NOW); // loading it anew for each walk would take long
     const std::string any = "-1|0 opened|7|(0|0 opened|4|5|7|10|20) registered"; // PAM has much to fail with
     const std::string none = "(0 opened|7) registered";

@@ -4,30 +4,23 @@
 
 #include <vector>
 
-/// A stack of the examples' module and the accounts that it knows, in a scratch folder of their own.
-class PamStack {
+/// A stack of the examples' module and the accounts that it knows, in a scratch folder.
+class PamStack : public TempDir {
 public:
     struct Account {
         std::string user;
-        std::string sessionId; ///< "auto" for a new number each time
-        std::string hash =     // "wonderland", as the module stores it
+        std::string sessionId;
+        std::string hash = // "wonderland", as the module stores it
             "salt$8808161c460734fc7bb91a1d1a26e7a2eb75ef0b18ce8538c05218d503e23c36";
     };
 
-    /// @p options go to the module as well.
-    PamStack(const char* module, const std::string& service, const std::vector<Account>& accounts,
-             const std::string& options = {})
+    PamStack(const char* module, const char* service, const std::vector<Account>& accounts)
     {
-        std::ofstream stack(m_dir.path(service)), list(m_dir.path("accounts"));
+        std::ofstream stack(path(service)), list(path("accounts"));
         for (const char* type : {"auth", "account", "session"})
-            stack << type << " required " << module << " accounts=" << m_dir.path("accounts") << options
-                  << '\n';
+            stack << type << " required " << module << " accounts=" << path("accounts")
+                  << " record=" << path("record") << '\n';
         for (const auto& [user, sessionId, hash] : accounts)
             list << user << ':' << hash << ":0:" << sessionId << '\n';
     }
-
-    const TempDir& dir() const { return m_dir; }
-
-private:
-    TempDir m_dir;
 };
