@@ -29,21 +29,11 @@ constexpr const char* kContextVariable = "CONTEXT_ID";
 constexpr const char* kSessionVariable = "SESSION_ID";
 constexpr const char* kContextTrigger = "OIDC_LOGIN";
 
-/// Overwrites a secret at the end of the scope, on every path. The string keeps its length.
-class WipeAtExit {
-public:
-    explicit WipeAtExit(std::string& secret) : m_secret(secret) {}
-    ~WipeAtExit()
-    {
-        if (!m_secret.empty())
-            OPENSSL_cleanse(m_secret.data(), m_secret.size());
-    }
-    WipeAtExit(const WipeAtExit&) = delete;
-    WipeAtExit& operator=(const WipeAtExit&) = delete;
-
-private:
-    std::string& m_secret;
-};
+/// The string keeps its length.
+void wipe(std::string& secret)
+{
+    OPENSSL_cleanse(secret.data(), secret.size());
+}
 
 void assignAddress(std::string& field, const char* address)
 {
@@ -109,7 +99,7 @@ PAMHelper::~PAMHelper()
 int PAMHelper::authenticate(std::string& user, std::string& password, bool& skipAuth)
 {
     const FastLock lock(instanceMapMonitor);
-    const WipeAtExit wipe(m_password);
+    const AtExit forget([this] { wipe(m_password); });
     attachConversation();
     if (m_user.empty() || m_user == user)
         return checkOwnUser(user, password, skipAuth);
@@ -119,7 +109,7 @@ int PAMHelper::authenticate(std::string& user, std::string& password, bool& skip
 int PAMHelper::authenticate(std::string& service, std::string& user, std::string& password, bool& skipAuth)
 {
     const FastLock lock(instanceMapMonitor);
-    const WipeAtExit wipe(m_password);
+    const AtExit forget([this] { wipe(m_password); });
     const int startStatus = startTransaction(service, user, password);
     return checkUserAndAccount(startStatus, skipAuth);
 }
@@ -128,7 +118,7 @@ int PAMHelper::authenticate(std::string& service, std::string& user, std::string
                             std::string& token, bool& skipAuth)
 {
     const FastLock lock(instanceMapMonitor);
-    const WipeAtExit wipe(m_password);
+    const AtExit forget([this] { wipe(m_password); });
     const int startStatus = startTransaction(service, user, password);
     setEnv(kTokenVariable, token.c_str());
     return checkUserAndAccount(startStatus, skipAuth);
@@ -138,7 +128,7 @@ int PAMHelper::authenticate(std::string& service, std::string& user, std::string
                             std::string& envName, std::string& envValue, bool& skipAuth)
 {
     const FastLock lock(instanceMapMonitor);
-    const WipeAtExit wipe(m_password);
+    const AtExit forget([this] { wipe(m_password); });
     const int startStatus = startTransaction(service, user, password);
     setEnv(envName.c_str(), envValue.c_str());
     setEnv(kContextVariable, password.c_str());
@@ -150,7 +140,7 @@ int PAMHelper::authenticate(std::string& service, std::string& user, std::string
                             bool& skipAuth)
 {
     const FastLock lock(instanceMapMonitor);
-    const WipeAtExit wipe(m_password);
+    const AtExit forget([this] { wipe(m_password); });
     const int startStatus = startTransaction(service, user, password);
     setEnv(envName.c_str(), envValue.c_str());
     if (envName == kContextTrigger)
