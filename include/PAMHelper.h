@@ -108,7 +108,8 @@ public:
     void setInterfaceIP(const char* address);
     /// @return the client's address, as long as the helper lives.
     std::string& getRemoteIP();
-    /// @return the user, empty before authenticate(), as long as the helper lives.
+    /// @return the user that authenticate() was given (while another is checked, that one), as long as the
+    /// helper lives.
     std::string& getUser();
 
     /// Put @p name = @p value (neither null) into the PAM environment; an empty value is kept as such.
@@ -129,8 +130,8 @@ public:
     /// Open the PAM session, and forget one that is open already: stop that first. Take its numeric id from
     /// the PAM variable "SESSION_ID" (decimal, 0x, 0b or octal; 0 if the variable is absent, unchanged if it
     /// is no number).
-    /// Call it right after a form with a service has returned 0 or 12: what else leaves such a status behind,
-    /// see getAuthResult(), says nothing about this user.
+    /// Call it right after a form with a service has returned 0 or 12: such a status that something else left
+    /// behind, see getAuthResult(), says nothing about this user.
     /// @return whether the session is open; false, without a call to PAM, unless the last status is 0 or 12.
     bool startSession();
     /// Close the PAM session if it is open, store PAM's status for getAuthResult(), and remove the registry
@@ -146,7 +147,8 @@ public:
     void setSessionId(const std::string& sessionId);
     /// @return the session id, empty before setSessionId().
     std::string& getSessionId();
-    /// Set the numeric session id, after startSession(), for a stack that sets no "SESSION_ID".
+    /// Set the numeric session id for a stack that sets no "SESSION_ID": after startSession(), which sets it
+    /// anew.
     void setKEPSessionId(int id);
     /// @return the numeric session id, 0 before startSession() or setKEPSessionId(). Safe from any thread.
     int getKEPSessionId();
@@ -167,8 +169,9 @@ public:
     /// Of threads that call it at once one does the work and the others return. When a call returns, no
     /// look-up finds the helper; a thread that is inside stopSession() or dispose() still may be closing the
     /// session, and the last of them ends the transaction and deletes the helper. A thread that comes later
-    /// has nothing to call: where several may end a login, each looks it up and disposes of it within one
-    /// hold of getMonitor(), or exactly one is given the pointer.
+    /// must not call it: where several may end a login, give the pointer to exactly one, or let each look the
+    /// login up and dispose of it within one hold of getMonitor(), which keeps all PAM steps waiting for the
+    /// end of the session.
     void dispose();
 
     /// Record that a firmware update of this login is in progress or not.
