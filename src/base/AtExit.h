@@ -2,7 +2,7 @@
 
 #include <utility>
 
-/// Runs an action at the end of a scope, however the scope is left: a thread that is cancelled leaves it, too.
+/// Runs an action at the end of a scope, however it is left: a thread that is cancelled leaves it, too.
 template <typename Action>
 class AtExit {
 public:

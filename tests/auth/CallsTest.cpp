@@ -1,7 +1,6 @@
 #include "PAMHelper.h"
 #include "support/FakePam.h"
 #include "support/Files.h"
-#include "support/LockProbe.h"
 #include "support/ProcessMemory.h"
 
 #include <functional>
@@ -209,10 +208,13 @@ TEST_F(PamCallsTest, PasswordIsAnsweredForEachUser)
 TEST_F(PamCallsTest, DisposeClosesAndEndsWithTheStatusOfTheClose)
 {
     open();
+    auto* const other = new Login;
+    other->setSessionId("S1");
     fakePam().statuses["close"] = PAM_SESSION_ERR;
     m_helper->dispose();
     EXPECT_EQ(takeCalls(), (Calls{"1 close 0", "1 end 14"}));
-    m_helper = new Login;
+    EXPECT_EQ(PAMHelper::instanceForSessionId("S1"), nullptr); // whoever had it
+    m_helper = other;
 }
 
 TEST_F(PamCallsTest, RegistriesWaitForTheMonitorThatGuardsThem)
@@ -265,7 +267,7 @@ TEST_F(PamCallsTest, NobodyFindsADisposedHelperAndNoLateStopTakesItsSuccessorsEn
 TEST_F(PamCallsTest, LastOfManyThatDisposeAtOnceDeletes)
 {
     for (int round = 0; round < 100; ++round) {
-        open();
+        logIn(); // without a session: the others would hold the monitor at its close
         Login::s_deleted = 0;
         std::vector<std::future<void>> others;
         PAMHelper::getMonitor()->fastLock();
@@ -285,14 +287,21 @@ TEST_F(PamCallsTest, WhatThrowsOutOfACloseLeavesNoLockAndNoHelper)
     for (const bool stopsBefore : {true, false}) {
         open();
         Login::s_deleted = 0;
-        m_onClose = [] { throw "out"; };
+        fakePam().onRecord = [](std::string_view call) {
+            if (call.starts_with("close "))
+                throw "out";
+        };
+        PAMHelper::getMonitor()->fastLock();
         EXPECT_THROW(stopsBefore ? (void)m_helper->stopSession() : m_helper->dispose(), const char*);
-        EXPECT_TRUE(LockProbe(*PAMHelper::getMonitor()).gotIt());
+        EXPECT_TRUE(isMonitorHeld()); // the level that is ours
+        PAMHelper::getMonitor()->releaseLock();
+        EXPECT_FALSE(isMonitorHeld());
         if (stopsBefore)
             m_helper->dispose();
         EXPECT_EQ(Login::s_deleted, 1);
         EXPECT_EQ(takeCalls().back().substr(2), "end 0");
         m_helper = new Login;
+        forgetCalls();
     }
 }
 
