@@ -200,7 +200,7 @@ private:
     GORV_LOCAL void leaveRegistries();
     GORV_LOCAL bool beginDisposal();
     GORV_LOCAL void hold();
-    GORV_LOCAL void letGo();
+    GORV_LOCAL void letGo(int holds);
 
     struct pam_conv m_conv;
     pam_handle_t* m_pamHandle; // owned

@@ -205,7 +205,7 @@ bool PAMHelper::startSession()
 int PAMHelper::stopSession()
 {
     hold();
-    const AtExit leave([this] { letGo(); });
+    const AtExit leave([this] { letGo(1); });
     const FastLock lock(instanceMapMonitor);
     if (m_pamHandle == nullptr)
         return 0;
@@ -280,11 +280,13 @@ Monitor* PAMHelper::getMonitor()
 void PAMHelper::dispose()
 {
     hold();
-    const AtExit leave([this] { letGo(); });
+    int holds = 1;
+    const AtExit leave([&] { letGo(holds); });
+    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): stopSession() lets its own hold go, not this one
     const AtExit depart([this] { leaveRegistries(); });
     if (!beginDisposal())
         return;
-    const AtExit giveUp([this] { letGo(); });
+    ++holds; // the creator's
     if (m_pamHandle != nullptr)
         stopSession();
 }
@@ -467,8 +469,8 @@ void PAMHelper::hold()
     std::atomic_ref<int>(m_holds).fetch_add(1, std::memory_order_relaxed);
 }
 
-void PAMHelper::letGo()
+void PAMHelper::letGo(int holds)
 {
-    if (std::atomic_ref<int>(m_holds).fetch_sub(1, std::memory_order_acq_rel) == 1)
+    if (std::atomic_ref<int>(m_holds).fetch_sub(holds, std::memory_order_acq_rel) == holds)
         delete this;
 }
