@@ -2,10 +2,10 @@
 // the answers that the client must get.
 
 #include "ALog.h"
-#include "FakePam.h"
 #include "Fuzz.h"
 #include "Session.h"
 #include "Wire.h"
+#include "support/FakePam.h"
 
 #include <algorithm>
 #include <cstring>
@@ -223,8 +223,8 @@ struct Daemon {
 FUZZ_SETUP
 {
     fuzz::silence();
-    fuzz::fakePam().onAuthenticate = authenticate;
-    fuzz::fakePam().sessionId = "0x7";
+    fakePam().onAuthenticate = authenticate;
+    fakePam().sessionId = "0x7";
     return 0;
 }
 

@@ -1,11 +1,11 @@
 // The text of an integer, in AInteger and in the session id that PAM publishes, against strtoll.
 
 #include "AInteger.h"
-#include "FakePam.h"
 #include "Fuzz.h"
 #include "NumberFormatException.h"
 #include "PAMHelper.h"
 #include "base/IntegerText.h"
+#include "support/FakePam.h"
 
 #include <cstdlib>
 #include <optional>
@@ -43,7 +43,7 @@ int sessionNumber(const char* text)
     static std::string s_text = "any";
     static bool s_skip = true;
     auto* const helper = new PAMHelper(nullptr, nullptr);
-    fuzz::fakePam().sessionId = text;
+    fakePam().sessionId = text;
     helper->authenticate(s_text, s_text, s_text, s_skip);
     MUST(helper->startSession());
     const int number = helper->getKEPSessionId();

@@ -11,14 +11,20 @@
 ///
 /// A helper answers PAM's password prompt from memory, hands the modules the client's address and the address
 /// of the interface that the client reached, and keeps the PAM status of its last step. It writes no log and
-/// throws nothing of its own.
+/// throws nothing of its own. When memory runs out an operation throws std::bad_alloc: the registries are
+/// then as before, and the status is that of the last step that was taken.
 ///
 /// Create a helper with new, one per login, and give it up with dispose(), which deletes it. Every PAM step
 /// of every helper runs under one process-wide monitor, and so do the registry operations; only the closing
 /// of a session and the end of a transaction run without it. One thread at a time drives a login; any thread
 /// may look it up and read what is said to be safe. Several threads may stop a login and dispose of it at
 /// once, but not beside another call on it. A helper that a look-up returns stays its creator's, who may
-/// dispose of it at any time: hold getMonitor() while you use one that isn't yours.
+/// dispose of it at any time: hold getMonitor() while you use one that isn't yours. When the program exits
+/// nobody may use the class any more.
+///
+/// PAM modules may start programs and wait for them. While a program of SystemExec runs, its SIGCHLD handler
+/// may take such a child away or wait for it, and the login fails or hangs. A host that uses both blocks
+/// SIGCHLD in every thread and calls signalHandler() itself, under getMonitor().
 ///
 /// @code
 /// auto* login = new PAMHelper("::ffff:192.168.1.20", "192.168.1.1");
@@ -46,7 +52,8 @@ public:
     /// reduced as setRemoteIP() says.
     PAMHelper(const char* remoteIP, const char* interfaceIP);
 
-    /// Take the helper out of the registries and end its PAM transaction. Hosts call dispose() instead.
+    /// End the PAM transaction. Hosts call dispose() instead: a helper that is deleted directly leaves the
+    /// registries too late for a look-up that meets a derived class half destroyed.
     virtual ~PAMHelper();
 
     PAMHelper(const PAMHelper&) = delete;
@@ -57,8 +64,8 @@ public:
     /// one of them once per helper: a second call starts a new transaction and never ends the first. With
     /// @p skipAuth true the password isn't checked, the account is.
     ///
-    /// Arguments are only read. The helper's copy of the password is wiped before the call returns, on every
-    /// path; what PAM keeps and the caller's own string are not.
+    /// Arguments are only read, for PAM up to their first zero byte. The helper's copy of the password is
+    /// wiped before the call returns, on every path; what PAM keeps and the caller's own string are not.
     ///
     /// @return the PAM status of the last step taken: 0 (PAM_SUCCESS), 12 (PAM_NEW_AUTHTOK_REQD) for an
     /// account that must change its password, 7 (PAM_AUTH_ERR) when PAM could not be started, or PAM's own
@@ -88,7 +95,9 @@ public:
                      std::string& envName, std::string& envValue, bool& skipAuth);
     /// @}
 
-    /// @return the PAM status of the last step; 9 (PAM_AUTHINFO_UNAVAIL) before any. Safe from any thread.
+    /// @return the PAM status of the last step; 9 (PAM_AUTHINFO_UNAVAIL) before any. The step may have been
+    /// the check of another user, a check that was skipped or the closing of the session: 0 means that a user
+    /// is logged in only right after a form with a service. Safe from any thread.
     int getAuthResult();
 
     /// Set the client's address, handed to PAM as PAM_RHOST when the next transaction starts. Null changes
@@ -99,6 +108,9 @@ public:
     void setInterfaceIP(const char* address);
     /// @return the client's address, as long as the helper lives.
     std::string& getRemoteIP();
+    /// @return the user that authenticate() was given (while another is checked, that one), as long as the
+    /// helper lives.
+    std::string& getUser();
 
     /// Put @p name = @p value (neither null) into the PAM environment; an empty value is kept as such.
     /// @return PAM's status; 0, without effect, before a transaction was started.
@@ -109,7 +121,8 @@ public:
 
     /// The PAM conversation of every transaction that a helper starts; @p appdata_ptr is the helper. Only PAM
     /// calls it. Answers a prompt without echo that asks for the password from memory, a prompt with echo
-    /// from standard input, and writes errors to standard error and information to standard output.
+    /// from standard input, and writes errors to standard error and information to standard output. A prompt
+    /// with echo reads the process's standard input with the monitor held: give a daemon /dev/null there.
     /// @return PAM_SUCCESS with @p resp set to replies that PAM frees, else PAM_CONV_ERR or PAM_BUF_ERR.
     static int converse(int num_msg, const struct pam_message** msg, struct pam_response** resp,
                         void* appdata_ptr);
@@ -117,11 +130,13 @@ public:
     /// Open the PAM session, and forget one that is open already: stop that first. Take its numeric id from
     /// the PAM variable "SESSION_ID" (decimal, 0x, 0b or octal; 0 if the variable is absent, unchanged if it
     /// is no number).
+    /// Call it right after a form with a service has returned 0 or 12: such a status that something else left
+    /// behind, see getAuthResult(), says nothing about this user.
     /// @return whether the session is open; false, without a call to PAM, unless the last status is 0 or 12.
     bool startSession();
     /// Close the PAM session if it is open, store PAM's status for getAuthResult(), and remove the registry
-    /// entry under this helper's session id, which it keeps: setSessionId() registers it again. Does nothing
-    /// before a transaction was started.
+    /// entry under this helper's session id, whichever helper has registered under it last. The helper keeps
+    /// the id: setSessionId() registers it again. Does nothing before a transaction was started.
     /// @return 0
     int stopSession();
     /// @return whether the PAM session is open. Safe from any thread.
@@ -132,7 +147,10 @@ public:
     void setSessionId(const std::string& sessionId);
     /// @return the session id, empty before setSessionId().
     std::string& getSessionId();
-    /// @return the numeric session id, 0 before startSession(). Safe from any thread.
+    /// Set the numeric session id for a stack that sets no "SESSION_ID": after startSession(), which sets it
+    /// anew.
+    void setKEPSessionId(int id);
+    /// @return the numeric session id, 0 before startSession() or setKEPSessionId(). Safe from any thread.
     int getKEPSessionId();
 
     /// @return the helper registered under @p sessionId, or null.
@@ -145,7 +163,15 @@ public:
     static Monitor* getMonitor();
 
     /// Close the session if need be, take the helper out of the registries, end the transaction and delete
-    /// the helper. Of threads that call it at once one does the work and the others return.
+    /// the helper. Like stopSession() it removes the entry under the session id, whichever helper has it, if
+    /// a transaction was started.
+    ///
+    /// Of threads that call it at once one does the work and the others return. When a call returns, no
+    /// look-up finds the helper; a thread that is inside stopSession() or dispose() still may be closing the
+    /// session, and the last of them ends the transaction and deletes the helper. A thread that comes later
+    /// must not call it: where several may end a login, give the pointer to exactly one, or let each look the
+    /// login up and dispose of it within one hold of getMonitor(), which keeps all PAM steps waiting for the
+    /// end of the session.
     void dispose();
 
     /// Record that a firmware update of this login is in progress or not.
@@ -168,18 +194,22 @@ private:
     GORV_LOCAL void readKEPSessionId();
     GORV_LOCAL void setFlag(bool& field, bool flag);
     GORV_LOCAL void closeSession();
+    GORV_LOCAL int closeUnlocked();
     GORV_LOCAL std::map<std::string, PAMHelper*>::iterator ownEntry();
     GORV_LOCAL void eraseEntry();
     GORV_LOCAL void leaveRegistries();
-    GORV_LOCAL void enterCall();
-    GORV_LOCAL void leaveCall();
+    GORV_LOCAL bool beginDisposal();
+    GORV_LOCAL void hold();
+    GORV_LOCAL void letGo(int holds);
 
     struct pam_conv m_conv;
     pam_handle_t* m_pamHandle; // owned
     int m_kepSessionId;
+    bool m_wasRegistered; // an entry of instanceMap may name this helper
+    bool m_hasSetFlag;    // an entry of instanceFwMap may name this helper
     std::string m_sessionId;
     int m_authResult;
-    int m_calls; // calls that must end before the helper may be deleted
+    int m_holds; // deleted when it comes to 0: the creator's, and one for each call that must end before
     std::string m_service;
     std::string m_user;
     std::string m_password; // zero bytes between two authentications
@@ -189,6 +219,4 @@ private:
     bool m_fwSemLocked;
     bool m_sessionOpen;
     bool m_disposed;
-    bool m_wasRegistered; // an entry of instanceMap may name this helper
-    bool m_hasSetFlag;    // an entry of instanceFwMap may name this helper
 };

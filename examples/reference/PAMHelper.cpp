@@ -15,11 +15,13 @@ void logIn(std::string user, std::string password)
     OPENSSL_cleanse(password.data(), password.size()); // the helper wipes its own copy only
     if (status == PAM_SUCCESS && login->startSession()) {
         login->setSessionId("key-of-" + user);
+        std::printf("session %d\n", login->getKEPSessionId()); // as the PAM stack numbers them
+        login->setKEPSessionId(1001);                          // or as the host does, where no module does
         // Any thread may look the login up. It holds the monitor while it uses what it has found.
         const MonitorLock lock = PAMHelper::getMonitor()->acquireLock();
-        PAMHelper* found = PAMHelper::instanceForSessionId("key-of-" + user);
-        std::printf("session %d of %s from %s\n", found->getKEPSessionId(), user.c_str(),
-                    found->getRemoteIP().c_str());
+        PAMHelper* found = PAMHelper::instanceForKEPId(1001);
+        if (found == PAMHelper::instanceForSessionId("key-of-" + user))
+            std::printf("1001 is %s from %s\n", found->getUser().c_str(), found->getRemoteIP().c_str());
     } else {
         std::printf("%s was refused: %d\n", user.c_str(), login->getAuthResult());
     }

@@ -1,17 +1,18 @@
 #include "PAMHelper.h"
 
+#include "auth/Conversation.h"
 #include "auth/PamCalls.h"
+#include "base/AtExit.h"
 #include "base/IntegerText.h"
-#include "sync/FastLock.h"
 #include "base/SharedField.h"
+#include "sync/FastLock.h"
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <openssl/crypto.h>
+#include <pthread.h>
 #include <utility>
 
 // Construction in this order gives the two monitors the ids 2 and 3.
@@ -27,111 +28,11 @@ constexpr const char* kTokenVariable = "JEXTOKEN";
 constexpr const char* kContextVariable = "CONTEXT_ID";
 constexpr const char* kSessionVariable = "SESSION_ID";
 constexpr const char* kContextTrigger = "OIDC_LOGIN";
-constexpr std::size_t kInputLineSize = 512;
-constexpr int kDeleteAfterwards = 1; // m_calls: the lowest bit, below the count
-constexpr int kOneCall = 2;
 
-/// Overwrites a secret at the end of the scope, on every path. The string keeps its length.
-class WipeAtExit {
-public:
-    explicit WipeAtExit(std::string& secret) : m_secret(secret) {}
-    ~WipeAtExit()
-    {
-        if (!m_secret.empty())
-            OPENSSL_cleanse(m_secret.data(), m_secret.size());
-    }
-    WipeAtExit(const WipeAtExit&) = delete;
-    WipeAtExit& operator=(const WipeAtExit&) = delete;
-
-private:
-    std::string& m_secret;
-};
-
-/// The replies of one conversation. Cleansed and freed unless they are released to PAM.
-class Replies {
-public:
-    explicit Replies(int count)
-        : m_count(count), m_replies(static_cast<pam_response*>(
-                              std::calloc(static_cast<std::size_t>(count), sizeof(pam_response))))
-    {}
-    ~Replies()
-    {
-        if (m_replies == nullptr)
-            return;
-        for (int i = 0; i < m_count; ++i)
-            discard(m_replies[i].resp);
-        std::free(m_replies);
-    }
-    Replies(const Replies&) = delete;
-    Replies& operator=(const Replies&) = delete;
-
-    bool allocated() const { return m_replies != nullptr; }
-    pam_response& at(int index) { return m_replies[index]; }
-    pam_response* release() { return std::exchange(m_replies, nullptr); }
-
-private:
-    static void discard(char* text)
-    {
-        if (text == nullptr)
-            return;
-        OPENSSL_cleanse(text, std::strlen(text));
-        std::free(text);
-    }
-
-    int m_count;
-    pam_response* m_replies;
-};
-
-bool asksForPassword(const char* prompt)
+/// The string keeps its length.
+void wipe(std::string& secret)
 {
-    return prompt != nullptr &&
-           (std::strcmp(prompt, "Password: ") == 0 || std::strstr(prompt, "password: ") != nullptr);
-}
-
-bool answerFromMemory(const char* prompt, const char* password, pam_response& reply)
-{
-    if (!asksForPassword(prompt) || password == nullptr)
-        return false;
-    reply.resp = strdup(password);
-    return reply.resp != nullptr;
-}
-
-bool answerFromInput(const char* prompt, pam_response& reply)
-{
-    if (prompt != nullptr)
-        std::fputs(prompt, stderr);
-    char line[kInputLineSize];
-    if (std::fgets(line, sizeof line, stdin) != nullptr)
-        reply.resp = strdup(line);
-    OPENSSL_cleanse(line, sizeof line);
-    return reply.resp != nullptr;
-}
-
-bool showText(const char* text, FILE* stream)
-{
-    if (text == nullptr || *text == '\0')
-        return true;
-    std::fputs(text, stream);
-    if (text[std::strlen(text) - 1] != '\n')
-        std::fputc('\n', stream);
-    return true;
-}
-
-/// Returns false when the message fails the conversation.
-bool handleMessage(const pam_message& message, const char* password, pam_response& reply)
-{
-    switch (message.msg_style) {
-    case PAM_PROMPT_ECHO_OFF:
-        return answerFromMemory(message.msg, password, reply);
-    case PAM_PROMPT_ECHO_ON:
-        return answerFromInput(message.msg, reply);
-    case PAM_ERROR_MSG:
-        return showText(message.msg, stderr);
-    case PAM_TEXT_INFO:
-        return showText(message.msg, stdout);
-    default:
-        return false;
-    }
+    OPENSSL_cleanse(secret.data(), secret.size());
 }
 
 void assignAddress(std::string& field, const char* address)
@@ -154,23 +55,34 @@ int putVariable(pam_handle_t* handle, const char* name, const char* value)
     const std::size_t nameLength = std::strlen(name);
     const std::size_t valueLength = std::strlen(value);
     const std::size_t size = nameLength + 1 + valueLength + 1;
-    const std::unique_ptr<char, decltype(&std::free)> text(static_cast<char*>(std::malloc(size)), &std::free);
+    auto* const text = static_cast<char*>(std::malloc(size));
     if (text == nullptr)
         return PAM_BUF_ERR;
-    std::memcpy(text.get(), name, nameLength);
-    text.get()[nameLength] = '=';
-    std::memcpy(text.get() + nameLength + 1, value, valueLength + 1);
-    const int status = pam_putenv(handle, text.get());
-    OPENSSL_cleanse(text.get(), size);
-    return status;
+    const AtExit discard([=] {
+        OPENSSL_cleanse(text, size);
+        std::free(text);
+    });
+    std::memcpy(text, name, nameLength);
+    text[nameLength] = '=';
+    std::memcpy(text + nameLength + 1, value, valueLength + 1);
+    return pam_putenv(handle, text);
+}
+
+/// Called from destructors, which nothing may leave: a cancellation of the thread waits.
+void endTransaction(pam_handle_t* handle, int status)
+{
+    int cancelState = 0;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
+    pamEnd(handle, status);
+    pthread_setcancelstate(cancelState, nullptr);
 }
 
 } // namespace
 
 PAMHelper::PAMHelper(const char* remoteIP, const char* interfaceIP)
-    : m_conv{}, m_pamHandle(nullptr), m_kepSessionId(0), m_authResult(PAM_AUTHINFO_UNAVAIL), m_calls(0),
-      m_fwInProgress(false), m_fwSemLocked(false), m_sessionOpen(false), m_disposed(false),
-      m_wasRegistered(false), m_hasSetFlag(false)
+    : m_conv{}, m_pamHandle(nullptr), m_kepSessionId(0), m_wasRegistered(false), m_hasSetFlag(false),
+      m_authResult(PAM_AUTHINFO_UNAVAIL), m_holds(1), m_fwInProgress(false), m_fwSemLocked(false),
+      m_sessionOpen(false), m_disposed(false)
 {
     setRemoteIP(remoteIP);
     setInterfaceIP(interfaceIP);
@@ -178,15 +90,16 @@ PAMHelper::PAMHelper(const char* remoteIP, const char* interfaceIP)
 
 PAMHelper::~PAMHelper()
 {
-    leaveRegistries();
+    if (!m_disposed) // deleted directly
+        leaveRegistries();
     if (m_pamHandle != nullptr)
-        pamEnd(m_pamHandle, m_authResult);
+        endTransaction(m_pamHandle, m_authResult);
 }
 
 int PAMHelper::authenticate(std::string& user, std::string& password, bool& skipAuth)
 {
     const FastLock lock(instanceMapMonitor);
-    const WipeAtExit wipe(m_password);
+    const AtExit forget([this] { wipe(m_password); });
     attachConversation();
     if (m_user.empty() || m_user == user)
         return checkOwnUser(user, password, skipAuth);
@@ -196,7 +109,7 @@ int PAMHelper::authenticate(std::string& user, std::string& password, bool& skip
 int PAMHelper::authenticate(std::string& service, std::string& user, std::string& password, bool& skipAuth)
 {
     const FastLock lock(instanceMapMonitor);
-    const WipeAtExit wipe(m_password);
+    const AtExit forget([this] { wipe(m_password); });
     const int startStatus = startTransaction(service, user, password);
     return checkUserAndAccount(startStatus, skipAuth);
 }
@@ -205,7 +118,7 @@ int PAMHelper::authenticate(std::string& service, std::string& user, std::string
                             std::string& token, bool& skipAuth)
 {
     const FastLock lock(instanceMapMonitor);
-    const WipeAtExit wipe(m_password);
+    const AtExit forget([this] { wipe(m_password); });
     const int startStatus = startTransaction(service, user, password);
     setEnv(kTokenVariable, token.c_str());
     return checkUserAndAccount(startStatus, skipAuth);
@@ -215,7 +128,7 @@ int PAMHelper::authenticate(std::string& service, std::string& user, std::string
                             std::string& envName, std::string& envValue, bool& skipAuth)
 {
     const FastLock lock(instanceMapMonitor);
-    const WipeAtExit wipe(m_password);
+    const AtExit forget([this] { wipe(m_password); });
     const int startStatus = startTransaction(service, user, password);
     setEnv(envName.c_str(), envValue.c_str());
     setEnv(kContextVariable, password.c_str());
@@ -227,7 +140,7 @@ int PAMHelper::authenticate(std::string& service, std::string& user, std::string
                             bool& skipAuth)
 {
     const FastLock lock(instanceMapMonitor);
-    const WipeAtExit wipe(m_password);
+    const AtExit forget([this] { wipe(m_password); });
     const int startStatus = startTransaction(service, user, password);
     setEnv(envName.c_str(), envValue.c_str());
     if (envName == kContextTrigger)
@@ -255,6 +168,11 @@ std::string& PAMHelper::getRemoteIP()
     return m_remoteIP;
 }
 
+std::string& PAMHelper::getUser()
+{
+    return m_user;
+}
+
 int PAMHelper::setEnv(const char* name, const char* value)
 {
     return putVariable(m_pamHandle, name, value);
@@ -268,19 +186,8 @@ const char* PAMHelper::getEnv(const char* name)
 int PAMHelper::converse(int num_msg, const struct pam_message** msg, struct pam_response** resp,
                         void* appdata_ptr)
 {
-    if (num_msg < 1 || num_msg > PAM_MAX_NUM_MSG || msg == nullptr || resp == nullptr)
-        return PAM_CONV_ERR;
-    Replies replies(num_msg);
-    if (!replies.allocated())
-        return PAM_BUF_ERR;
     const auto* helper = static_cast<const PAMHelper*>(appdata_ptr);
-    const char* password = helper == nullptr ? nullptr : helper->m_password.c_str();
-    for (int i = 0; i < num_msg; ++i) {
-        if (!handleMessage(*msg[i], password, replies.at(i)))
-            return PAM_CONV_ERR;
-    }
-    *resp = replies.release();
-    return PAM_SUCCESS;
+    return holdConversation(num_msg, msg, resp, helper == nullptr ? nullptr : helper->m_password.c_str());
 }
 
 bool PAMHelper::startSession()
@@ -297,15 +204,14 @@ bool PAMHelper::startSession()
 
 int PAMHelper::stopSession()
 {
-    enterCall();
-    {
-        const FastLock lock(instanceMapMonitor);
-        if (m_pamHandle != nullptr) {
-            closeSession();
-            eraseEntry();
-        }
-    }
-    leaveCall();
+    hold();
+    const AtExit leave([this] { letGo(1); });
+    const FastLock lock(instanceMapMonitor);
+    if (m_pamHandle == nullptr)
+        return 0;
+    closeSession();
+    if (!m_disposed)
+        eraseEntry();
     return 0;
 }
 
@@ -330,6 +236,12 @@ void PAMHelper::setSessionId(const std::string& sessionId)
 std::string& PAMHelper::getSessionId()
 {
     return m_sessionId;
+}
+
+void PAMHelper::setKEPSessionId(int id)
+{
+    const FastLock lock(instanceMapMonitor);
+    writeShared(m_kepSessionId, id);
 }
 
 int PAMHelper::getKEPSessionId()
@@ -359,20 +271,24 @@ Monitor* PAMHelper::getMonitor()
     return &instanceMapMonitor;
 }
 
+// The end of a helper: its creator holds it, and so does each thread inside stopSession() or dispose(). The
+// first dispose() marks it, closes its session and gives the creator's hold up. Every dispose() takes it out
+// of the registries before it returns. Whoever lets go last deletes it, so nobody finds a helper that is
+// being deleted. Once marked, a helper removes only the entry that names itself: its id may belong to a new
+// login by then.
+
 void PAMHelper::dispose()
 {
-    enterCall();
-    bool isFirst = false;
-    {
-        const FastLock lock(instanceMapMonitor);
-        isFirst = !std::exchange(m_disposed, true);
-    }
-    if (isFirst) {
-        if (m_pamHandle != nullptr)
-            stopSession();
-        std::atomic_ref<int>(m_calls).fetch_or(kDeleteAfterwards);
-    }
-    leaveCall(); // NOLINT(clang-analyzer-cplusplus.NewDelete): stopSession() left its own call, not this one
+    hold();
+    int holds = 1;
+    const AtExit leave([&] { letGo(holds); });
+    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): stopSession() lets its own hold go, not this one
+    const AtExit depart([this] { leaveRegistries(); });
+    if (!beginDisposal())
+        return;
+    ++holds; // the creator's
+    if (m_pamHandle != nullptr)
+        stopSession();
 }
 
 void PAMHelper::setFwInProgress(bool flag)
@@ -444,17 +360,17 @@ int PAMHelper::checkOtherUser(const std::string& user, const std::string& passwo
 {
     std::string otherUser = user;
     m_password = password;
-    m_user.swap(otherUser); // nothing below can throw before the helper's own user is back
+    m_user.swap(otherUser);
+    const AtExit restore([&] { m_user.swap(otherUser); });
     pam_handle_t* temporary = nullptr;
+    int status = PAM_AUTH_ERR;
+    const AtExit end([&] { endTransaction(temporary, status); });
     const int startStatus = pam_start(m_service.c_str(), user.c_str(), &m_conv, &temporary);
     pamSetItem(temporary, PAM_RHOST, m_remoteIP.c_str());
     putVariable(temporary, kInterfaceVariable, m_interfaceIP.c_str());
-    int status = PAM_AUTH_ERR;
     if (startStatus == PAM_SUCCESS)
         status = skipAuth ? PAM_SUCCESS : pamAuthenticate(temporary, 0);
     setAuthResult(status);
-    pamEnd(temporary, status);
-    m_user.swap(otherUser);
     return status;
 }
 
@@ -474,9 +390,9 @@ void PAMHelper::readKEPSessionId()
 void PAMHelper::setFlag(bool& field, bool flag)
 {
     const FastLock lock(instanceFwMapMonitor);
-    writeShared(field, flag);
+    instanceFwMap.insert_or_assign(flag, this); // may run out of memory
     writeShared(m_hasSetFlag, true);
-    instanceFwMap.insert_or_assign(flag, this);
+    writeShared(field, flag);
 }
 
 /// Called with the monitor held, which is given up for the call to PAM.
@@ -486,10 +402,13 @@ void PAMHelper::closeSession()
         return;
     // Cleared before the monitor is given up, so that of two threads only one closes the session.
     writeShared(m_sessionOpen, false);
-    instanceMapMonitor.releaseLock();
-    const int status = pam_close_session(m_pamHandle, 0);
-    instanceMapMonitor.fastLock();
-    setAuthResult(status);
+    setAuthResult(closeUnlocked());
+}
+
+int PAMHelper::closeUnlocked()
+{
+    const FastUnlock unlock(instanceMapMonitor);
+    return pam_close_session(m_pamHandle, 0);
 }
 
 /// The entry that names this helper; there is one at most. Called with the monitor held.
@@ -524,6 +443,7 @@ void PAMHelper::leaveRegistries()
         const auto entry = ownEntry();
         if (entry != instanceMap.end())
             instanceMap.erase(entry);
+        m_wasRegistered = false;
     }
     if (!readShared(m_hasSetFlag))
         return;
@@ -531,17 +451,26 @@ void PAMHelper::leaveRegistries()
     std::erase_if(instanceFwMap, [this](const auto& entry) { return entry.second == this; });
 }
 
-// A thread may still be stopping a session, or waiting for the monitor in dispose(), when another disposes of
-// the helper. The last of them to leave deletes it.
-
-void PAMHelper::enterCall()
+/// Mark the helper. Returns whether this call was the first. As with stopSession(), another login that holds
+/// the helper's id loses it.
+bool PAMHelper::beginDisposal()
 {
-    std::atomic_ref<int>(m_calls).fetch_add(kOneCall, std::memory_order_relaxed);
+    const FastLock lock(instanceMapMonitor);
+    if (std::exchange(m_disposed, true))
+        return false;
+    const auto entry = instanceMap.find(m_sessionId);
+    if (m_pamHandle != nullptr && entry != instanceMap.end() && entry->second != this)
+        instanceMap.erase(entry);
+    return true;
 }
 
-void PAMHelper::leaveCall()
+void PAMHelper::hold()
 {
-    const int before = std::atomic_ref<int>(m_calls).fetch_sub(kOneCall, std::memory_order_acq_rel);
-    if (before == (kOneCall | kDeleteAfterwards))
+    std::atomic_ref<int>(m_holds).fetch_add(1, std::memory_order_relaxed);
+}
+
+void PAMHelper::letGo(int holds)
+{
+    if (std::atomic_ref<int>(m_holds).fetch_sub(holds, std::memory_order_acq_rel) == holds)
         delete this;
 }

@@ -14,3 +14,16 @@ public:
 private:
     Monitor& m_monitor;
 };
+
+/// Gives one level of a held monitor up for one scope.
+class FastUnlock {
+public:
+    explicit FastUnlock(Monitor& monitor) : m_monitor(monitor) { m_monitor.releaseLock(); }
+    ~FastUnlock() { m_monitor.fastLock(); }
+
+    FastUnlock(const FastUnlock&) = delete;
+    FastUnlock& operator=(const FastUnlock&) = delete;
+
+private:
+    Monitor& m_monitor;
+};

@@ -1,19 +1,17 @@
 #include "PAMHelper.h"
+#include "support/FakePam.h"
 #include "support/Files.h"
 #include "support/ProcessMemory.h"
 
 #include <functional>
 #include <future>
 #include <gtest/gtest.h>
-#include <map>
 #include <openssl/crypto.h>
-#include <vector>
-
-struct pam_handle : pam_conv {
-    int number = 0;
-};
+#include <thread>
 
 namespace {
+
+using Calls = std::vector<std::string>;
 
 bool isMonitorHeld()
 {
@@ -24,103 +22,51 @@ bool isMonitorHeld()
     return std::async(std::launch::async, isTaken).get(); // no matter which thread has it
 }
 
-/// What the PAM functions below answer and record.
-struct FakePam {
-    std::map<std::string, int> statuses; // by the first word of a call, success for others
-    const char* sessionIdText = nullptr;
-    std::function<int(const pam_conv&)> onAuthenticate;
-    std::function<void()> onClose;
-    bool keepsNothing =
-        false; // of the arguments, and starts no thread: its stack would hold what registers hold
-    std::vector<std::string> calls;
-    int handles = 0;
+Calls takeCalls()
+{
+    return std::exchange(fakePam().calls, {});
+}
 
-    int step(const pam_handle_t* pam, std::string_view call)
+/// A host's own kind of helper. Nobody may find one of which half is gone.
+struct Login : PAMHelper {
+    Login() : PAMHelper("::ffff:10.0.0.9", nullptr) {}
+    ~Login() override
     {
-        if (keepsNothing)
-            return PAM_SUCCESS;
-        if (!call.starts_with("end ")) {
-            EXPECT_EQ(isMonitorHeld(), call != "close 0") << call;
-        }
-        calls.push_back((pam == nullptr ? "-" : std::to_string(pam->number)).append(" ").append(call));
-        return statuses[std::string(call.substr(0, call.find(' ')))];
+        for (const auto& [id, helper] : instanceMap)
+            EXPECT_NE(helper, this) << id;
+        for (const auto& [flag, helper] : instanceFwMap)
+            EXPECT_NE(helper, this) << flag;
+        ++s_deleted;
     }
+    static inline std::atomic<int> s_deleted = 0;
 };
 
-FakePam s_pam;
-
-} // namespace
-
-#define FAKE extern "C" __attribute__((visibility("default")))
-
-FAKE int pam_start(const char* service, const char* user, const pam_conv* conversation, pam_handle_t** pam)
-{
-    *pam = s_pam.statuses["start"] == PAM_SUCCESS ? new pam_handle{*conversation, ++s_pam.handles} : nullptr;
-    return s_pam.step(*pam, std::string("start ") + service + " " + user);
-}
-
-FAKE int pam_end(pam_handle_t* pam, int status)
-{
-    s_pam.step(pam, "end " + std::to_string(status));
-    delete pam;
-    return PAM_SUCCESS;
-}
-
-FAKE int pam_set_item(pam_handle_t* pam, int item, const void* value)
-{
-    s_pam.step(pam, (item == PAM_RHOST ? "rhost " : "? ") + std::string(static_cast<const char*>(value)));
-    return PAM_SYSTEM_ERR; // not looked at
-}
-
-FAKE int pam_putenv(pam_handle_t* pam, const char* text)
-{
-    s_pam.step(pam, text);
-    return PAM_BUF_ERR; // not looked at
-}
-
-FAKE const char* pam_getenv(pam_handle_t*, const char* name)
-{
-    return std::string_view(name) == "SESSION_ID" ? s_pam.sessionIdText : nullptr;
-}
-
-FAKE int pam_authenticate(pam_handle_t* pam, int flags)
-{
-    const int status = s_pam.step(pam, "authenticate " + std::to_string(flags));
-    return s_pam.onAuthenticate ? s_pam.onAuthenticate(*pam) : status;
-}
-
-FAKE int pam_acct_mgmt(pam_handle_t* pam, int flags)
-{
-    return s_pam.step(pam, "account " + std::to_string(flags));
-}
-
-FAKE int pam_open_session(pam_handle_t* pam, int flags)
-{
-    return s_pam.step(pam, "open " + std::to_string(flags));
-}
-
-FAKE int pam_close_session(pam_handle_t* pam, int flags)
-{
-    const int status = s_pam.step(pam, "close " + std::to_string(flags));
-    if (s_pam.onClose)
-        s_pam.onClose();
-    return status;
-}
-
-namespace {
-
-using Calls = std::vector<std::string>;
-
 struct PamCallsTest : testing::Test {
-    PamCallsTest() { s_pam = {}; }
-    ~PamCallsTest() override { m_helper->dispose(); }
+    PamCallsTest() { forgetCalls(); }
+    ~PamCallsTest() override
+    {
+        m_helper->dispose();
+        fakePam() = {};
+    }
 
+    void forgetCalls()
+    {
+        fakePam() = {};
+        fakePam().records = true;
+        fakePam().onRecord = [this](std::string_view call) {
+            const bool closes = call.starts_with("close "), ends = call.starts_with("end ");
+            EXPECT_TRUE(ends || isMonitorHeld() != closes) << call;
+            if (closes && m_onClose)
+                m_onClose();
+        };
+        m_onClose = nullptr;
+    }
     /// Start again, with a helper and a PAM that know nothing.
     void renew()
     {
         m_helper->dispose();
-        s_pam = {};
-        m_helper = new PAMHelper("::ffff:10.0.0.9", nullptr);
+        forgetCalls();
+        m_helper = new Login;
     }
     /// Whatever comes of it, the helper forgets the password.
     int authenticate(auto&... arguments)
@@ -132,18 +78,25 @@ struct PamCallsTest : testing::Test {
     }
     int logIn(bool skip = false) { return authenticate(m_service, m_user, m_password, skip); }
     int checkAgain(std::string user, bool skip = false) { return authenticate(user, m_password, skip); }
-    static Calls takeCalls() { return std::exchange(s_pam.calls, {}); }
+    void open(const char* sessionId = "S1")
+    {
+        logIn();
+        ASSERT_TRUE(m_helper->startSession());
+        m_helper->setSessionId(sessionId);
+        takeCalls();
+    }
 
     /// Each authentication holds this conversation. Its replies come into m_replies.
     void letPamAsk(const std::vector<pam_message>& messages)
     {
-        s_pam.onAuthenticate = [this, messages](const pam_conv& conversation) {
+        fakePam().onAuthenticate = [this, messages](const pam_handle_t& pam) {
             std::vector<const pam_message*> pointers;
             for (const pam_message& message : messages)
                 pointers.push_back(&message);
             pam_response* response = nullptr;
+            const auto& [converse, helper] = pam.conversation;
             const int count = static_cast<int>(messages.size());
-            const int status = conversation.conv(count, pointers.data(), &response, conversation.appdata_ptr);
+            const int status = converse(count, pointers.data(), &response, helper);
             for (int i = 0; response != nullptr && i < count; ++i) {
                 m_replies.emplace_back(response[i].resp == nullptr ? "-" : response[i].resp);
                 std::free(response[i].resp);
@@ -153,9 +106,10 @@ struct PamCallsTest : testing::Test {
         };
     }
 
-    PAMHelper* m_helper = new PAMHelper("::ffff:10.0.0.9", nullptr);
+    PAMHelper* m_helper = new Login;
     std::string m_service = "svc", m_user = "alice", m_password = "pass word";
-    std::vector<std::string> m_replies;
+    Calls m_replies;
+    std::function<void()> m_onClose;
 };
 
 TEST_F(PamCallsTest, EachFormCallsPamInItsOrder)
@@ -165,7 +119,7 @@ TEST_F(PamCallsTest, EachFormCallsPamInItsOrder)
     bool skip = false;
     const auto expectVariables = [&](const Calls& variables, auto&... arguments) {
         renew();
-        s_pam.statuses["account"] = PAM_PERM_DENIED;
+        fakePam().statuses["account"] = PAM_PERM_DENIED;
         EXPECT_EQ(authenticate(m_service, m_user, m_password, arguments..., skip), PAM_PERM_DENIED);
         Calls calls = {"1 start svc alice", "1 rhost 10.0.0.9", "1 INTERFACE_IP=", "1 authenticate 0",
                        "1 account 0"};
@@ -179,13 +133,18 @@ TEST_F(PamCallsTest, EachFormCallsPamInItsOrder)
     expectVariables({"1 OIDC_LOGIN2=v"}, context, almost, value);
 }
 
-TEST_F(PamCallsTest, LaterStepsAreLeftOutAfterAFailureOrOnRequest)
+TEST_F(PamCallsTest, WithoutTransactionPamIsNotCalled)
 {
     EXPECT_EQ(m_helper->getAuthResult(), PAM_AUTHINFO_UNAVAIL);
     EXPECT_FALSE(m_helper->startSession());
-    EXPECT_EQ(m_helper->stopSession() + m_helper->setEnv("A", "B"), 0);
+    EXPECT_EQ(m_helper->stopSession(), 0);
+    EXPECT_EQ(m_helper->setEnv("A", "B"), 0);
     EXPECT_EQ(m_helper->getEnv("A"), nullptr);
-    EXPECT_EQ(takeCalls(), Calls{}); // no transaction, no call
+    EXPECT_EQ(takeCalls(), Calls{});
+}
+
+TEST_F(PamCallsTest, LaterStepsAreLeftOutAfterAFailureOrOnRequest)
+{
     const struct {
         decltype(FakePam::statuses) statuses;
         bool skips;
@@ -195,17 +154,14 @@ TEST_F(PamCallsTest, LaterStepsAreLeftOutAfterAFailureOrOnRequest)
     } cases[] = {
         {{{"start", PAM_ABORT}}, false, PAM_AUTH_ERR, "- rhost 10.0.0.9"},
         {{{"authenticate", PAM_MAXTRIES}}, false, PAM_MAXTRIES, "1 authenticate 0"},
-        {{{"authenticate", PAM_MAXTRIES}, {"account", PAM_ACCT_EXPIRED}},
-         true,
-         PAM_ACCT_EXPIRED,
-         "1 account 0"},
+        {{{"authenticate", 1}, {"account", PAM_ACCT_EXPIRED}}, true, PAM_ACCT_EXPIRED, "1 account 0"},
         {{{"account", PAM_NEW_AUTHTOK_REQD}}, false, PAM_NEW_AUTHTOK_REQD, "1 open 0", true},
         {{}, false, PAM_SUCCESS, "1 open 0", true},
         {{{"open", PAM_SESSION_ERR}}, false, PAM_SUCCESS, "1 open 0"},
     };
     for (const auto& [statuses, skips, result, lastCall, opens] : cases) {
         renew();
-        s_pam.statuses = statuses;
+        fakePam().statuses = statuses;
         EXPECT_EQ(logIn(skips), result);
         EXPECT_EQ(m_helper->startSession(), opens);
         EXPECT_EQ(m_helper->isValid(), opens);
@@ -219,36 +175,46 @@ TEST_F(PamCallsTest, CheckOfAnotherUserUsesItsOwnTransactionOnly)
     const auto expectCheck = [&](const char* user, bool skips, int status, const Calls& calls) {
         EXPECT_EQ(checkAgain(user, skips), status);
         EXPECT_EQ(takeCalls(), calls);
+        EXPECT_EQ(m_helper->getUser(), "alice");
     };
-    s_pam.statuses["authenticate"] = PAM_SYSTEM_ERR;
+    fakePam().statuses["authenticate"] = PAM_SYSTEM_ERR;
     expectCheck("alice", false, PAM_SYSTEM_ERR, {"- authenticate 0"}); // makes the user the helper's own
     expectCheck("alice", true, PAM_SUCCESS, {});
     expectCheck("bob", true, PAM_SUCCESS, {"1 start  bob", "1 rhost 10.0.0.9", "1 INTERFACE_IP=", "1 end 0"});
     m_helper->setInterfaceIP("::ffff:10.0.0.1");
     logIn();
     takeCalls();
-    expectCheck(
-        "bob", false, PAM_SYSTEM_ERR,
-        {"3 start svc bob", "3 rhost 10.0.0.9", "3 INTERFACE_IP=10.0.0.1", "3 authenticate 0", "3 end 4"});
-    s_pam.statuses["start"] = PAM_BUF_ERR;
+    Calls calls = {"3 start svc bob", "3 rhost 10.0.0.9", "3 INTERFACE_IP=10.0.0.1", "3 authenticate 0",
+                   "3 end 4"};
+    expectCheck("bob", false, PAM_SYSTEM_ERR, calls);
+    fakePam().statuses["start"] = PAM_BUF_ERR;
     expectCheck("bob", false, PAM_AUTH_ERR, {"- start svc bob", "- rhost 10.0.0.9", "- end 7"});
-    expectCheck("alice", true, PAM_SUCCESS, {});
-    s_pam.statuses = {};
+    fakePam().statuses.clear();
+    fakePam().onAuthenticate = [](const pam_handle_t&) -> int { throw "out"; };
+    EXPECT_THROW(checkAgain("bob"), const char*); // as a cancelled thread leaves it
+    EXPECT_EQ(m_helper->getUser(), "alice");
+    EXPECT_EQ(takeCalls().back(), "4 end 7");
+}
+
+TEST_F(PamCallsTest, PasswordIsAnsweredForEachUser)
+{
+    logIn();
     letPamAsk({{PAM_PROMPT_ECHO_OFF, "Password: "}});
     for (const char* user : {"alice", "bob"})
-        EXPECT_EQ(checkAgain(user), PAM_SUCCESS);
+        EXPECT_EQ(checkAgain(user), PAM_SUCCESS) << user;
     EXPECT_EQ(m_replies, Calls(2, m_password));
 }
 
 TEST_F(PamCallsTest, DisposeClosesAndEndsWithTheStatusOfTheClose)
 {
-    logIn();
-    ASSERT_TRUE(m_helper->startSession());
-    s_pam.statuses["close"] = PAM_SESSION_ERR;
-    takeCalls();
+    open();
+    auto* const other = new Login;
+    other->setSessionId("S1");
+    fakePam().statuses["close"] = PAM_SESSION_ERR;
     m_helper->dispose();
     EXPECT_EQ(takeCalls(), (Calls{"1 close 0", "1 end 14"}));
-    m_helper = new PAMHelper(nullptr, nullptr);
+    EXPECT_EQ(PAMHelper::instanceForSessionId("S1"), nullptr); // whoever had it
+    m_helper = other;
 }
 
 TEST_F(PamCallsTest, RegistriesWaitForTheMonitorThatGuardsThem)
@@ -259,6 +225,7 @@ TEST_F(PamCallsTest, RegistriesWaitForTheMonitorThatGuardsThem)
         {registry, [&] { m_helper->setSessionId("S1"); }},
         {registry, [&] { PAMHelper::instanceForSessionId("S1"); }},
         {registry, [&] { PAMHelper::instanceForKEPId(0); }},
+        {registry, [&] { m_helper->setKEPSessionId(1); }},
         {registry, [&] { m_helper->stopSession(); }},
         {flags, [&] { m_helper->setFwInProgress(true); }},
         {flags, [&] { m_helper->setFWSemaphoreLock(true); }},
@@ -275,34 +242,66 @@ TEST_F(PamCallsTest, RegistriesWaitForTheMonitorThatGuardsThem)
     }
 }
 
-TEST_F(PamCallsTest, HelperOutlivesTheCallsThatOthersAreStillIn)
+TEST_F(PamCallsTest, NobodyFindsADisposedHelperAndNoLateStopTakesItsSuccessorsEntry)
 {
-    for (int round = 0; round < 200; ++round) {
-        renew();
-        logIn();
-        m_helper->startSession();
-        s_pam.onClose = [&] {
+    const std::function<void()> waysToClose[] = {[&] { m_helper->stopSession(); },
+                                                 [&] { m_helper->dispose(); }};
+    for (const auto& close : waysToClose) {
+        open();
+        auto* const successor = new Login;
+        m_onClose = [&] {
             EXPECT_FALSE(m_helper->isValid());
+            EXPECT_EQ(PAMHelper::instanceForSessionId("S1"), m_helper);
             std::thread([&] { m_helper->dispose(); }).join(); // while this thread closes the session
+            EXPECT_EQ(PAMHelper::instanceForSessionId("S1"), nullptr);
+            successor->setSessionId("S1");
         };
-        takeCalls();
-        EXPECT_EQ(m_helper->stopSession(), 0);
-        EXPECT_EQ(takeCalls(), (Calls{"1 close 0", "1 end 0"}));
-        m_helper = new PAMHelper(nullptr, nullptr);
-        std::atomic<int> begun = 0;
+        close();
+        EXPECT_EQ(takeCalls().back(), "1 end 0");
+        EXPECT_EQ(PAMHelper::instanceForSessionId("S1"), successor);
+        m_helper = successor;
+        renew();
+    }
+}
+
+TEST_F(PamCallsTest, LastOfManyThatDisposeAtOnceDeletes)
+{
+    for (int round = 0; round < 100; ++round) {
+        logIn(); // without a session: the others would hold the monitor at its close
+        Login::s_deleted = 0;
         std::vector<std::future<void>> others;
-        PAMHelper::getMonitor()->fastLock(); // all of them are in dispose before one goes on
+        PAMHelper::getMonitor()->fastLock();
         for (int i = 0; i < 3; ++i)
-            others.push_back(std::async(std::launch::async, [&] {
-                ++begun;
-                m_helper->dispose();
-            }));
-        while (begun < 3)
+            others.push_back(std::async(std::launch::async, [this] { m_helper->dispose(); }));
+        while (std::atomic_ref<int>(m_helper->m_holds) < 1 + 3) // all of them are in before one goes on
             std::this_thread::yield();
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
         PAMHelper::getMonitor()->releaseLock();
         others.clear();
-        m_helper = new PAMHelper(nullptr, nullptr);
+        EXPECT_EQ(Login::s_deleted, 1);
+        m_helper = new Login;
+    }
+}
+
+TEST_F(PamCallsTest, WhatThrowsOutOfACloseLeavesNoLockAndNoHelper)
+{
+    for (const bool stopsBefore : {true, false}) {
+        open();
+        Login::s_deleted = 0;
+        fakePam().onRecord = [](std::string_view call) {
+            if (call.starts_with("close "))
+                throw "out";
+        };
+        PAMHelper::getMonitor()->fastLock();
+        EXPECT_THROW(stopsBefore ? (void)m_helper->stopSession() : m_helper->dispose(), const char*);
+        EXPECT_TRUE(isMonitorHeld()); // the level that is ours
+        PAMHelper::getMonitor()->releaseLock();
+        EXPECT_FALSE(isMonitorHeld());
+        if (stopsBefore)
+            m_helper->dispose();
+        EXPECT_EQ(Login::s_deleted, 1);
+        EXPECT_EQ(takeCalls().back().substr(2), "end 0");
+        m_helper = new Login;
+        forgetCalls();
     }
 }
 
@@ -310,27 +309,85 @@ TEST_F(PamCallsTest, SessionIdTextGivesTheNumericId)
 {
     const std::pair<const char*, int> cases[] = {{"7", 7}, {"-0X1f", -31}, {"abc", -31}, {nullptr, 0}};
     logIn();
-    for (const auto& [text, id] :
-         cases) { // one after another on one helper: what is no number changes nothing
-        s_pam.sessionIdText = text;
+    for (const auto& [text, id] : cases) { // on one helper: what is no number changes nothing
+        fakePam().sessionId = text;
         ASSERT_TRUE(m_helper->startSession());
         EXPECT_EQ(m_helper->getKEPSessionId(), id) << (text == nullptr ? "absent" : text);
     }
-    s_pam.statuses["open"] = PAM_SESSION_ERR;
-    EXPECT_FALSE(m_helper->startSession() || m_helper->isValid());
+    m_helper->setSessionId("S1");
+    m_helper->setKEPSessionId(1234);
+    EXPECT_EQ(PAMHelper::instanceForKEPId(1234), m_helper);
+}
+
+TEST_F(PamCallsTest, FirmwareMapNamesWhoSetEachValueLast)
+{
+    auto *a = new Login, *b = new Login; // no transaction, so nothing is stopped
+    a->setFwInProgress(true);
+    b->setFWSemaphoreLock(true);
+    EXPECT_TRUE(a->isFwInProgress());
+    EXPECT_FALSE(a->isFwSemLocked());
+    EXPECT_TRUE(b->isFwSemLocked());
+    EXPECT_FALSE(b->isFwInProgress());
+    EXPECT_EQ(PAMHelper::instanceFwMap.at(true), b);
+    a->setFwInProgress(false);
+    EXPECT_EQ(PAMHelper::instanceFwMap, (std::map<bool, PAMHelper*>{{false, a}, {true, b}}));
+    a->dispose();
+    b->dispose();
+}
+
+TEST_F(PamCallsTest, RegistryFollowsAHelperWhoseIdWasChangedBehindItsBack)
+{
+    auto *a = new Login, *b = new Login;
+    a->setSessionId("S1");
+    b->setSessionId("S1");
+    a->dispose(); // the entry is the other's
+    EXPECT_EQ(PAMHelper::instanceForSessionId("S1"), b);
+    b->getSessionId() = "changed";
+    b->setSessionId("S2");
+    EXPECT_EQ(PAMHelper::instanceForSessionId("S1"), nullptr);
+    b->getSessionId() = "";
+    b->dispose();
+}
+
+TEST_F(PamCallsTest, AddressesAreReducedToWhatIsMapped)
+{
+    const std::pair<const char*, const char*> cases[] = {
+        {"::ffff:10.20.30.40", "10.20.30.40"},
+        {nullptr, "10.20.30.40"},
+        {"10.20.30.40", "10.20.30.40"},
+        {"fe80::1", "fe80::1"},
+        {":10.0.0.1", ":10.0.0.1"},
+        {"10.0.0.1:", ""},
+        {"1.2:3:4", "4"},
+        {"", ""},
+    };
+    for (const auto& [address, reduced] : cases) {
+        m_helper->setRemoteIP(address);
+        m_helper->setInterfaceIP(address);
+        EXPECT_EQ(m_helper->getRemoteIP(), reduced);
+        EXPECT_EQ(m_helper->m_interfaceIP, reduced);
+    }
+}
+
+TEST_F(PamCallsTest, FailedOpeningForgetsTheSessionBefore)
+{
+    open();
+    fakePam().statuses["open"] = PAM_SESSION_ERR;
+    EXPECT_FALSE(m_helper->startSession());
+    EXPECT_FALSE(m_helper->isValid());
 }
 
 TEST_F(PamCallsTest, ConversationAnswersOnlyPasswordPrompts)
 {
-    const auto logInAsked = [&](std::size_t times, const char* prompt) {
+    const std::tuple<std::size_t, const char*, int> cases[] = {
+        {0, "Password: ", PAM_CONV_ERR}, {33, "Password: ", PAM_CONV_ERR},
+        {1, "Password:", PAM_CONV_ERR},  {1, "New Password: ", PAM_CONV_ERR},
+        {1, "PIN: ", PAM_CONV_ERR},      {32, "New password: again", PAM_SUCCESS}};
+    for (const auto& [times, prompt, status] : cases) {
         renew();
         letPamAsk(std::vector<pam_message>(times, {PAM_PROMPT_ECHO_OFF, prompt}));
-        return logIn();
-    };
-    for (const auto& [times, prompt] :
-         {std::pair{0, "Password: "}, {33, "Password: "}, {1, "Password:"}, {1, "New Password: "}})
-        EXPECT_EQ(logInAsked(times, prompt), PAM_CONV_ERR);
-    EXPECT_EQ(logInAsked(32, "New password: again"), PAM_SUCCESS);
+        EXPECT_EQ(logIn(), status) << times << prompt;
+    }
     EXPECT_EQ(m_replies, Calls(32, m_password));
 }
 
@@ -358,10 +415,10 @@ TEST_F(PamCallsTest, NoTemporaryOrDiscardedReplyKeepsThePassword)
     std::string password = secret.text(), name = "NAME", value = "v";
     for (bool skip : {false, true}) { // without replies, nothing covers what a temporary left
         renew();
-        s_pam.keepsNothing = true;
+        fakePam().records = false; // and starts no thread: its stack would hold what registers hold
         letPamAsk({asks, asks, asks, {PAM_PROMPT_ECHO_OFF, "PIN: "}});
-        EXPECT_EQ(m_helper->authenticate(m_service, m_user, password, name, value, skip) == PAM_SUCCESS,
-                  skip);
+        EXPECT_EQ(m_helper->authenticate(m_service, m_user, password, name, value, skip),
+                  skip ? PAM_SUCCESS : PAM_CONV_ERR);
     }
     EXPECT_TRUE(ProcessMemory::holds(secret)); // the caller's own copy
     OPENSSL_cleanse(password.data(), password.size());

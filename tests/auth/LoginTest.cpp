@@ -1,6 +1,6 @@
 #include "EmbeddedPam.h"
 #include "PAMHelper.h"
-#include "support/Files.h"
+#include "support/PamStack.h"
 
 #include <atomic>
 #include <gtest/gtest.h>
@@ -9,19 +9,8 @@
 
 namespace {
 
-/// A PAM stack in a scratch folder.
 struct LoginTest : testing::Test {
-    LoginTest()
-    {
-        std::ofstream service(m_dir.path("test")), accounts(m_dir.path("accounts"));
-        for (const char* type : {"auth", "account", "session"})
-            service << type << " required " GORV_DEMO_MODULE " accounts=" << m_dir.path("accounts") << '\n';
-        useServiceFilesIn(m_dir.path().c_str());
-        for (const auto& [user, session] : {std::pair{"alice", "7"}, {"minus", "-1"}, {"crowd", "auto"}})
-            accounts << user
-                     << ":salt$8808161c460734fc7bb91a1d1a26e7a2eb75ef0b18ce8538c05218d503e23c36:0:" << session
-                     << '\n'; // "wonderland", as the module stores it
-    }
+    LoginTest() { useServiceFilesIn(m_stack.path().c_str()); }
     ~LoginTest() override
     {
         useServiceFilesIn(nullptr);
@@ -36,7 +25,7 @@ struct LoginTest : testing::Test {
         return helper;
     }
 
-    const TempDir m_dir;
+    const PamStack m_stack{GORV_DEMO_MODULE, "test", {{"alice", "7"}, {"minus", "-1"}, {"crowd", "auto"}}};
 };
 
 TEST_F(LoginTest, HelperIsFoundByTextAndNumberUntilItsSessionStops)
@@ -64,29 +53,6 @@ TEST_F(LoginTest, HelperIsFoundByTextAndNumberUntilItsSessionStops)
     EXPECT_TRUE(second->startSession()); // again, on the same transaction
     for (PAMHelper* helper : {first, second, minus})
         helper->dispose();
-}
-
-TEST_F(LoginTest, FirmwareMapNamesWhoSetEachValueLastAndDeletedHelperIsInNoMap)
-{
-    auto *a = new PAMHelper(nullptr, nullptr),
-         *b = new PAMHelper(nullptr, nullptr); // no transaction, so nothing is stopped
-    a->setFwInProgress(true);
-    b->setFWSemaphoreLock(true);
-    EXPECT_TRUE(a->isFwInProgress() && !a->isFwSemLocked() && b->isFwSemLocked() && !b->isFwInProgress());
-    EXPECT_EQ(PAMHelper::instanceFwMap.at(true), b);
-    a->setFwInProgress(false);
-    EXPECT_EQ(PAMHelper::instanceFwMap, (std::map<bool, PAMHelper*>{{false, a}, {true, b}}));
-    a->setSessionId("S1");
-    b->setSessionId("S1");
-    a->dispose(); // the entry is the other's
-    EXPECT_EQ(PAMHelper::instanceForSessionId("S1"), b);
-    b->getSessionId() = "changed behind its back";
-    b->setSessionId("S2");
-    EXPECT_EQ(PAMHelper::instanceForSessionId("S1"), nullptr);
-    b->getSessionId() = "S3";
-    b->setSessionId("S3");
-    b->getSessionId() = "";
-    b->dispose();
 }
 
 TEST_F(LoginTest, ManyThreadsLogInFindAndDisposeWhileOthersLook)

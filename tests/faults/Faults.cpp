@@ -1,4 +1,5 @@
 #include "faults/Faults.h"
+#include "support/Interposed.h"
 
 #include <cerrno>
 #include <dlfcn.h>
@@ -59,20 +60,18 @@ Faults::~Faults()
 {
     s_armed = false;
 }
+
 std::string Faults::failedCall()
 {
     return failedName() == nullptr ? "" : failedName();
 }
-
-#define INTERPOSED extern "C" __attribute__((visibility("default")))
-#define REAL(name) reinterpret_cast<decltype(&::name)>(::dlsym(RTLD_NEXT, #name))
 
 /// Define the call NAME, which fails with RESULT and ERROR when it is its turn and goes to the system
 /// otherwise.
 #define FAILING(type, name, parameters, arguments, result, error, interruptible)                             \
     INTERPOSED type name parameters                                                                          \
     {                                                                                                        \
-        static const auto s_real = REAL(name);                                                               \
+        static const auto s_real = nextDefinition<decltype(::name)>(#name);                                  \
         return fails(#name, error, interruptible, __builtin_return_address(0)) ? result : s_real arguments;  \
     }
 
@@ -102,26 +101,27 @@ FAILING(ssize_t, write, (int descriptor, const void* data, std::size_t size), (d
 
 __attribute__((visibility("default"))) void* operator new(std::size_t size)
 {
-    static const auto s_real = reinterpret_cast<void* (*)(std::size_t)>(::dlsym(RTLD_NEXT, "_Znwm"));
+    static const auto s_real = nextDefinition<void*(std::size_t)>("_Znwm");
     return fails("new", ENOMEM, false, nullptr) ? throw std::bad_alloc() : s_real(size);
 }
 
 INTERPOSED unsigned sleep(unsigned)
 {
-    return 0;
-} // a child's delay
+    return 0; // a child's delay
+}
 
 INTERPOSED int pam_start_confdir(const char* service, const char* user, const pam_conv* conversation,
                                  const char* confdir, pam_handle_t** handle)
 {
-    const int status = REAL(pam_start_confdir)(service, user, conversation, confdir, handle);
+    const int status = nextDefinition<decltype(::pam_start_confdir)>("pam_start_confdir")(
+        service, user, conversation, confdir, handle);
     Faults::s_transactions += status == PAM_SUCCESS;
     return status;
 }
 
 INTERPOSED int pam_end(pam_handle_t* handle, int lastStatus)
 {
-    const int status = REAL(pam_end)(handle, lastStatus);
+    const int status = nextDefinition<decltype(::pam_end)>("pam_end")(handle, lastStatus);
     Faults::s_transactions -= status == PAM_SUCCESS;
     return status;
 }

@@ -8,6 +8,7 @@
 #include "SystemExec.h"
 #include "support/Files.h"
 #include "support/LockProbe.h"
+#include "support/PamStack.h"
 
 #include <arpa/inet.h>
 #include <csignal>
@@ -97,14 +98,8 @@ std::string logIn(Faults::Kind kind, int number, std::string password)
 
 TEST(FaultsTest, NoFaultLeaksALoginOrLetsAWrongPasswordIn)
 {
-    const TempDir dir;
-    std::ofstream service(dir.path("a-service-with-a-long-name"));
-    for (const char* type : {"auth", "account", "session"})
-        service << type << " required " GORV_DEMO_MODULE " accounts=" << dir.path("accounts") << std::endl;
-    std::ofstream(dir.path("accounts"))
-        << "a-user-with-a-long-name:salt$" // "wonderland", as the module stores it
-           "8808161c460734fc7bb91a1d1a26e7a2eb75ef0b18ce8538c05218d503e23c36:0:7\n";
-    useServiceFilesIn(dir.path().c_str());
+    const PamStack stack(GORV_DEMO_MODULE, "a-service-with-a-long-name", {{"a-user-with-a-long-name", "7"}});
+    useServiceFilesIn(stack.path().c_str());
     ::dlopen(GORV_DEMO_MODULE, RTLD_NOW); // loading it anew for each walk would take long
     const std::string any = "-1|0 opened|7|(0|0 opened|4|5|7|10|20) registered"; // PAM has much to fail with
     const std::string none = "(0 opened|7) registered";
