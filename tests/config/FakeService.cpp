@@ -12,7 +12,7 @@ const char* answeredText = "text";
 
 __attribute__((format(printf, 2, 3))) static int answer(int success, const char* format, ...)
 {
-    char call[256];
+    char call[512];
     va_list args;
     va_start(args, format);
     std::vsnprintf(call, sizeof call, format, args);

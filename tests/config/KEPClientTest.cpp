@@ -125,6 +125,9 @@ TEST_F(KEPClientTest, UpdateTellsFailureFromNoChangeForTextsOfAnyLength)
 {
     const std::string text(300, 'x');
     std::string value;
+    answeredReads = {{-2, 300}, {0, 300}};
+    EXPECT_EQ(outputOf([&] { EXPECT_EQ(m_client.updateProperty("p", text.c_str(), false), 1); }),
+              "kep_config_get p 0\nkep_config_get p 300\nkep_config_set_str_n p " + text + " 1\n");
     outputOf([&] {
         answers = {{"kep_config_set", 0x100}}; // refused
         EXPECT_EQ(m_client.updateProperty("p", "xx", true), -1);
@@ -136,8 +139,6 @@ TEST_F(KEPClientTest, UpdateTellsFailureFromNoChangeForTextsOfAnyLength)
         EXPECT_EQ(m_client.updateProperty("p", 7, true), 0);
         EXPECT_EQ(m_client.updateProperty("p", true, true), 0);
         answers.clear();
-        answeredReads = {{-2, 300}, {0, 300}};
-        EXPECT_EQ(m_client.updateProperty("p", text.c_str(), true), 1);
         for (const auto& reads : {std::deque{std::pair{-1, 9}}, {{0, 0}}, {{-2, 5}, {-2, 5}}}) {
             answeredReads = reads;
             value = "earlier";
