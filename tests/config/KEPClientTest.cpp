@@ -116,8 +116,11 @@ TEST_F(KEPClientTest, TextThatFillsTheBufferOrIsNoneIsReadInsideIt)
         EXPECT_STREQ(buffer.data(), text);
         outputOf([&, &fresh = value] { EXPECT_TRUE(m_client.setProperty("p", fresh.c_str(), true)); });
     }
-    answeredText = full.c_str();
-    outputOf([&] { EXPECT_FALSE(m_client.setProperty("p", full.c_str(), true)); });
+    for (const auto& [answer, value] :
+         {std::pair<const char*, const char*>{full.c_str(), full.c_str()}, {nullptr, ""}}) {
+        answeredText = answer;
+        outputOf([&, same = value] { EXPECT_FALSE(m_client.setProperty("p", same, true)); });
+    }
     answeredText = "text";
 }
 
