@@ -162,8 +162,7 @@ public:
 
     /// Wait and receive once, in any state.
     /// @param len at least 1
-    /// @param flag flags of the system's recv; with MSG_DONTWAIT it keeps asking, and complaining, until data
-    /// comes
+    /// @param flag flags of the system's recv; MSG_DONTWAIT makes it ask and complain until data comes
     int socket_read(unsigned char* data, int len, int flag, unsigned int timeout);
 
     /// writeString(), for chains.

@@ -91,8 +91,7 @@ public:
     /// Read a string of any length into a buffer that is replaced by a larger one if need be.
     ///
     /// @param buffer points at an array made with `new char[]`, or at null if @p size is 0. What it points at
-    /// on return, also
-    ///   when an exception leaves the call, is the caller's to release with `delete[]`.
+    ///   on return, also when an exception leaves the call, is the caller's to release with `delete[]`.
     /// @param size the size of the array; if it is 0, not a byte of it is touched. On success the size of the
     ///   value, its terminator included, which is never more than the array holds. After any other outcome it
     ///   is what the service left there: don't take it for the size of the array.
