@@ -4,12 +4,13 @@
 
 /// A stream that gives bytes and integers with the most significant byte first.
 ///
-/// Every operation takes a time-out in seconds that bounds each wait for data; 0 waits without limit. Every
-/// operation returns a count of bytes, 0 when the other end has closed, -1 after a time-out or a failure.
+/// Every operation takes a time-out in seconds that bounds each wait for data; 0 waits without limit. What
+/// follows a first byte may be awaited without limit until the other end closes. Every operation returns a
+/// count of bytes, 0 when the other end has closed, -1 after a time-out or a failure.
 /// None throws. Not destroyed through this interface.
 class GORV_API AInputStream {
 public:
-    /// Receive up to @p len bytes into @p data + @p offset.
+    /// Receive up to @p len bytes, at least 1, into @p data + @p offset.
     virtual int read(unsigned char* data, int offset, int len, unsigned int timeout) = 0;
 
     /// Receive 4 bytes into @p value, which changes only when the result is 4.

@@ -41,6 +41,12 @@ public:
     /// Throws NumberFormatException, with @p text as its message, when there is no number.
     static int parseInt(const char* text);
 
+    /// Read @p text, all of which must be one integer as parseInt() reads it, with no blank or anything else
+    /// before or behind it. A prefix needs digits.
+    /// @return whether it is one, from @p least to @p most. If not, as with null, @p value keeps what it
+    /// held.
+    static bool parseWhole(const char* text, int least, int most, int& value) noexcept;
+
     /// @return the 16-bit integer at @p data + @p offset, 0 to 65535.
     static int decodeShort(unsigned char* data, int offset);
     /// @return the 32-bit integer at @p data + @p offset.

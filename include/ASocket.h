@@ -17,9 +17,10 @@ class ALog;
 /// descriptor blocks, and sending to a peer that has gone raises SIGPIPE unless the program ignores it. Only
 /// setting up throws, and prints its progress to standard output. Reading and writing put their trail into
 /// the log of setLog(). The system's complaints go to standard error. A descriptor that is made here is
-/// close-on-exec.
+/// close-on-exec and never one of the standard streams' numbers.
 ///
-/// One thread at a time uses an object; separate objects are independent. Destroyed as an ASocket.
+/// One thread at a time uses an object, but for shutdown(); separate objects are independent. Destroyed as an
+/// ASocket.
 ///
 /// @code
 /// ASocket socket("127.0.0.1", 4711, true); // throws GorvSocketException
@@ -52,7 +53,8 @@ public:
     ASocket(const char* ip, int port);
 
     /// Take over @p socket, a connection accepted from @p address. Checks nothing. The descriptor must block:
-    /// receiving from one that doesn't keeps asking until data comes.
+    /// receiving from one that doesn't keeps asking, and complaining, until data comes. One that was accepted
+    /// without SOCK_CLOEXEC lives on in the programs that are run.
     ASocket(int socket, sockaddr_in& address);
 
     ASocket& operator=(const ASocket&) = delete;
@@ -81,6 +83,28 @@ public:
     /// @return the state, one of the constants above.
     int getSocketState();
 
+    /// @return the descriptor, which stays the object's, or -1 when it holds none. For the system's waits and
+    /// options; make it non-blocking only if nothing is received through the object any more.
+    int getDescriptor();
+
+    /// Bound, from now on, how long a message that has begun may stand still. When the peer sends or takes
+    /// nothing for @p seconds, at the latest for twice as long, readFully() and the operations on it give -1,
+    /// sending ends with its complaint, and either sets IO_ERROR, since half a message has passed; read()
+    /// gives what has come. The wait for a first byte knows its own time-out alone, and 0 stays without
+    /// limit.
+    ///
+    /// The limit is one of the connection: copies share it, and createIPSocket() begins without.
+    /// @param seconds 0 for no limit, as in the beginning
+    /// @return whether the system set it
+    bool setStallLimit(unsigned int seconds);
+
+    /// End the connection in both directions, for copies as well. The one operation that another thread may
+    /// call while one reads or writes, though not while one connects, closes or destroys: the reader then
+    /// sees a closed peer, and the writer a failure with its SIGPIPE. The state is left to them, and the
+    /// descriptor stays open.
+    /// @return false if the system refuses, as without a connection
+    bool shutdown();
+
     // From here on the order of the virtual operations is part of the interface: programs call them by slot.
 
     // Sending. Unless the state is CONNECTED nothing is sent. A failure prints "Socket write failed" on
@@ -107,13 +131,16 @@ public:
     virtual void writeShort(int value);
 
     // Receiving. @p timeout is in seconds and bounds each wait for data, not the whole operation; 0 waits
-    // without limit. The result is a count of bytes, 0 after the peer has closed (CLOSED_BY_PEER), -1 after a
-    // time-out (the state stays) or a failure (IO_ERROR, with a message on standard error). A signal
-    // interrupts nothing, but a wait starts anew, with its whole time-out.
+    // without limit. Once a first byte has come the rest is awaited without limit, until the peer closes, a
+    // signal arrives (a new wait follows) or the limit of setStallLimit() is reached. The result is a count
+    // of bytes, 0 after the peer has closed (CLOSED_BY_PEER), -1 after a time-out (the state stays) or a
+    // failure (IO_ERROR, with a message on standard error). A signal interrupts nothing, but a wait starts
+    // anew, with its whole time-out.
 
     /// Receive once into @p data + @p offset. Fewer than @p len bytes (at least 1) come back when the peer
-    /// closes or a signal arrives in between. A @p len of 0 can't be told from a closed peer.
-    /// @return 0 too when the state isn't CONNECTED
+    /// closes, a signal arrives or the connection stalls in between. A @p len of 0 waits as well, and then
+    /// can't be told from a closed peer, not even by the state.
+    /// @return 0 too in every state but CONNECTED
     int read(unsigned char* data, int offset, int len, unsigned int timeout) override;
     /// Receive 4 bytes through readFully().
     /// @return 4 with the integer in @p value; otherwise 0 or -1, and @p value keeps what it held
@@ -128,9 +155,14 @@ public:
     /// @return @p len; otherwise 0 or -1, which is also the result when the state isn't CONNECTED
     int readFully(unsigned char* data, int offset, int len, unsigned int timeout) override;
 
+    /// Wait for data and receive what is there, 1 to @p len bytes, into @p data.
+    /// @return their count; otherwise 0 or -1, which is also the result, at once, when the state isn't
+    ///   CONNECTED or @p len is below 1
+    int readAvailable(unsigned char* data, int len, unsigned int timeout);
+
     /// Wait and receive once, in any state.
     /// @param len at least 1
-    /// @param flag flags of the system's recv; with MSG_DONTWAIT it keeps asking until data comes
+    /// @param flag flags of the system's recv; MSG_DONTWAIT makes it ask and complain until data comes
     int socket_read(unsigned char* data, int len, int flag, unsigned int timeout);
 
     /// writeString(), for chains.
@@ -140,7 +172,7 @@ public:
 
 private:
     GORV_LOCAL void startAfresh();
-    [[noreturn]] GORV_LOCAL void failConnecting(const std::string& message, int line);
+    [[noreturn]] GORV_LOCAL void failConnecting(const std::string& message);
     GORV_LOCAL void sendAll(const unsigned char* data, int len);
     GORV_LOCAL bool awaitData(unsigned int timeout);
     GORV_LOCAL int receive(unsigned char* data, int len, int flag);

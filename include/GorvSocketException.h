@@ -13,7 +13,7 @@ public:
 
     /// @return the name of the operation that failed: "createIPSocket".
     std::string getFunction() const;
-    /// @return the source line that reported the failure.
+    /// @return the line of the library's source that threw.
     int getLine() const;
     /// @return what failed. The text ends with a newline unless it was cut, which happens at 255 characters.
     std::string getMessage() const;

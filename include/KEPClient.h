@@ -3,6 +3,7 @@
 #include "AComponentLog.h"
 #include "GorvApi.h"
 
+#include <string>
 #include <type_traits>
 
 /// A client of the controller's configuration, event and remote-function service.
@@ -25,6 +26,13 @@
 class GORV_API KEPClient {
     template <typename Text>
     using IfConstText = std::enable_if_t<std::is_same_v<Text, const char*>, int>;
+    // What converts to a pointer would pass for true.
+    template <typename Value>
+    using IfOtherPointer =
+        std::enable_if_t<(std::is_convertible_v<Value, const volatile void*> || std::is_pointer_v<Value> ||
+                          std::is_member_pointer_v<Value>)&&!std::is_convertible_v<Value, char*> &&
+                             !std::is_same_v<Value, const char*>,
+                         int>;
 
 public:
     /// A function that the service can call. What the arguments hold is the service's affair; as a rule the
@@ -64,13 +72,16 @@ public:
 
     /// @name Reading
     /// A failed read leaves an empty string, 0 or false and, except in the form without a size, logs a line.
+    /// What the service leaves without a terminator, or as it was, is read as a string all the same.
     /// @return whether the property was read.
     /// @{
 
     /// Read a string into the 256 bytes at @p buffer.
     bool getProperty(const char* name, char* buffer);
-    /// Read a string into the @p bufferSize bytes at @p buffer.
+    /// Read a string into the @p bufferSize bytes at @p buffer, which is null only with a size of 0.
     bool getProperty(const char* name, char* buffer, int bufferSize);
+    /// Read a string of any length. Throws std::bad_alloc when memory runs out.
+    bool getProperty(const char* name, std::string& value);
     /// Read an integer.
     bool getProperty(const char* name, int& value);
     /// Read a boolean.
@@ -79,8 +90,8 @@ public:
 
     /// Read a string of any length into a buffer that is replaced by a larger one if need be.
     ///
-    /// @param buffer points at an array made with `new char[]`, or at null. What it points at on return, also
-    ///   when an exception leaves the call, is the caller's to release with `delete[]`.
+    /// @param buffer points at an array made with `new char[]`, or at null if @p size is 0. What it points at
+    ///   on return, also when an exception leaves the call, is the caller's to release with `delete[]`.
     /// @param size the size of the array; if it is 0, not a byte of it is touched. On success the size of the
     ///   value, its terminator included, which is never more than the array holds. After any other outcome it
     ///   is what the service left there: don't take it for the size of the array.
@@ -91,7 +102,7 @@ public:
 
     /// @name Writing
     /// Write a property unless it holds @p value already. The value is read first, and a failed read of an
-    /// integer or a boolean is logged.
+    /// integer or a boolean is logged. A string of 256 characters and more is always written.
     /// @return true when the service took the value; false when it refused or nothing had to be written.
     /// @{
 
@@ -107,6 +118,25 @@ public:
     bool setProperty(const char* name, int value, bool flag);
     /// Write a boolean. The service is given @p flag.
     bool setProperty(const char* name, bool value, bool flag);
+    /// No other pointer is written, as a boolean least of all.
+    template <typename Value, IfOtherPointer<Value> = 0>
+    bool setProperty(const char* name, Value value, bool flag) = delete;
+    /// @}
+
+    /// @name Writing, with failure told from no change
+    /// As setProperty(), but texts of any length are compared, and their failed read is logged too.
+    /// @return 1 when the service took the value, 0 when it was there already, -1 when the service refused.
+    /// @{
+
+    /// Write a string. Null is refused. Throws std::bad_alloc when memory runs out.
+    int updateProperty(const char* name, const char* value, bool flag);
+    /// Write an integer.
+    int updateProperty(const char* name, int value, bool flag);
+    /// Write a boolean.
+    int updateProperty(const char* name, bool value, bool flag);
+    /// No other pointer is written.
+    template <typename Value, IfOtherPointer<Value> = 0>
+    int updateProperty(const char* name, Value value, bool flag) = delete;
     /// @}
 
     /// Raise @p event with @p size bytes of @p data. A failure is logged.
@@ -121,14 +151,16 @@ public:
 
     /// Call the remote function @p name with the @p size bytes at @p sendBuffer. Its reply goes to
     /// @p receiveBuffer, which has room for @p maxReceiveSize bytes, and its size to @p receivedSize, which a
-    /// failure leaves alone. Writes one line to standard output before the call and one after it.
+    /// failure leaves alone: the service's word, to be checked against the room before it is used. A null
+    /// buffer goes with a size of 0. Writes one line to standard output before the call and one after it.
     /// @return 0, or the service's code, which is logged: -2 if the reply doesn't fit, -8 if the call failed.
     int callFunction(const char* name, int size, void* sendBuffer, int maxReceiveSize, int& receivedSize,
                      void* receiveBuffer);
 
     /// Offer the function that @p callback points at to the service under @p name. It runs when and on
-    /// whatever thread the service calls it. A failure is written to the service's own log, in words that
-    /// announce the end of the program; the program goes on.
+    /// whatever thread the service calls it; the pointer at @p callback stays in place for as long. A failure
+    /// is written to the service's own log, in words that announce the end of the program; the program goes
+    /// on.
     void registerCallback(char* name, Callback** callback);
     /// The same for constant text.
     template <typename Text, IfConstText<Text> = 0>

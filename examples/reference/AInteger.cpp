@@ -1,4 +1,5 @@
-// A frame with a type and a length, most significant byte first, and numbers in four notations.
+// A frame with a type and a length, most significant byte first, numbers in four notations, and a
+// port that is all of its text or none.
 
 #include "AInteger.h"
 
@@ -18,5 +19,10 @@ int main()
 
     for (const char* text : {" -12 apples", "0x1F", "0b101", "017"})
         std::printf("\"%s\" is %d\n", text, AInteger::parseInt(text));
+    for (const char* text : {"8080", "80 ", "65616"}) {
+        int port = 0;
+        if (AInteger::parseWhole(text, 1, 65535, port))
+            std::printf("port %d\n", port);
+    }
     std::printf("%s%s\n", AInteger(42).toString().c_str(), AInteger::toString(-7).c_str());
 }

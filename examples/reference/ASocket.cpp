@@ -1,4 +1,5 @@
-// Both ends of a connection in one program, a time-out, the end of the stream, and a refused connection.
+// Both ends of a connection in one program: a message, a time-out, a stalled message, what is there, the end
+// of the stream, and a refused connection.
 
 #include "ASocket.h"
 #include "GorvSocketException.h"
@@ -33,7 +34,15 @@ int main()
 
     unsigned char byte = 0;
     std::printf("after a second: %d\n", server.readByte(byte, 1));
-    client.close();
+
+    client << "no text of 16";
+    std::printf("what is there: %d bytes\n", server.readAvailable(text, sizeof text, 5));
+
+    client.setStallLimit(1);
+    server.writeByte(1); // of the four
+    const bool stalled = client.readInt(length, 5) == -1 && client.getSocketState() == ASocket::IO_ERROR;
+    std::printf("stalled: %d, still open: %d\n", stalled, client.getDescriptor() >= 0);
+    client.shutdown(); // another thread could do that to a reader
     std::printf("after the end: %d, ", server.readByte(byte, 5));
     std::printf("by the peer: %d\n", server.getSocketState() == ASocket::CLOSED_BY_PEER);
 

@@ -26,6 +26,12 @@ int main()
         std::printf("%d bytes: %s\n", size, banner);
     delete[] banner; // ours, also after a failure
 
+    std::string motd;
+    for (const char* text : {"Hello", "Hello"}) // 1: written, 0: there already, -1: refused
+        std::printf("update: %d\n", client.updateProperty("demo.motd", text, true));
+    if (client.getProperty("demo.motd", motd))
+        std::printf("%s\n", motd.c_str());
+
     bool missing = false;
     std::printf("found: %d\n", client.getProperty("demo.nothing", missing));
 }

@@ -37,7 +37,7 @@ int kep_event_occurred(const char* event, int size, void* data);
 /// the value, its terminator included.
 /// @return 0; KEP_ERROR_MAXCNT_SIZE with the size needed in @p size; or another code when there is no value.
 int kep_config_get(const char* name, char* buffer, int* size);
-/// Read a string into @p size bytes, terminated. @return a boolean.
+/// Read a string into @p size bytes, terminated. One that doesn't fit answers 0. @return a boolean.
 int kep_config_get_str_n(const char* name, char* buffer, int size);
 /// Read an integer. @return a boolean.
 int kep_config_get_int(const char* name, int* value);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <fcntl.h>
 #include <unistd.h>
 #include <utility>
 
@@ -27,3 +28,13 @@ public:
 private:
     int m_number = -1;
 };
+
+/// Move @p descriptor off the numbers of the standard streams, where a new one lands if the host has closed
+/// one of them: what the host prints would go into it.
+/// @return whether it is open; if no other number is left, it no longer is, and errno says why.
+inline bool leaveStandardNumbers(FileDescriptor& descriptor)
+{
+    if (descriptor.isOpen() && descriptor.get() <= STDERR_FILENO)
+        descriptor = FileDescriptor(::fcntl(descriptor.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    return descriptor.isOpen();
+}

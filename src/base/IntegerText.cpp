@@ -32,17 +32,18 @@ unsigned digitValue(char c)
     return letter >= 'a' && letter <= 'f' ? static_cast<unsigned>(letter - 'a') + 10 : kNoDigit;
 }
 
-/// Step over the prefix of a number that starts with "0" and tell its base.
+/// Step over the prefix of a number that starts with "0" and tell its base. Without digits it is none.
 unsigned takePrefix(const char*& text)
 {
     const char marker = lowerCase(text[1]);
-    if (marker != 'x' && marker != 'b')
+    const unsigned base = marker == 'x' ? 16 : 2;
+    if ((marker != 'x' && marker != 'b') || digitValue(text[2]) >= base)
         return 8;
     text += 2;
-    return marker == 'x' ? 16 : 2;
+    return base;
 }
 
-std::uint64_t readDigits(const char* text, unsigned base)
+std::uint64_t takeDigits(const char*& text, unsigned base)
 {
     std::uint64_t magnitude = 0;
     for (unsigned digit = digitValue(*text); digit < base; digit = digitValue(*++text)) {
@@ -53,12 +54,10 @@ std::uint64_t readDigits(const char* text, unsigned base)
     return magnitude;
 }
 
-} // namespace
-
-bool parseIntegerText(const char* text, int& value) noexcept
+/// Take the number that @p text begins with, its sign included. Behind it, or inside it when it goes beyond
+/// 64 bits, is where @p text then points.
+bool takeNumber(const char*& text, std::int64_t& value)
 {
-    while (isBlank(*text))
-        ++text;
     const bool negative = *text == '-';
     if (negative || *text == '+')
         ++text;
@@ -66,7 +65,29 @@ bool parseIntegerText(const char* text, int& value) noexcept
         return false;
     const unsigned base = *text == '0' ? takePrefix(text) : 10;
     const std::uint64_t limit = static_cast<std::uint64_t>(INT64_MAX) + (negative ? 1 : 0);
-    const std::uint64_t magnitude = std::min(readDigits(text, base), limit);
-    value = static_cast<int>(negative ? 0 - magnitude : magnitude);
+    const std::uint64_t magnitude = std::min(takeDigits(text, base), limit);
+    value = static_cast<std::int64_t>(negative ? 0 - magnitude : magnitude);
+    return true;
+}
+
+} // namespace
+
+bool parseIntegerText(const char* text, int& value) noexcept
+{
+    while (isBlank(*text))
+        ++text;
+    std::int64_t number = 0;
+    if (!takeNumber(text, number))
+        return false;
+    value = static_cast<int>(number);
+    return true;
+}
+
+bool parseWholeInteger(const char* text, int least, int most, int& value) noexcept
+{
+    std::int64_t number = 0;
+    if (text == nullptr || !takeNumber(text, number) || *text != '\0' || number < least || number > most)
+        return false;
+    value = static_cast<int>(number);
     return true;
 }

@@ -8,3 +8,9 @@
 ///
 /// @return whether there was a number; without one @p value keeps what it held.
 bool parseIntegerText(const char* text, int& value) noexcept;
+
+/// Read @p text as one whole integer, written as for parseIntegerText() with nothing before and nothing
+/// behind it.
+///
+/// @return whether it is one, from @p least to @p most; otherwise, and for null, @p value keeps what it held.
+bool parseWholeInteger(const char* text, int least, int most, int& value) noexcept;

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <kep.h>
+#include <memory>
 #include <new>
 
 namespace {
@@ -13,6 +14,9 @@ namespace {
 constexpr int kStringSize = 256;
 constexpr int kAttachFlag = 1;
 constexpr int kWriteStringFlag = 1;
+constexpr int kWritten = 1;
+constexpr int kUnchanged = 0;
+constexpr int kFailed = -1;
 
 struct Event {
     const char* name;
@@ -38,6 +42,11 @@ bool lowestByte(int result)
     return (result & 0xFF) != 0;
 }
 
+int written(int result)
+{
+    return lowestByte(result) ? kWritten : kFailed;
+}
+
 char* copyName(const char* name)
 {
     char* copy = ::strdup(name == nullptr ? "" : name);
@@ -50,6 +59,19 @@ void makeEmpty(char* buffer, int bufferSize)
 {
     if (buffer != nullptr && bufferSize > 0)
         buffer[0] = '\0';
+}
+
+/// Let the service put a text into @p buffer, which holds one afterwards whatever it does.
+bool readText(const char* name, char* buffer, int bufferSize)
+{
+    makeEmpty(buffer, bufferSize);
+    const bool found = lowestBit(kep_config_get_str_n(name, buffer, bufferSize));
+    if (!found)
+        makeEmpty(buffer, bufferSize);
+    else if (buffer != nullptr && bufferSize > 0 &&
+             std::memchr(buffer, '\0', static_cast<std::size_t>(bufferSize)) == nullptr)
+        buffer[bufferSize - 1] = '\0';
+    return found;
 }
 
 /// Put an empty string in an array of @p size bytes, but at least one, in the place of @p buffer. If there is
@@ -107,19 +129,31 @@ bool KEPClient::initialize()
 
 bool KEPClient::getProperty(const char* name, char* buffer)
 {
-    if (lowestBit(kep_config_get_str_n(name, buffer, kStringSize)))
-        return true;
-    makeEmpty(buffer, kStringSize);
-    return false;
+    return readText(name, buffer, kStringSize);
 }
 
 bool KEPClient::getProperty(const char* name, char* buffer, int bufferSize)
 {
-    if (lowestBit(kep_config_get_str_n(name, buffer, bufferSize)))
+    if (readText(name, buffer, bufferSize))
         return true;
     m_log.logInfo("Failed to get a value for property: %s\n", name);
-    makeEmpty(buffer, bufferSize);
     return false;
+}
+
+bool KEPClient::getProperty(const char* name, std::string& value)
+{
+    value.clear();
+    char* buffer = nullptr;
+    int size = 0;
+    bool found = false;
+    try {
+        found = getProperty(name, &buffer, size) == 0;
+    } catch (const char*) { // is logged
+    }
+    const std::unique_ptr<char[]> owner(buffer);
+    if (found && buffer != nullptr)
+        value = buffer;
+    return found;
 }
 
 bool KEPClient::getProperty(const char* name, int& value)
@@ -133,11 +167,12 @@ bool KEPClient::getProperty(const char* name, int& value)
 
 bool KEPClient::getProperty(const char* name, bool& value)
 {
-    if (lowestBit(kep_config_get_bool(name, &value)))
-        return true;
-    m_log.logInfo("Failed to get an bpol value for property: %s\n", name);
-    value = false;
-    return false;
+    bool answer = false;
+    const bool found = lowestBit(kep_config_get_bool(name, &answer));
+    if (!found)
+        m_log.logInfo("Failed to get an bpol value for property: %s\n", name);
+    value = found && *reinterpret_cast<const unsigned char*>(&answer) != 0; // it may be neither 0 nor 1
+    return found;
 }
 
 int KEPClient::getProperty(const char* name, char** buffer, int& size)
@@ -172,26 +207,48 @@ bool KEPClient::setProperty(const char* name, char* value, bool /*flag*/)
 {
     if (value == nullptr)
         return false;
-    char current[kStringSize];
-    if (getProperty(name, current) && std::strcmp(current, value) == 0)
+    char current[kStringSize] = {};
+    const bool found = lowestBit(kep_config_get_str_n(name, current, kStringSize));
+    // Without a terminator in there the property isn't known in full, and equals no value.
+    if (found && std::strlen(value) < kStringSize && std::strncmp(current, value, kStringSize) == 0)
         return false;
     return lowestByte(kep_config_set_str_n(name, value, kWriteStringFlag));
 }
 
 bool KEPClient::setProperty(const char* name, int value, bool flag)
 {
-    int current = 0;
-    if (getProperty(name, current) && current == value)
-        return false;
-    return lowestByte(kep_config_set_int(name, value, flag));
+    return updateProperty(name, value, flag) > 0;
 }
 
 bool KEPClient::setProperty(const char* name, bool value, bool flag)
 {
+    return updateProperty(name, value, flag) > 0;
+}
+
+int KEPClient::updateProperty(const char* name, const char* value, bool /*flag*/)
+{
+    if (value == nullptr)
+        return kFailed;
+    std::string current;
+    if (getProperty(name, current) && current == value)
+        return kUnchanged;
+    return written(kep_config_set_str_n(name, value, kWriteStringFlag));
+}
+
+int KEPClient::updateProperty(const char* name, int value, bool flag)
+{
+    int current = 0;
+    if (getProperty(name, current) && current == value)
+        return kUnchanged;
+    return written(kep_config_set_int(name, value, flag));
+}
+
+int KEPClient::updateProperty(const char* name, bool value, bool flag)
+{
     bool current = false;
     if (getProperty(name, current) && current == value)
-        return false;
-    return lowestByte(kep_config_set_bool(name, value, flag));
+        return kUnchanged;
+    return written(kep_config_set_bool(name, value, flag));
 }
 
 bool KEPClient::notifyEvent(char* event, int size, void* data)

@@ -32,6 +32,11 @@ int AInteger::parseInt(const char* text)
     return value;
 }
 
+bool AInteger::parseWhole(const char* text, int least, int most, int& value) noexcept
+{
+    return parseWholeInteger(text, least, most, value);
+}
+
 int AInteger::decodeShort(unsigned char* data, int offset)
 {
     return loadBigEndian16(data + offset);

@@ -2,6 +2,7 @@
 
 #include "ALog.h"
 #include "GorvSocketException.h"
+#include "base/FileDescriptor.h"
 #include "net/BigEndian.h"
 
 #include <algorithm>
@@ -12,9 +13,12 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <memory>
 #include <netdb.h>
+#include <new>
 #include <optional>
 #include <poll.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
@@ -47,7 +51,14 @@ constexpr const char* kReceiveOperation = "socket_read";
 
 int duplicate(int descriptor)
 {
-    return descriptor < 0 ? kNoDescriptor : ::fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+    return descriptor < 0 ? kNoDescriptor : ::fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+}
+
+int openSocket()
+{
+    FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP));
+    leaveStandardNumbers(socket);
+    return socket.release();
 }
 
 std::string failureText(const char* format, ...) GORV_PRINTF(1, 2);
@@ -89,6 +100,20 @@ int failWith(int error)
     return -1;
 }
 
+/// The wait that a limit of 0 descriptors leaves to a process, which poll then refuses to serve.
+int selectReadable(int descriptor, unsigned int timeout)
+{
+    if (::fcntl(descriptor, F_GETFD) < 0)
+        return -1; // select may overlook one that isn't open
+    const int set = descriptor / FD_SETSIZE;
+    const std::unique_ptr<fd_set[]> sets(new (std::nothrow) fd_set[static_cast<std::size_t>(set) + 1]());
+    if (sets == nullptr)
+        return failWith(ENOMEM);
+    FD_SET(descriptor % FD_SETSIZE, &sets[static_cast<std::size_t>(set)]);
+    timeval limit{static_cast<std::time_t>(timeout), 0};
+    return ::select(descriptor + 1, sets.get(), nullptr, nullptr, &limit);
+}
+
 /// Wait as select does, but for any descriptor number. Returns -1 with errno, 0 after the time-out, or 1.
 int waitReadable(int descriptor, unsigned int timeout)
 {
@@ -98,7 +123,24 @@ int waitReadable(int descriptor, unsigned int timeout)
     const timespec limit{static_cast<std::time_t>(timeout), 0};
     const int ready = timeout <= kLongestPoll ? ::poll(&entry, 1, static_cast<int>(timeout) * kMilliseconds)
                                               : ::ppoll(&entry, 1, &limit, nullptr);
+    if (ready < 0 && errno == EINVAL)
+        return selectReadable(descriptor, timeout);
     return ready > 0 && (entry.revents & POLLNVAL) != 0 ? failWith(EBADF) : ready;
+}
+
+/// The limit of setStallLimit() on @p descriptor, in seconds; 0: none.
+unsigned int stallLimit(int descriptor)
+{
+    timeval limit{};
+    socklen_t size = sizeof limit;
+    ::getsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &limit, &size);
+    return static_cast<unsigned int>(limit.tv_sec + (limit.tv_usec != 0));
+}
+
+bool limitWaits(int descriptor, int option, unsigned int seconds)
+{
+    const timeval limit{static_cast<std::time_t>(seconds), 0};
+    return ::setsockopt(descriptor, SOL_SOCKET, option, &limit, sizeof limit) == 0;
 }
 
 ssize_t receiveOnce(int descriptor, unsigned char* data, int len, int flag)
@@ -170,11 +212,11 @@ void ASocket::createIPSocket(const char* ip, int port)
     std::printf("ASocket::%s:%d ip=\"%s\" port=%i\n", __func__, __LINE__, ip, port);
     std::fflush(stdout);
     startAfresh();
-    m_socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
+    m_socket = openSocket();
     if (m_socket < 0) {
         m_socketState = CONNECT_FAILED;
         std::perror("Failed to open socket\n");
-        failConnecting(failureText("Failed to open socket ip=\"%s\" port=%i\n", ip, port), __LINE__);
+        failConnecting(failureText("Failed to open socket ip=\"%s\" port=%i\n", ip, port));
     }
     const int on = 1;
     if (::setsockopt(m_socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0)
@@ -187,7 +229,7 @@ void ASocket::createIPSocket(const char* ip, int port)
     const std::optional<in_addr> host = resolve(ip);
     if (!host) {
         std::perror("host info not found");
-        failConnecting(failureText("host info not found ip=\"%s\"\n", ip), __LINE__);
+        failConnecting(failureText("host info not found ip=\"%s\"\n", ip));
     }
     m_address.sin_family = AF_INET;
     m_address.sin_addr = *host;
@@ -195,7 +237,7 @@ void ASocket::createIPSocket(const char* ip, int port)
     if (::connect(m_socket, reinterpret_cast<const sockaddr*>(&m_address), sizeof m_address) < 0) {
         m_socketState = CONNECT_FAILED;
         std::perror("Unable to connect socket");
-        failConnecting(failureText("Unable to connect socket ip=\"%s\" port=%i\n", ip, port), __LINE__);
+        failConnecting(failureText("Unable to connect socket ip=\"%s\" port=%i\n", ip, port));
     }
     m_socketState = CONNECTED;
     if (!m_silent) {
@@ -222,6 +264,21 @@ bool ASocket::isOpen()
 int ASocket::getSocketState()
 {
     return m_socketState;
+}
+
+int ASocket::getDescriptor()
+{
+    return m_socket;
+}
+
+bool ASocket::setStallLimit(unsigned int seconds)
+{
+    return limitWaits(m_socket, SO_RCVTIMEO, seconds) && limitWaits(m_socket, SO_SNDTIMEO, seconds);
+}
+
+bool ASocket::shutdown()
+{
+    return ::shutdown(m_socket, SHUT_RDWR) == 0;
 }
 
 void ASocket::write(const unsigned char* data, int len)
@@ -337,16 +394,27 @@ int ASocket::readFully(unsigned char* data, int offset, int len, unsigned int ti
     if (m_socketState != CONNECTED)
         return -1;
     int received = 0;
+    unsigned int stall = 0;
     while (received < len) {
         LOG_LINE(__func__, ":    about to read from socket\n");
-        const int count = socket_read(data + offset + received, len - received, MSG_WAITALL, timeout);
+        const int count =
+            socket_read(data + offset + received, len - received, MSG_WAITALL, stall != 0 ? stall : timeout);
+        if (count < 0 && stall != 0)
+            m_socketState = IO_ERROR; // the next read must not take the rest of this message for its own
         if (count < 1)
             return count;
         received += count;
         LOG_LINE(__func__, ":    read returned %i, %i bytes have been read.\n", count, received);
+        if (received < len)
+            stall = stallLimit(m_socket);
     }
     LOG_LINE(__func__, ":    read %i bytes\n", received);
     return received;
+}
+
+int ASocket::readAvailable(unsigned char* data, int len, unsigned int timeout)
+{
+    return m_socketState == CONNECTED && len > 0 ? socket_read(data, len, 0, timeout) : -1;
 }
 
 int ASocket::socket_read(unsigned char* data, int len, int flag, unsigned int timeout)
@@ -379,14 +447,14 @@ void ASocket::startAfresh()
     m_socketState = NOT_CONNECTED;
 }
 
-void ASocket::failConnecting(const std::string& message, int line)
+void ASocket::failConnecting(const std::string& message)
 {
     std::fflush(stderr);
-    std::printf("ASocket::%s:%d %s\n", kConnectOperation, line, message.c_str());
+    std::printf("ASocket::%s:%d %s\n", kConnectOperation, __LINE__, message.c_str());
     std::fflush(stdout);
     if (m_socket >= 0)
         close();
-    throw GorvSocketException(kConnectOperation, line, message);
+    throw GorvSocketException(kConnectOperation, __LINE__, message);
 }
 
 void ASocket::sendAll(const unsigned char* data, int len)
@@ -441,6 +509,10 @@ int ASocket::receive(unsigned char* data, int len, int flag)
             return count;
         }
         const int error = errno;
+        if (error == EAGAIN && stallLimit(m_socket) != 0) {
+            waitReadable(m_socket, UINT_MAX); // no message has begun that could stall
+            continue;
+        }
         std::perror("Socket recv failed");
         if (error == EAGAIN || error == EINTR)
             continue;

@@ -28,15 +28,6 @@ struct ChildPipes {
     Pipe error;
 };
 
-/// Move @p end off the numbers of the standard streams, where it can land if the caller has closed one: the
-/// caller's lines would go into it, and the child's redirections would collide with it.
-bool leaveStandardNumbers(FileDescriptor& end)
-{
-    if (end.get() <= STDERR_FILENO)
-        end = FileDescriptor(::fcntl(end.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
-    return end.isOpen();
-}
-
 bool openPipe(Pipe& pipe)
 {
     int ends[2];

@@ -1,5 +1,6 @@
 #include "FakeService.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -7,10 +8,11 @@
 
 std::map<std::string, int> answers;
 std::deque<std::pair<int, int>> answeredReads;
+const char* answeredText = "text";
 
 __attribute__((format(printf, 2, 3))) static int answer(int success, const char* format, ...)
 {
-    char call[256];
+    char call[512];
     va_list args;
     va_start(args, format);
     std::vsnprintf(call, sizeof call, format, args);
@@ -53,7 +55,9 @@ int kep_config_get(const char* name, char* buffer, int* size)
 
 int kep_config_get_str_n(const char* name, char* buffer, int size)
 {
-    std::snprintf(buffer, static_cast<std::size_t>(size), "text");
+    if (answeredText != nullptr)
+        std::memcpy(buffer, answeredText,
+                    std::min(std::strlen(answeredText) + 1, static_cast<std::size_t>(size)));
     return answer(1, "kep_config_get_str_n %s %d", name, size);
 }
 
@@ -65,7 +69,7 @@ int kep_config_get_int(const char* name, int* value)
 
 int kep_config_get_bool(const char* name, bool* value)
 {
-    *value = true;
+    std::memset(value, 2, 1); // means true, too
     return answer(1, "kep_config_get_bool %s", name);
 }
 

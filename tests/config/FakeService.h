@@ -10,3 +10,5 @@
 
 extern std::map<std::string, int> answers; // results by the start of a call as printed; success for others
 extern std::deque<std::pair<int, int>> answeredReads; // code and size, for the next calls of kep_config_get
+extern const char*
+    answeredText; // of kep_config_get_str_n, cut without a terminator; null: nothing is written

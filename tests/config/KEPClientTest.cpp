@@ -98,6 +98,70 @@ TEST_F(KEPClientTest, LowestBitOrByteDecidesAndOnlyWhatChangesIsWritten)
                  m_client.setProperty("p", true, true));
 }
 
+TEST_F(KEPClientTest, TextThatFillsTheBufferOrIsNoneIsReadInsideIt)
+{
+    const std::string full(255, 'x'), overfull(256, 'x');
+    const std::tuple<const char*, const char*, std::string> rows[] = {
+        // what the service fills in; what is read of it into 8 bytes; a value that isn't known to be that
+        {"text", "text", "texts"},
+        {nullptr, "", "x"},
+        {full.c_str(), "xxxxxxx", overfull},
+        {overfull.c_str(), "xxxxxxx", full},
+        {overfull.c_str(), "xxxxxxx", overfull},
+    };
+    for (const auto& [answer, text, value] : rows) {
+        answeredText = answer;
+        std::vector<char> buffer(8, '-');
+        outputOf([&] { EXPECT_TRUE(m_client.getProperty("p", buffer.data(), 8)); });
+        EXPECT_STREQ(buffer.data(), text);
+        outputOf([&, &fresh = value] { EXPECT_TRUE(m_client.setProperty("p", fresh.c_str(), true)); });
+    }
+    for (const auto& [answer, value] :
+         {std::pair<const char*, const char*>{full.c_str(), full.c_str()}, {nullptr, ""}}) {
+        answeredText = answer;
+        outputOf([&, same = value] { EXPECT_FALSE(m_client.setProperty("p", same, true)); });
+    }
+    answeredText = "text";
+}
+
+TEST_F(KEPClientTest, UpdateTellsFailureFromNoChangeForTextsOfAnyLength)
+{
+    const std::string text(300, 'x');
+    std::string value;
+    answeredReads = {{-2, 300}, {0, 300}};
+    EXPECT_EQ(outputOf([&] { EXPECT_EQ(m_client.updateProperty("p", text.c_str(), false), 1); }),
+              "kep_config_get p 0\nkep_config_get p 300\nkep_config_set_str_n p " + text + " 1\n");
+    outputOf([&] {
+        answers = {{"kep_config_set", 0x100}}; // refused
+        EXPECT_EQ(m_client.updateProperty("p", "xx", true), -1);
+        EXPECT_EQ(m_client.updateProperty("p", 8, true), -1);
+        EXPECT_EQ(m_client.updateProperty("p", false, true), -1);
+        EXPECT_EQ(m_client.updateProperty("p", nullptr, true), -1);
+        answeredReads = {{-2, 301}, {0, 301}};
+        EXPECT_EQ(m_client.updateProperty("p", text.c_str(), true), 0);
+        EXPECT_EQ(m_client.updateProperty("p", 7, true), 0);
+        EXPECT_EQ(m_client.updateProperty("p", true, true), 0);
+        answers.clear();
+        for (const auto& reads : {std::deque{std::pair{-1, 9}}, {{0, 0}}, {{-2, 5}, {-2, 5}}}) {
+            answeredReads = reads;
+            value = "earlier";
+            EXPECT_EQ(m_client.getProperty("p", value), reads[0].first == 0);
+            EXPECT_EQ(value, "");
+        }
+    });
+}
+
+template <typename Value>
+constexpr bool isWritten = requires(KEPClient& client, Value value)
+{
+    client.setProperty("p", value, true);
+    client.updateProperty("p", value, true);
+};
+static_assert(isWritten<char*> && isWritten<const char*> && isWritten<std::nullptr_t>);
+static_assert(isWritten<int> && isWritten<short> && isWritten<bool> && isWritten<std::true_type>);
+static_assert(!isWritten<const char8_t*> && !isWritten<unsigned char*> && !isWritten<const void*>);
+static_assert(!isWritten<void (*)()> && !isWritten<int KEPClientTest::*>);
+
 TEST_F(KEPClientTest, GrowingReadAsksTwiceAtMostAndStaysInsideItsArray)
 {
     const std::string missing = " -Property value not found for p\n";

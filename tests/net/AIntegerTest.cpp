@@ -21,6 +21,19 @@ TEST(AInteger, ReadsTheNumberThatATextBeginsWithOrHandsTheTextOverAsData)
     }
 }
 
+TEST(AInteger, WholeTextIsOneIntegerWithinItsLimits)
+{
+    int value = 77;
+    for (const auto& [text, expected] : {std::pair{"-0x10", -16}, {"+0b101", 5}, {"010", 8}, {"0", 0}}) {
+        EXPECT_TRUE(AInteger::parseWhole(text, -16, 8, value)) << text;
+        EXPECT_EQ(value, expected);
+    }
+    for (const char* text : {"-17", "9", "4294967297", "99999999999999999999", "", "-", " 1", "1 ", "1x",
+                             "08", "0x", "0b", "0xg", static_cast<const char*>(nullptr)})
+        EXPECT_FALSE(AInteger::parseWhole(text, -16, 8, value)) << text;
+    EXPECT_EQ(value, 0);
+}
+
 TEST(AInteger, FormatsDecimalAndPacksTheMostSignificantByteFirst)
 {
     EXPECT_EQ(AInteger(7).toString() + AInteger::toString(AInteger(INT_MIN).getValue()), "7-2147483648");

@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <functional>
+#include <optional>
 #include <regex>
 #include <sys/resource.h>
 #include <thread>
@@ -19,6 +20,16 @@ using namespace std::string_literals;
 
 namespace {
 
+/// Line @p number of the source, with the one before it: a statement may take two.
+std::string sourceLines(int number)
+{
+    std::ifstream source(std::filesystem::path(__FILE__).replace_filename("../../src/net/ASocket.cpp"));
+    std::string before, line;
+    for (; number > 0 && std::getline(source, line); --number)
+        before.swap(line);
+    return line + before;
+}
+
 /// All that @p call tells: standard output, then standard error, where the sockets of this test log as well.
 /// Of the operation and source line that begin a message the operation stays.
 std::string told(const std::function<void()>& call)
@@ -26,8 +37,11 @@ std::string told(const std::function<void()>& call)
     CapturedStream output(stdout);
     CapturedStream error(stderr);
     call();
-    const std::regex prefix("( -)?ASocket::(\\w+):[1-9][0-9]*");
-    return std::regex_replace(output.text() + error.text(), prefix, "$2");
+    const std::string text = output.text() + error.text();
+    const std::regex prefix("( -)?ASocket::(\\w+):([0-9]+)"), statement("printf|LOG_LINE|throw");
+    for (std::sregex_iterator message(text.begin(), text.end(), prefix), end; message != end; ++message)
+        EXPECT_TRUE(std::regex_search(sourceLines(std::stoi(message->str(3))), statement)) << message->str();
+    return std::regex_replace(text, prefix, "$2");
 }
 
 /// What the receiving @p operation tells after its result, the value and the state that it leaves.
@@ -101,15 +115,23 @@ TEST(ASocket, ConnectingTellsItsProgressOrThrowsWhatItPrinted)
                      "\ncreateIPSocket Exception with message: " + message + ".\nhost info not found: *");
 }
 
-TEST(ASocket, EachCopyClosesADescriptorOfItsOwnAndConnectingAgainLosesNone)
+TEST(ASocket, EachCopyClosesADescriptorOfItsOwnAboveTheStandardOnesAndConnectingAgainLosesNone)
 {
     Link link;
     const int before = openDescriptors();
     {
-        ASocket copy(link.socket);
-        EXPECT_EQ(::fcntl(link.end + 1, F_GETFD), FD_CLOEXEC);
-        told([&] { link.socket.createIPSocket("127.0.0.2", link.port()); });
-        EXPECT_EQ(::fcntl(link.end, F_GETFD), FD_CLOEXEC);
+        std::optional<ASocket> copied;
+        told([&] {
+            ::close(STDIN_FILENO);
+            copied.emplace(link.socket);
+            link.socket.createIPSocket("127.0.0.2", link.port());
+            ::open("/dev/null", O_RDONLY | O_CLOEXEC); // the standard input again
+        });
+        ASocket& copy = *copied;
+        for (ASocket* socket : {&copy, &link.socket}) {
+            EXPECT_GT(socket->getDescriptor(), STDERR_FILENO);
+            EXPECT_EQ(::fcntl(socket->getDescriptor(), F_GETFD), FD_CLOEXEC);
+        }
         link.send("\7");
         EXPECT_EQ(toldBy(copy, &ASocket::readByte, 5), "1 7 1 ");
         copy.close();
@@ -193,10 +215,6 @@ TEST(ASocket, TimeOutComesNoSoonerThanAskedInSpiteOfSignalsAndOfADescriptorAbove
     Link link;
     ASocket high(::fcntl(link.end, F_DUPFD_CLOEXEC, 2000), link.address);
     high.setLog(link.log);
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_PRED2(matches, toldBy(high, &ASocket::readByte, 1),
-                 "-1 77 1 *socket_read select timed out.\nreadByte: read value = 77\n");
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
     static int s_peer = -1, s_signals = 0;
     s_peer = link.peer;
     link.send("\0\1"s);
@@ -209,6 +227,18 @@ TEST(ASocket, TimeOutComesNoSoonerThanAskedInSpiteOfSignalsAndOfADescriptorAbove
                  "4 66051 1 *read returned 2, 2 bytes*len=<2>*" + complaint + complaint + complaint +
                      complaint + "*read returned 2, 4 bytes have been read.\n*");
     ::ualarm(0, 0);
+    for (const rlim_t limit : {4096, 0}) { // none, as a sandbox allows
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_PRED2(matches, told([&] {
+                         limitDescriptors(limit);
+                         unsigned char byte = 0;
+                         EXPECT_EQ(high.socket_read(&byte, 1, 0, 1), -1);
+                         limitDescriptors(4096);
+                     }),
+                     "*timeout=<1>\nsocket_read select timed out.\n");
+        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    }
+    EXPECT_EQ(high.getSocketState(), ASocket::CONNECTED);
 }
 
 TEST(ASocket, SendsAllOf64MebibytesInSpiteOfSignals)
@@ -239,19 +269,12 @@ TEST(ASocket, SendsAllOf64MebibytesInSpiteOfSignals)
 TEST(ASocket, OperationThatFailsGivesUpWithIoError)
 {
     Link link;
-    const std::string badWait = "Select failed: Invalid argument\nsocket_read Select failed\n";
     const std::string badDescriptor = "*>\nSelect failed: Bad file descriptor\nsocket_read Select failed\n";
     const std::string badLength =
         "*Socket recv failed: Invalid argument\nsocket_read Socket recv failed count=<-1>\n";
-    const auto receiveWithoutDescriptors = [](ASocket& socket) {
-        limitDescriptors(0);
-        socket.socket_read(nullptr, 1, 0, 5);
-        limitDescriptors(1024);
-    };
     const std::tuple<int, std::function<void(ASocket&)>, std::string> rows[] = {
         {-1, [](auto& s) { s.socket_read(nullptr, 1, 0, 5); }, badDescriptor},
         {999, [](auto& s) { s.socket_read(nullptr, 1, 0, ~0U); }, badDescriptor},
-        {::dup(0), receiveWithoutDescriptors, "*>\n" + badWait + badWait + badWait + badWait},
         {::dup(0), [](auto& s) { s.socket_read(nullptr, -1, 0, 0); }, badLength},
         {::dup(0), [](auto& s) { s.write(nullptr, -1); },
          "*( 0, -1 )\nSocket write failed: Invalid argument\n"}};
@@ -261,6 +284,60 @@ TEST(ASocket, OperationThatFailsGivesUpWithIoError)
         EXPECT_PRED2(matches, told([&, call = operation] { call(socket); }), expected);
         EXPECT_EQ(socket.getSocketState(), ASocket::IO_ERROR);
     }
+}
+
+TEST(ASocket, WhatIsThereIsReadAtOnce)
+{
+    Link link;
+    link.send("abc");
+    unsigned char data[8] = {};
+    EXPECT_EQ(told([&] {
+                  EXPECT_EQ(link.socket.readAvailable(data, 0, 5), -1);
+                  EXPECT_EQ(link.socket.readAvailable(data, 2, 5), 2);
+                  EXPECT_EQ(link.socket.readAvailable(data + 2, 6, 0), 1);
+              }),
+              "socket_read data=<0> len=<2> flag=<0> timeout=<5>\nsocket_read :    read 2 bytes\n"
+              "socket_read data=<0> len=<6> flag=<0> timeout=<0>\nsocket_read :    read 1 bytes\n");
+    EXPECT_STREQ(reinterpret_cast<char*>(data), "abc");
+    link.socket.close();
+    EXPECT_EQ(told([&] { EXPECT_EQ(link.socket.readAvailable(data, 8, 5), -1); }), "");
+}
+
+TEST(ASocket, ShuttingDownLetsAnotherThreadsReaderGo)
+{
+    Link link;
+    std::thread other([&] {
+        ::usleep(50'000); // while this thread waits
+        EXPECT_TRUE(link.socket.shutdown());
+    });
+    EXPECT_PRED2(matches, toldBy(link.socket, &ASocket::readByte, 60), "0 77 3 *");
+    other.join();
+    char byte = 0;
+    EXPECT_EQ(::recv(link.peer, &byte, 1, 0), 0);
+    link.socket.close();
+    EXPECT_FALSE(link.socket.shutdown());
+}
+
+TEST(ASocket, StallLimitEndsAMessageThatHasBegunAndNoOther)
+{
+    Link link;
+    EXPECT_TRUE(link.socket.setStallLimit(1));
+    std::thread late([&] {
+        ::usleep(1'500'000);
+        link.send("\7abc");
+    });
+    EXPECT_PRED2(matches, toldBy(link.socket, &ASocket::readByte, 0),
+                 "1 7 1 *timeout=<0>\nsocket_read :    read 1 bytes\n*"); // without a complaint
+    late.join();
+    EXPECT_PRED2(matches, toldBy(link.socket, &ASocket::readInt, 600), // the limit holds all the same
+                 "-1 77 5 *select timed out.\nreadInt: failed count = -1\n*");
+    Link blocked;
+    blocked.socket.setStallLimit(1);
+    const std::vector<unsigned char> data(std::size_t{64} << 20);
+    EXPECT_PRED2(matches, told([&] { blocked.socket.write(data.data(), static_cast<int>(data.size())); }),
+                 "*\nSocket write failed: Resource temporarily unavailable\n");
+    EXPECT_EQ(blocked.socket.getSocketState(), ASocket::IO_ERROR);
+    EXPECT_FALSE(ASocket().setStallLimit(1));
 }
 
 class Overriding : public ASocket {
