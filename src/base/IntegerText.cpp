@@ -42,7 +42,7 @@ unsigned takePrefix(const char*& text)
     return marker == 'x' ? 16 : 2;
 }
 
-std::uint64_t readDigits(const char* text, unsigned base)
+std::uint64_t readDigits(const char*& text, unsigned base)
 {
     std::uint64_t magnitude = 0;
     for (unsigned digit = digitValue(*text); digit < base; digit = digitValue(*++text)) {
@@ -68,5 +68,24 @@ bool parseIntegerText(const char* text, int& value) noexcept
     const std::uint64_t limit = static_cast<std::uint64_t>(INT64_MAX) + (negative ? 1 : 0);
     const std::uint64_t magnitude = std::min(readDigits(text, base), limit);
     value = static_cast<int>(negative ? 0 - magnitude : magnitude);
+    return true;
+}
+
+bool parseWholeInteger(const char* text, int least, int most, int& value) noexcept
+{
+    const bool negative = *text == '-';
+    if (negative || *text == '+')
+        ++text;
+    if (!isDecimalDigit(*text))
+        return false;
+    const unsigned base = *text == '0' ? takePrefix(text) : 10;
+    const char* digits = text;
+    const std::uint64_t magnitude = readDigits(text, base);
+    if (text == digits || *text != '\0' || magnitude > std::uint64_t{INT32_MAX} + 1)
+        return false;
+    const auto number = static_cast<std::int64_t>(negative ? 0 - magnitude : magnitude);
+    if (number < least || number > most)
+        return false;
+    value = static_cast<int>(number);
     return true;
 }

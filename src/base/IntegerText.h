@@ -8,3 +8,10 @@
 ///
 /// @return whether there was a number; without one @p value keeps what it held.
 bool parseIntegerText(const char* text, int& value) noexcept;
+
+/// Read @p text, which must not be null, if it is one integer as above and nothing else, and the integer is
+/// in
+/// @p least to @p most.
+///
+/// @return whether it was; if not @p value keeps what it held.
+bool parseWholeInteger(const char* text, int least, int most, int& value) noexcept;
