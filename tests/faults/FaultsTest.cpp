@@ -122,7 +122,7 @@ TEST(FaultsTest, NoFaultLeaksALoginOrLetsAWrongPasswordIn)
 
 TEST(FaultsTest, KeysDifferWithAndWithoutTheDevice)
 {
-    for (const int failing : {-1, 0, 1}) { // no call, its opening, its reading
+    for (const int failing : {-1, 0, 1, 4}) { // no call, its opening, its first and last reading
         std::set<std::string> groups;
         for (int i = 0; i < 50; ++i) {
             const Faults faults(Faults::Kind::Failure, failing);

@@ -14,5 +14,6 @@ TEST(AUtilTest, StringsAreOwnedAsDescribed)
     std::vector<const char*> constants = {nullptr, new const char('b')};
     AUtil::clearStringArray(strings);
     AUtil::clearStringArray(constants);
-    EXPECT_TRUE(strings.empty() && constants.empty());
+    EXPECT_TRUE(strings.empty());
+    EXPECT_TRUE(constants.empty());
 }
