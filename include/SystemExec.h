@@ -58,8 +58,9 @@ public:
     /// standard output and flushes it. Replaces the process's SIGCHLD handler with signalHandler().
     ///
     /// No result: when a pipe or the child can't be made, a line on standard error tells so and the pipe ends
-    /// are -1. When the program can't be run, the child says so on its two output pipes and ends with
-    /// exit(1), which runs the exit handlers of the caller's program there.
+    /// are -1. When the program can't be run, the child says so on its two output pipes, which then end, and
+    /// ends with exit(1). That runs the exit handlers of the caller's program in the child, with its standard
+    /// streams on "/dev/null" and every other descriptor closed.
     void execute();
 
     /// @return where to read the child's output, or -1 before execute() and after the child has ended.

@@ -7,8 +7,8 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
-#include <stdio_ext.h>
 #include <sys/wait.h>
 
 SystemExec* se = nullptr;
@@ -87,6 +87,7 @@ void dropHandlers()
         if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN)
             std::signal(signal, SIG_DFL);
     }
+    std::signal(SIGPIPE, SIG_IGN); // the reader of the progress line may have gone
 }
 
 /// A signal must not run a handler of the caller in the child, be it only until the exec: the handler would
@@ -124,25 +125,29 @@ void restoreSignals()
     pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
 
+/// The texts go past the standard streams, whose buffers may hold what is the caller's to write. Both pipes
+/// end before the caller's exit handlers run, which may write or wait.
+[[noreturn]] void reportFailure(const char* command, int error, const ChildPipes& pipes)
+{
+    std::signal(SIGPIPE, SIG_IGN);
+    ::dprintf(pipes.output.writeEnd.get(), "SystemExec child: %s: execl Error!:", command);
+    ::dprintf(pipes.error.writeEnd.get(), "SystemExec child: Unable to exec.: %s\n", std::strerror(error));
+    ::closefrom(STDIN_FILENO);
+    for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
+        ::open("/dev/null", O_RDWR); // the lowest number that is free
+    std::exit(1);
+}
+
 [[noreturn]] void runChild(const char* command, char* const* args, const ChildPipes& pipes)
 {
-    __fpurge(stdout); // another thread's text since the flush is for the caller to write
-    std::printf("SystemExec child: In forked process for %s, pid=%i, pgid=%i\n", command, ::getpid(),
-                ::getpgid(0));
-    std::fflush(stdout); // what stayed in the buffer would be lost in the exec, or land in the output pipe
+    ::dprintf(STDOUT_FILENO, "SystemExec child: In forked process for %s, pid=%i, pgid=%i\n", command,
+              ::getpid(), ::getpgid(0));
     ::sleep(kStartDelaySeconds);
     if (redirectStreams(pipes)) {
         restoreSignals();
         ::execvp(command, args);
     }
-    const int error = errno;
-    std::printf("SystemExec child: %s: execl Error!:", command);
-    std::fflush(stdout);
-    errno = error;
-    std::perror("SystemExec child: Unable to exec.");
-    ::closefrom(STDERR_FILENO +
-                1); // exit() would write the caller's buffers, which are the caller's to write
-    std::exit(1);
+    reportFailure(command, errno, pipes);
 }
 
 /// Not for a child that is merely stopped: the handler would close its pipes and wait for its end.
