@@ -17,6 +17,10 @@ namespace {
 
 constexpr unsigned kStartDelaySeconds = 1;
 
+/// The runner whose pipe ends the handler is still to close. Once it has taken it from here it never touches
+/// that runner again, which may be gone by the next signal although ::se names it still.
+constinit std::atomic<SystemExec*> s_outstanding = nullptr;
+
 struct Pipe {
     FileDescriptor readEnd;
     FileDescriptor writeEnd;
@@ -150,13 +154,13 @@ void restoreSignals()
     reportFailure(command, errno, pipes);
 }
 
-/// Not for a child that is merely stopped: the handler would close its pipes and wait for its end.
+/// As signal() does, but not for a child that is merely stopped: the handler would close its pipes and wait
+/// for its end.
 void installHandler()
 {
-    std::signal(SIGCHLD, signalHandler);
     struct sigaction action {};
-    sigaction(SIGCHLD, nullptr, &action);
-    action.sa_flags |= SA_NOCLDSTOP;
+    action.sa_handler = signalHandler;
+    action.sa_flags = SA_RESTART | SA_NOCLDSTOP;
     sigaction(SIGCHLD, &action, nullptr);
 }
 
@@ -226,6 +230,7 @@ void SystemExec::execute()
     keep(pipes.output.readEnd, m_stdOut);
     keep(pipes.input.writeEnd, m_stdIn);
     keep(pipes.error.readEnd, m_stdErr);
+    s_outstanding.store(this);
     std::atomic_ref<SystemExec*>(se).store(this);
     installHandler();
 }
@@ -247,9 +252,11 @@ int SystemExec::getStdErr()
 
 void SystemExec::leaveLastChild()
 {
-    if (std::atomic_ref<SystemExec*>(se).load() != nullptr)
+    SystemExec* self = this;
+    s_outstanding.compare_exchange_strong(self, nullptr);
+    if (std::atomic_ref<SystemExec*>(se).load() == this)
         return closePipes();
-    for (int* descriptor : {&m_stdErr, &m_stdIn, &m_stdOut}) // the caller's by now, with their child
+    for (int* descriptor : {&m_stdErr, &m_stdIn, &m_stdOut}) // the caller's by now
         std::atomic_ref<int>(*descriptor).store(-1);
 }
 
@@ -268,7 +275,9 @@ void signalHandler(int sig)
     if (runner == nullptr)
         return;
     const int error = errno;
-    runner->closePipes();
+    SystemExec* outstanding = runner;
+    if (s_outstanding.compare_exchange_strong(outstanding, nullptr))
+        runner->closePipes();
     while (::wait(nullptr) == -1 && errno == EINTR) {
     }
     errno = error;
