@@ -6,6 +6,7 @@
 #include "GorvApi.h"
 
 #include <string>
+#include <vector>
 
 /// Runs a program as a child process with its three standard streams on pipes.
 ///
@@ -35,6 +36,9 @@
 /// signalHandler() itself, under PAMHelper::getMonitor() and once waitid() with WNOWAIT tells that the child
 /// getPid() has ended.
 ///
+/// A child that doesn't end by itself is ended with kill(runner.getPid(), SIGKILL) while SIGCHLD is blocked
+/// in every thread: once a child has been reaped, its id may be a stranger's.
+///
 /// The child stays in the caller's process group and inherits what a program inherits over exec, with SIGCHLD
 /// and SIGPIPE back at their defaults and SIGCHLD not blocked. Handlers of the caller never run in it. Until
 /// then, for a second, it holds copies of all the caller's descriptors: a connection that the caller closes
@@ -54,7 +58,7 @@ public:
     /// is not split at blanks. Copied.
     void setCommand(std::string& command);
 
-    /// Choose the child's arguments: @p args[0] is its name as it sees it, a null pointer ends
+    /// Choose the child's arguments for execute(): @p args[0] is its name as it sees it, a null pointer ends
     /// the array. The array stays the caller's and valid until execute() has returned. With null, the
     /// default, the command is the only argument.
     void setArgList(char** args);
@@ -71,6 +75,11 @@ public:
     /// streams on "/dev/null" and every other descriptor closed.
     void execute();
 
+    /// The same with these arguments instead of those of setArgList(): @p args[0] is the child's name as it
+    /// sees it. With none, the command is the only argument. Throws std::bad_alloc when memory runs out,
+    /// before anything is done.
+    void execute(const std::vector<std::string>& args);
+
     /// @return where to read the child's output, or -1 before execute(), after one that failed, and after the
     /// child has ended.
     int getStdOut();
@@ -83,9 +92,18 @@ public:
     /// @return where to read the child's error output, or -1 as for getStdOut().
     int getStdErr();
 
+    /// @return the id of the child, also when it has ended, or -1 before execute() and after one that failed.
+    int getPid();
+
+    /// Tell how the child ended, as waitpid() does, in @p status.
+    /// @return whether signalHandler() has reaped it. False, with @p status unchanged, before that, for a
+    /// child that the program waited for itself, and once another runner has started a child.
+    bool getStatus(int& status);
+
 private:
     friend void signalHandler(int sig);
 
+    GORV_LOCAL void start(char** args);
     GORV_LOCAL void leaveLastChild();
     GORV_LOCAL void closePipes();
 

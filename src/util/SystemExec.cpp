@@ -2,9 +2,11 @@
 
 #include "base/FileDescriptor.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -16,10 +18,19 @@ SystemExec* se = nullptr;
 namespace {
 
 constexpr unsigned kStartDelaySeconds = 1;
+constexpr int kRunning = -1; // no child ends with this status
 
 /// The runner whose pipe ends the handler is still to close. Once it has taken it from here it never touches
 /// that runner again, which may be gone by the next signal although ::se names it still.
 constinit std::atomic<SystemExec*> s_outstanding = nullptr;
+
+/// The child that was started last, and its status.
+constinit std::atomic<std::uint64_t> s_lastChild = 0;
+
+constexpr std::uint64_t childWithStatus(pid_t child, int status)
+{
+    return static_cast<std::uint64_t>(child) << 32 | static_cast<std::uint32_t>(status);
+}
 
 struct Pipe {
     FileDescriptor readEnd;
@@ -183,6 +194,17 @@ void keep(FileDescriptor& end, int& descriptor)
     std::atomic_ref<int>(descriptor).store(end.release());
 }
 
+void reapOneChild()
+{
+    int status = 0;
+    pid_t child = -1;
+    do {
+        child = ::wait(&status);
+    } while (child == -1 && errno == EINTR);
+    std::uint64_t last = childWithStatus(child, kRunning);
+    s_lastChild.compare_exchange_strong(last, childWithStatus(child, status));
+}
+
 } // namespace
 
 SystemExec::SystemExec() : m_stdOut(-1), m_stdIn(-1), m_stdErr(-1), m_pid(-1), m_argList(nullptr)
@@ -201,6 +223,19 @@ void SystemExec::setArgList(char** args)
 }
 
 void SystemExec::execute()
+{
+    start(m_argList);
+}
+
+void SystemExec::execute(const std::vector<std::string>& args)
+{
+    std::vector<char*> pointers(args.size() + 1);
+    std::transform(args.begin(), args.end(), pointers.begin(),
+                   [](const std::string& arg) { return const_cast<char*>(arg.c_str()); });
+    start(args.empty() ? nullptr : pointers.data());
+}
+
+void SystemExec::start(char** args)
 {
     leaveLastChild();
     std::printf("SystemExec: Excecuting command: %s\n", m_command.c_str());
@@ -221,9 +256,10 @@ void SystemExec::execute()
     }
     if (m_pid == 0) {
         char* const commandOnly[] = {m_command.data(), nullptr};
-        runChild(m_command.c_str(), m_argList == nullptr ? commandOnly : m_argList, pipes);
+        runChild(m_command.c_str(), args == nullptr ? commandOnly : args, pipes);
     }
 
+    s_lastChild.store(childWithStatus(m_pid, kRunning));
     std::printf("SystemExec parent process.  Command: %s: fork pid : %i (getpid=%i)\n", m_command.c_str(),
                 m_pid, ::getpid());
     std::fflush(stdout);
@@ -250,8 +286,24 @@ int SystemExec::getStdErr()
     return readDescriptor(m_stdErr);
 }
 
+int SystemExec::getPid()
+{
+    return m_pid;
+}
+
+bool SystemExec::getStatus(int& status)
+{
+    const std::uint64_t last = s_lastChild.load();
+    const int lastStatus = static_cast<int>(static_cast<std::uint32_t>(last));
+    if (last != childWithStatus(m_pid, lastStatus) || lastStatus == kRunning)
+        return false;
+    status = lastStatus;
+    return true;
+}
+
 void SystemExec::leaveLastChild()
 {
+    m_pid = -1;
     SystemExec* self = this;
     s_outstanding.compare_exchange_strong(self, nullptr);
     if (std::atomic_ref<SystemExec*>(se).load() == this)
@@ -278,7 +330,6 @@ void signalHandler(int sig)
     SystemExec* outstanding = runner;
     if (s_outstanding.compare_exchange_strong(outstanding, nullptr))
         runner->closePipes();
-    while (::wait(nullptr) == -1 && errno == EINTR) {
-    }
+    reapOneChild();
     errno = error;
 }

@@ -214,12 +214,10 @@ std::string runProgram(Faults::Kind kind, int number, int numberInHandler)
     ::close(STDIN_FILENO);
     SystemExec runner;
     std::string command = "/bin/../bin/../bin/../bin/../bin/echo";
-    char* args[] = {command.data(), command.data(), nullptr};
     try {
         const Faults faults(kind, number);
         runner.setCommand(command);
-        runner.setArgList(args);
-        runner.execute();
+        runner.execute({command, command});
     } catch (const std::bad_alloc&) {
     }
     std::string text = "none";
