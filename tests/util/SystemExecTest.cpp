@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <thread>
 
+static int s_signalInFork = 0;
 static int s_signalInDelay = 0;
 static bool s_waitsAtExit = false;
 
@@ -82,16 +83,22 @@ struct SystemExecTest : testing::Test {
 TEST_F(SystemExecTest, ChildRunsOnThreePipesUntilTheHandlerClosesThemAndKeepsItsStatus)
 {
     std::signal(SIGCHLD, SIG_IGN);
-    char* list[] = {nullptr};
+    char text[] = "text";
+    char* list[] = {text, text, nullptr};
     m_runner.setArgList(list); // which a list of strings leaves aside
     expectHeld(0);
     EXPECT_EQ(m_runner.getPid(), -1);
     const std::tuple<std::string, Words, Texts, int> cases[] = {
-        {"grep", {"", "-cE", "^Sig(Blk:.0*|Ign:.*[02468ace].{4})$", "/proc/self/status"}, {"2\n", ""}, 0},
-        {"sh", {"", "-c", "kill -PIPE $$"}, {"", ""}, SIGPIPE}, // as the caller does to both stays out
-        {"/bin/echo", {}, {"\n", ""}, 0},
+        // What the caller does to these two signals stays out of the child, which must not end before its
+        // input.
+        {"grep",
+         {"", "-chE", "^Sig(Blk:.0*|Ign:.*[02468ace].{4})$", "/proc/self/status", "-"},
+         {"2\n0\n", ""},
+         0},
+        {"sh", {"", "-c", "kill -PIPE $$"}, {"", ""}, SIGPIPE},
         {"ls -l", {}, kFailure, W_EXITCODE(1, 0)},
         {"sh", {"name", "-c", "echo $0 $$; kill -KILL $$"}, {"name ", ""}, SIGKILL},
+        {"/bin/echo", {}, {"\n", ""}, 0},
     };
     for (auto [command, words, texts, expectedStatus] : cases) {
         SCOPED_TRACE(command);
@@ -106,7 +113,9 @@ TEST_F(SystemExecTest, ChildRunsOnThreePipesUntilTheHandlerClosesThemAndKeepsIts
         EXPECT_EQ(statusAfterHandler(), expectedStatus);
         expectHeld(0);
     }
-    int status = -1;
+    m_runner.execute();
+    EXPECT_EQ(talk(), Texts("text\n", ""));
+    int status = statusAfterHandler();
     EXPECT_FALSE(SystemExec().getStatus(status));
 }
 
@@ -115,12 +124,7 @@ TEST_F(SystemExecTest, ProgressLinesArriveOnceAndWholeAndTheChildWaitsASecond)
     CapturedStream output(stdout);
     // As by another thread, and by a parent that is late.
     ::pthread_atfork([] { std::fputs("other line\n", stdout); }, [] { ::usleep(10'000); }, nullptr);
-    char name[] = "name";
-    char* list[] = {name, nullptr};
-    m_runner.setArgList(list);
-    std::string command = "true";
-    m_runner.setCommand(command);
-    m_runner.execute();
+    start("true");
     talk();
     const std::string pid = std::to_string(::waitpid(-1, nullptr, 0));
     const std::string parent = "other line\nSystemExec parent process.  Command: true: fork pid : " + pid +
@@ -128,7 +132,7 @@ TEST_F(SystemExecTest, ProgressLinesArriveOnceAndWholeAndTheChildWaitsASecond)
     const std::string child =
         "SystemExec: Excecuting command: true\nSystemExec child: In forked process for true, pid=" + pid +
         ", pgid=" + std::to_string(::getpgrp()) + "\nsleep 1\n";
-    std::string text = output.text();
+    std::string text = output.arrived();
     const std::size_t position = text.find(parent); // before, in or behind what the child writes
     ASSERT_NE(position, text.npos) << text;
     EXPECT_EQ(text.erase(position, parent.size()), child);
@@ -137,7 +141,7 @@ TEST_F(SystemExecTest, ProgressLinesArriveOnceAndWholeAndTheChildWaitsASecond)
 TEST_F(SystemExecTest, FailedChildWritesNothingOfTheCallersAndItsPipesEndBeforeAnExitHandlerThatWaits)
 {
     std::atexit([] {
-        while (s_waitsAtExit && ::write(STDOUT_FILENO, "mine", 4) > 0)
+        while (s_waitsAtExit && ::raise(SIGPIPE) == 0 && ::write(STDOUT_FILENO, "mine", 4) > 0)
             ::pause();
     });
     CapturedStream errors(stderr);
@@ -162,16 +166,20 @@ TEST_F(SystemExecTest, FailedChildWritesNothingOfTheCallersAndItsPipesEndBeforeA
     std::setvbuf(stderr, nullptr, _IONBF, 0);
 }
 
-TEST_F(SystemExecTest, SignalInTheDelayMeetsNoHandlerOfTheCallerAndABrokenPipeEndsNoChild)
+TEST_F(SystemExecTest, SignalMeetsNoHandlerOfTheCallerInTheChildAndABrokenPipeDoesNotEndIt)
 {
-    for (const auto& [signal, expectedStatus] : {std::pair(SIGTERM, SIGTERM), {SIGPIPE, 0}}) {
+    for (const int signal : {SIGTERM, SIGPIPE})
         std::signal(signal, [](int) {});
-        s_signalInDelay = signal;
+    ::pthread_atfork(nullptr, nullptr, [] { ::raise(s_signalInFork); });
+    const std::tuple<int, int, int> cases[] = {{SIGTERM, 0, SIGTERM}, {0, SIGTERM, SIGTERM}, {0, SIGPIPE, 0}};
+    for (const auto& [inFork, inDelay, expectedStatus] : cases) {
+        s_signalInFork = inFork;
+        s_signalInDelay = inDelay;
         start("true");
-        s_signalInDelay = 0;
         EXPECT_EQ(statusAfterHandler(), expectedStatus);
-        std::signal(signal, SIG_DFL);
     }
+    s_signalInDelay = 0;
+    std::signal(SIGTERM, SIG_DFL);
 }
 
 TEST_F(SystemExecTest, RunsInARowLeaveNoPipeAndNoZombie)
@@ -201,6 +209,7 @@ TEST_F(SystemExecTest, HandlerLeavesARunnerThatItHandledOrThatFailedAndTheRestOf
             ::setrlimit(RLIMIT_NOFILE, &none);
             runner.execute();
             ::setrlimit(RLIMIT_NOFILE, &limit);
+            EXPECT_EQ(runner.getPid(), -1);
         },
     };
     for (const auto& end : ends) {
