@@ -4,7 +4,6 @@
 #include <array>
 #include <csignal>
 #include <fcntl.h>
-#include <functional>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -46,11 +45,12 @@ struct SystemExecTest : testing::Test {
         pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
     }
 
-    void start(std::string command, const Words& words = {})
+    static void start(SystemExec& runner, std::string command, const Words& words = {})
     {
-        m_runner.setCommand(command);
-        m_runner.execute(words);
+        runner.setCommand(command);
+        runner.execute(words);
     }
+    void start(const std::string& command, const Words& words = {}) { start(m_runner, command, words); }
     /// Give the child all of its input, and read both outputs to their end.
     Texts talk(const std::string& input = {})
     {
@@ -200,25 +200,21 @@ TEST_F(SystemExecTest, RunsInARowLeaveNoPipeAndNoZombie)
 
 TEST_F(SystemExecTest, HandlerLeavesARunnerThatItHandledOrThatFailedAndTheRestOfTheProcessAlone)
 {
-    const std::function<void(SystemExec&)> ends[] = {
-        [&](SystemExec&) { letHandlerRun(); },
-        [](SystemExec& runner) {
-            rlimit limit{};
-            ::getrlimit(RLIMIT_NOFILE, &limit);
-            const rlimit none{0, limit.rlim_max};
-            ::setrlimit(RLIMIT_NOFILE, &none);
-            runner.execute();
-            ::setrlimit(RLIMIT_NOFILE, &limit);
-            EXPECT_EQ(runner.getPid(), -1);
-        },
-    };
-    for (const auto& end : ends) {
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none{0, limit.rlim_max};
+    for (const bool fails : {false, true}) {
         alignas(SystemExec) std::array<int, sizeof(SystemExec) / sizeof(int)> memory{};
         auto* runner = new (memory.data()) SystemExec;
-        std::string command = "true";
-        runner->setCommand(command);
-        runner->execute();
-        end(*runner);
+        start(*runner, "true");
+        if (fails) {
+            ::setrlimit(RLIMIT_NOFILE, &none);
+            start(*runner, "true");
+            ::setrlimit(RLIMIT_NOFILE, &limit);
+            EXPECT_EQ(runner->getPid(), -1);
+        } else {
+            letHandlerRun();
+        }
         EXPECT_EQ(runner->getStdOut(), -1);
         runner->~SystemExec();
         const int number = ::dup(STDIN_FILENO);
@@ -247,12 +243,10 @@ TEST_F(SystemExecTest, PipesOfARunnerThatIsNotNamedAnyMoreAreTheCallers)
     for (const int end : {m_runner.getStdOut(), m_runner.getStdIn(), m_runner.getStdErr()})
         ::close(end);
     SystemExec other;
-    std::string command = "true";
-    other.setCommand(command);
-    other.execute(); // gets the same numbers
+    start(other, "true"); // gets the same numbers
     start("true");
     expectHeld(6);
-    other.execute();
+    start(other, "true");
     expectHeld(9);
     while (::wait(nullptr) > 0) {
     }
