@@ -12,7 +12,8 @@ public:
 
     /// Look @p name up in the environment. A null name is never set.
     /// @return the environment's own string if the variable is set. Otherwise a copy of @p defaultValue that
-    /// the caller releases with free(), or null if there is no default or no memory.
+    /// the caller releases with free(), or null if there is no default or no memory. It is the environment's
+    /// own exactly if getenv(@p name) returns that very pointer.
     static char* getEnv(const char* name, const char* defaultValue);
 
     /// Release every string with the single-object delete and empty the vector. Null elements are skipped.
@@ -23,8 +24,9 @@ public:
 
     /// Make a key of 32 lowercase hexadecimal characters: 128 bits of "/dev/urandom". Safe from any thread.
     ///
-    /// Without the device the key comes from srand() and rand(), seeded with process id, time and a counter.
-    /// Such a key can be guessed, changes the program's rand() sequence, and two threads may get the same
-    /// one. Nothing tells the caller: where a key protects something, make sure that the device is there.
+    /// Without the device, or a descriptor left to open it, the key comes from srand() and rand(), seeded
+    /// with process id, time and a counter. Such a key can be guessed, changes the program's rand() sequence,
+    /// and two threads may get the same one. Nothing tells the caller: where a key protects something, make
+    /// sure that the device is there and that descriptors are.
     static std::string generateRandomKey();
 };

@@ -6,13 +6,14 @@
 #include "GorvApi.h"
 
 #include <string>
+#include <vector>
 
 /// Runs a program as a child process with its three standard streams on pipes.
 ///
 /// The design allows one outstanding child per process: execute() makes its runner the one that the SIGCHLD
-/// handler works on. Use a runner from one thread, and keep it alive until its child has ended. A program
-/// that can't do so sets ::se to null first; the pipe ends and the child are then its own to close and to
-/// wait for.
+/// handler works on. Use a runner from one thread, and keep it alive until getStdOut() is -1. A program that
+/// can't do so sets ::se to null first; the pipe ends and the child are then its own to close and to wait
+/// for. So are the pipe ends of a runner that execute() of another has replaced.
 ///
 /// The handler closes the caller's pipe ends as soon as the child ends, and what was not read yet is lost.
 /// Block SIGCHLD before execute() and until all is read, in every thread of the process (a thread inherits
@@ -30,8 +31,18 @@
 /// A child that fills one pipe waits until it is read: poll() both outputs if both may carry much. Ignore
 /// SIGPIPE if the child may end before it has read its input.
 ///
+/// PAM modules start children as well, which the handler would take for the runner's, and a login fails or
+/// waits for the program. A program that has logins blocks SIGCHLD in every thread for good. It calls
+/// signalHandler() itself, under PAMHelper::getMonitor() and once waitid() with WNOWAIT tells that the child
+/// getPid() has ended.
+///
+/// A child that doesn't end by itself is ended with kill(runner.getPid(), SIGKILL) while SIGCHLD is blocked
+/// in every thread: once a child has been reaped, its id may be a stranger's.
+///
 /// The child stays in the caller's process group and inherits what a program inherits over exec, with SIGCHLD
-/// and SIGPIPE back at their defaults and SIGCHLD not blocked. Handlers of the caller never run in it.
+/// and SIGPIPE back at their defaults and SIGCHLD not blocked. Handlers of the caller never run in it. Until
+/// then, for a second, it holds copies of all the caller's descriptors: a connection that the caller closes
+/// meanwhile ends only after that.
 class GORV_API SystemExec {
 public:
     /// A runner without a command; all three pipe ends are -1.
@@ -47,22 +58,30 @@ public:
     /// is not split at blanks. Copied.
     void setCommand(std::string& command);
 
-    /// Choose the child's arguments: @p args[0] is its name as it sees it, a null pointer ends the array. The
-    /// array stays the caller's and valid until execute() has returned. With null, the default, the command
-    /// is the only argument.
+    /// Choose the child's arguments for execute(): @p args[0] is its name as it sees it, a null pointer ends
+    /// the array. The array stays the caller's and valid until execute() has returned. With null, the
+    /// default, the command is the only argument.
     void setArgList(char** args);
 
     /// Start the child, which runs the command after a second's delay.
     ///
-    /// First closes the pipe ends that this runner still holds, unless ::se is null. Writes its progress to
-    /// standard output and flushes it. Replaces the process's SIGCHLD handler with signalHandler().
+    /// First closes the pipe ends that this runner still holds if ::se is this runner, and forgets them if it
+    /// isn't. Writes its progress to standard output and flushes it. Replaces the process's SIGCHLD handler
+    /// with signalHandler().
     ///
     /// No result: when a pipe or the child can't be made, a line on standard error tells so and the pipe ends
-    /// are -1. When the program can't be run, the child says so on its two output pipes and ends with
-    /// exit(1), which runs the exit handlers of the caller's program there.
+    /// are -1. When the program can't be run, the child says so on its two output pipes, which then end, and
+    /// ends with exit(1). That runs the exit handlers of the caller's program in the child, with its standard
+    /// streams on "/dev/null" and every other descriptor closed.
     void execute();
 
-    /// @return where to read the child's output, or -1 before execute() and after the child has ended.
+    /// The same with these arguments instead of those of setArgList(): @p args[0] is the child's name as it
+    /// sees it. With none, the command is the only argument. Throws std::bad_alloc when memory runs out,
+    /// before anything is done.
+    void execute(const std::vector<std::string>& args);
+
+    /// @return where to read the child's output, or -1 before execute(), after one that failed, and after the
+    /// child has ended.
     int getStdOut();
 
     /// @return where to write the child's input, or -1 as for getStdOut(). Close it to end the input. The
@@ -73,9 +92,18 @@ public:
     /// @return where to read the child's error output, or -1 as for getStdOut().
     int getStdErr();
 
+    /// @return the id of the child, also when it has ended, or -1 before execute() and after one that failed.
+    int getPid();
+
+    /// Tell how the child ended, as waitpid() does, in @p status.
+    /// @return whether signalHandler() has reaped it. False, with @p status unchanged, before that, for a
+    /// child that the program waited for itself, and once another runner has started a child.
+    bool getStatus(int& status);
+
 private:
     friend void signalHandler(int sig);
 
+    GORV_LOCAL void start(char** args);
     GORV_LOCAL void leaveLastChild();
     GORV_LOCAL void closePipes();
 
@@ -90,9 +118,10 @@ private:
 /// The runner whose execute() ran last, or null. The SIGCHLD handler works on it; nothing resets it.
 extern GORV_API SystemExec* se;
 
-/// The SIGCHLD handler that SystemExec::execute() installs: closes the pipe ends of ::se, each at most once,
-/// and waits for any one child, whichever it is. Does nothing for another signal or while ::se is null. Makes
-/// only async-signal-safe calls and keeps errno. A child that is stopped or continued doesn't raise it.
+/// The SIGCHLD handler that SystemExec::execute() installs: closes the pipe ends of ::se, whichever child has
+/// ended, and waits for any one child. Once it has closed them, it never touches that runner again until its
+/// next execute(). Does nothing for another signal or while ::se is null. Makes only async-signal-safe calls
+/// and keeps errno. A child that is stopped or continued doesn't raise it.
 ///
 /// A child that the program waits for itself (system(), popen(), waitpid()) may be reaped here. If the
 /// program was faster and has another child, the handler waits, and holds its thread up, until that one ends.

@@ -10,8 +10,10 @@ int main()
     CommandLine options(7, const_cast<char**>(words)); // a program passes its own argc and argv
 
     std::printf("port: %s\n", options.getArg("port")); // the first value
-    const char* level = options.getArg("trace");
-    std::printf("trace: %d, level: %s\n", options.hasArg("trace"), level == nullptr ? "none" : level);
+    int port = 4711;                                   // the default
+    if (options.getInt("port", 1, 65535, port))
+        std::printf("port as a number: %d\n", port);
+    std::printf("trace: %d, level: %s\n", options.hasArg("trace"), options.getArg("trace", "none"));
     std::printf("verbose: %d\n", options.hasArg("-verbose")); // only one dash is taken off
     std::printf("ignored: %d, help: %d\n", options.hasArg("ignored"), options.hasArg("help"));
 }

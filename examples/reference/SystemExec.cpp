@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 #include <string_view>
+#include <sys/wait.h>
 #include <unistd.h>
 
 int main()
@@ -17,20 +18,19 @@ int main()
 
     static SystemExec s_runner; // outlives its child
     std::string command = "sort";
-    char name[] = "sort";
-    char option[] = "-r";
-    char* arguments[] = {name, option, nullptr};
     s_runner.setCommand(command);
-    s_runner.setArgList(arguments);
-    s_runner.execute(); // no result: -1 for the pipe ends tells of a failure
+    s_runner.execute({"sort", "-r"}); // no result: -1 for the child tells of a failure
 
     constexpr std::string_view kInput = "alice\ndave\ncarol\n";
-    if (s_runner.getStdIn() < 0 || ::write(s_runner.getStdIn(), kInput.data(), kInput.size()) < 0)
+    if (s_runner.getPid() < 0 || ::write(s_runner.getStdIn(), kInput.data(), kInput.size()) < 0)
         return 1;
     ::close(s_runner.getStdIn()); // the end of the input
     char buffer[64];
     for (ssize_t count = 0; (count = ::read(s_runner.getStdOut(), buffer, sizeof buffer)) > 0;)
         std::printf("%.*s", static_cast<int>(count), buffer);
 
-    pthread_sigmask(SIG_SETMASK, &before, nullptr); // from here on the handler may close and reap
+    int status = 0;
+    while (!s_runner.getStatus(status))
+        sigsuspend(&before); // lets the handler close and reap
+    std::printf("exit status: %d\n", WEXITSTATUS(status));
 }

@@ -2,6 +2,7 @@
 
 #include "base/FileDescriptor.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -29,10 +30,9 @@ void releaseString(const char* text)
 bool readRandomWords(KeyWords& words)
 {
     const FileDescriptor device(::open("/dev/urandom", O_RDONLY | O_CLOEXEC));
-    if (!device.isOpen())
-        return false;
-    return ::read(device.get(), words.data(), sizeof words) ==
-           sizeof words; // no signal interrupts so short a read
+    return std::all_of(words.begin(), words.end(), [&](std::uint32_t& word) {
+        return ::read(device.get(), &word, sizeof word) == sizeof word; // which no signal interrupts
+    });
 }
 
 void makePseudoRandomWords(KeyWords& words)

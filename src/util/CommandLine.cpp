@@ -1,5 +1,7 @@
 #include "CommandLine.h"
 
+#include "base/IntegerText.h"
+
 #include <algorithm>
 #include <cstring>
 #include <string>
@@ -31,6 +33,18 @@ const char* CommandLine::getArg(const char* name)
 {
     const Option* option = find(name);
     return option == nullptr || option->values.empty() ? nullptr : option->values.front();
+}
+
+const char* CommandLine::getArg(const char* name, const char* defaultValue)
+{
+    const char* value = getArg(name);
+    return value == nullptr ? defaultValue : value;
+}
+
+bool CommandLine::getInt(const char* name, int least, int most, int& value)
+{
+    const char* text = getArg(name);
+    return text == nullptr || parseWholeInteger(text, least, most, value);
 }
 
 const CommandLine::Option* CommandLine::find(const char* name) const

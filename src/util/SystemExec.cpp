@@ -2,13 +2,15 @@
 
 #include "base/FileDescriptor.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
-#include <stdio_ext.h>
 #include <sys/wait.h>
 
 SystemExec* se = nullptr;
@@ -16,6 +18,19 @@ SystemExec* se = nullptr;
 namespace {
 
 constexpr unsigned kStartDelaySeconds = 1;
+constexpr int kRunning = -1; // no child ends with this status
+
+/// The runner whose pipe ends the handler is still to close. Once it has taken it from here it never touches
+/// that runner again, which may be gone by the next signal although ::se names it still.
+constinit std::atomic<SystemExec*> s_outstanding = nullptr;
+
+/// The child that was started last, and its status.
+constinit std::atomic<std::uint64_t> s_lastChild = 0;
+
+constexpr std::uint64_t childWithStatus(pid_t child, int status)
+{
+    return static_cast<std::uint64_t>(child) << 32 | static_cast<std::uint32_t>(status);
+}
 
 struct Pipe {
     FileDescriptor readEnd;
@@ -78,6 +93,7 @@ void dropHandlers()
         if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN)
             std::signal(signal, SIG_DFL);
     }
+    std::signal(SIGPIPE, SIG_IGN); // the reader of the progress line may have gone
 }
 
 /// A signal must not run a handler of the caller in the child, be it only until the exec: the handler would
@@ -115,34 +131,38 @@ void restoreSignals()
     pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
 
+/// The texts go past the standard streams, whose buffers may hold what is the caller's to write. Both pipes
+/// end before the caller's exit handlers run, which may write or wait.
+[[noreturn]] void reportFailure(const char* command, int error, const ChildPipes& pipes)
+{
+    std::signal(SIGPIPE, SIG_IGN);
+    ::dprintf(pipes.output.writeEnd.get(), "SystemExec child: %s: execl Error!:", command);
+    ::dprintf(pipes.error.writeEnd.get(), "SystemExec child: Unable to exec.: %s\n", std::strerror(error));
+    ::closefrom(STDIN_FILENO);
+    for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
+        ::open("/dev/null", O_RDWR); // the lowest number that is free
+    std::exit(1);
+}
+
 [[noreturn]] void runChild(const char* command, char* const* args, const ChildPipes& pipes)
 {
-    __fpurge(stdout); // another thread's text since the flush is for the caller to write
-    std::printf("SystemExec child: In forked process for %s, pid=%i, pgid=%i\n", command, ::getpid(),
-                ::getpgid(0));
-    std::fflush(stdout); // what stayed in the buffer would be lost in the exec, or land in the output pipe
+    ::dprintf(STDOUT_FILENO, "SystemExec child: In forked process for %s, pid=%i, pgid=%i\n", command,
+              ::getpid(), ::getpgid(0));
     ::sleep(kStartDelaySeconds);
     if (redirectStreams(pipes)) {
         restoreSignals();
         ::execvp(command, args);
     }
-    const int error = errno;
-    std::printf("SystemExec child: %s: execl Error!:", command);
-    std::fflush(stdout);
-    errno = error;
-    std::perror("SystemExec child: Unable to exec.");
-    ::closefrom(STDERR_FILENO +
-                1); // exit() would write the caller's buffers, which are the caller's to write
-    std::exit(1);
+    reportFailure(command, errno, pipes);
 }
 
-/// Not for a child that is merely stopped: the handler would close its pipes and wait for its end.
+/// As signal() does, but not for a child that is merely stopped: the handler would close its pipes and wait
+/// for its end.
 void installHandler()
 {
-    std::signal(SIGCHLD, signalHandler);
     struct sigaction action {};
-    sigaction(SIGCHLD, nullptr, &action);
-    action.sa_flags |= SA_NOCLDSTOP;
+    action.sa_handler = signalHandler;
+    action.sa_flags = SA_RESTART | SA_NOCLDSTOP;
     sigaction(SIGCHLD, &action, nullptr);
 }
 
@@ -165,6 +185,17 @@ void keep(FileDescriptor& end, int& descriptor)
     std::atomic_ref<int>(descriptor).store(end.release());
 }
 
+void reapOneChild()
+{
+    int status = 0;
+    pid_t child = -1;
+    do {
+        child = ::wait(&status);
+    } while (child == -1 && errno == EINTR);
+    std::uint64_t last = childWithStatus(child, kRunning);
+    s_lastChild.compare_exchange_strong(last, childWithStatus(child, status));
+}
+
 } // namespace
 
 SystemExec::SystemExec() : m_stdOut(-1), m_stdIn(-1), m_stdErr(-1), m_pid(-1), m_argList(nullptr)
@@ -183,6 +214,19 @@ void SystemExec::setArgList(char** args)
 }
 
 void SystemExec::execute()
+{
+    start(m_argList);
+}
+
+void SystemExec::execute(const std::vector<std::string>& args)
+{
+    std::vector<char*> pointers(args.size() + 1);
+    std::transform(args.begin(), args.end(), pointers.begin(),
+                   [](const std::string& arg) { return const_cast<char*>(arg.c_str()); });
+    start(args.empty() ? nullptr : pointers.data());
+}
+
+void SystemExec::start(char** args)
 {
     leaveLastChild();
     std::printf("SystemExec: Excecuting command: %s\n", m_command.c_str());
@@ -203,15 +247,17 @@ void SystemExec::execute()
     }
     if (m_pid == 0) {
         char* const commandOnly[] = {m_command.data(), nullptr};
-        runChild(m_command.c_str(), m_argList == nullptr ? commandOnly : m_argList, pipes);
+        runChild(m_command.c_str(), args == nullptr ? commandOnly : args, pipes);
     }
 
+    s_lastChild.store(childWithStatus(m_pid, kRunning));
     std::printf("SystemExec parent process.  Command: %s: fork pid : %i (getpid=%i)\n", m_command.c_str(),
                 m_pid, ::getpid());
     std::fflush(stdout);
     keep(pipes.output.readEnd, m_stdOut);
     keep(pipes.input.writeEnd, m_stdIn);
     keep(pipes.error.readEnd, m_stdErr);
+    s_outstanding.store(this);
     std::atomic_ref<SystemExec*>(se).store(this);
     installHandler();
 }
@@ -231,11 +277,29 @@ int SystemExec::getStdErr()
     return readDescriptor(m_stdErr);
 }
 
+int SystemExec::getPid()
+{
+    return m_pid;
+}
+
+bool SystemExec::getStatus(int& status)
+{
+    const std::uint64_t last = s_lastChild.load();
+    const int lastStatus = static_cast<int>(static_cast<std::uint32_t>(last));
+    if (last != childWithStatus(m_pid, lastStatus) || lastStatus == kRunning)
+        return false;
+    status = lastStatus;
+    return true;
+}
+
 void SystemExec::leaveLastChild()
 {
-    if (std::atomic_ref<SystemExec*>(se).load() != nullptr)
+    m_pid = -1;
+    SystemExec* self = this;
+    s_outstanding.compare_exchange_strong(self, nullptr);
+    if (std::atomic_ref<SystemExec*>(se).load() == this)
         return closePipes();
-    for (int* descriptor : {&m_stdErr, &m_stdIn, &m_stdOut}) // the caller's by now, with their child
+    for (int* descriptor : {&m_stdErr, &m_stdIn, &m_stdOut}) // the caller's by now
         std::atomic_ref<int>(*descriptor).store(-1);
 }
 
@@ -254,8 +318,9 @@ void signalHandler(int sig)
     if (runner == nullptr)
         return;
     const int error = errno;
-    runner->closePipes();
-    while (::wait(nullptr) == -1 && errno == EINTR) {
-    }
+    SystemExec* outstanding = runner;
+    if (s_outstanding.compare_exchange_strong(outstanding, nullptr))
+        runner->closePipes();
+    reapOneChild();
     errno = error;
 }

@@ -7,6 +7,7 @@ TEST(AUtilTest, StringsAreOwnedAsDescribed)
 {
     EXPECT_EQ(AUtil::getEnv("PATH", "default"), std::getenv("PATH"));
     EXPECT_EQ(AUtil::getEnv("GORV_NOT_SET", nullptr), nullptr);
+    EXPECT_EQ(AUtil::getEnv(nullptr, nullptr), nullptr);
     char* copy = AUtil::getEnv("GORV_NOT_SET", "default");
     EXPECT_STREQ(copy, "default");
     std::free(copy);
@@ -14,5 +15,6 @@ TEST(AUtilTest, StringsAreOwnedAsDescribed)
     std::vector<const char*> constants = {nullptr, new const char('b')};
     AUtil::clearStringArray(strings);
     AUtil::clearStringArray(constants);
-    EXPECT_TRUE(strings.empty() && constants.empty());
+    EXPECT_TRUE(strings.empty());
+    EXPECT_TRUE(constants.empty());
 }

@@ -1,13 +1,17 @@
 #include "SystemExec.h"
 #include "support/Files.h"
 
+#include <array>
 #include <csignal>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <thread>
 
+static int s_signalInFork = 0;
 static int s_signalInDelay = 0;
+static bool s_waitsAtExit = false;
 
 // The library's calls end here. The child's delay is only announced.
 extern "C" __attribute__((visibility("default"))) unsigned sleep(unsigned seconds)
@@ -19,6 +23,10 @@ extern "C" __attribute__((visibility("default"))) unsigned sleep(unsigned second
 namespace {
 
 using Texts = std::pair<std::string, std::string>;
+using Words = std::vector<std::string>;
+
+const Texts kFailure = {"SystemExec child: ls -l: execl Error!:",
+                        "SystemExec child: Unable to exec.: No such file or directory\n"};
 
 /// Holds SIGCHLD back, so that the handler runs when a test lets it, and ignores SIGPIPE, as a host would.
 struct SystemExecTest : testing::Test {
@@ -29,6 +37,7 @@ struct SystemExecTest : testing::Test {
         sigaddset(&child, SIGCHLD);
         pthread_sigmask(SIG_BLOCK, &child, &m_before);
         std::signal(SIGPIPE, SIG_IGN);
+        ::setenv("PATH", "/usr/bin:/bin", 1); // a folder that may not be read would change the texts
     }
     ~SystemExecTest() override
     {
@@ -36,13 +45,12 @@ struct SystemExecTest : testing::Test {
         pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
     }
 
-    void start(std::string command, std::vector<const char*> words = {})
+    static void start(SystemExec& runner, std::string command, const Words& words = {})
     {
-        words.push_back(nullptr);
-        m_runner.setCommand(command);
-        m_runner.setArgList(words.size() == 1 ? nullptr : const_cast<char**>(words.data()));
-        m_runner.execute();
+        runner.setCommand(command);
+        runner.execute(words);
     }
+    void start(const std::string& command, const Words& words = {}) { start(m_runner, command, words); }
     /// Give the child all of its input, and read both outputs to their end.
     Texts talk(const std::string& input = {})
     {
@@ -53,10 +61,18 @@ struct SystemExecTest : testing::Test {
                 readFile(pipe + std::to_string(m_runner.getStdErr()))};
     }
     void letHandlerRun() { sigsuspend(&m_before); }
+    int statusAfterHandler()
+    {
+        letHandlerRun();
+        int status = -1;
+        EXPECT_TRUE(m_runner.getStatus(status));
+        return status;
+    }
     void expectHeld(int pipes)
     {
         EXPECT_EQ(openDescriptors(), m_descriptors + pipes);
-        EXPECT_EQ(m_runner.getStdOut() + m_runner.getStdIn() + m_runner.getStdErr() == -3, pipes == 0);
+        for (const int end : {m_runner.getStdOut(), m_runner.getStdIn(), m_runner.getStdErr()})
+            EXPECT_EQ(end == -1, pipes == 0);
     }
 
     sigset_t m_before{};
@@ -64,28 +80,43 @@ struct SystemExecTest : testing::Test {
     const int m_descriptors = openDescriptors();
 };
 
-TEST_F(SystemExecTest, ChildRunsOnThreePipesUntilTheHandlerClosesThem)
+TEST_F(SystemExecTest, ChildRunsOnThreePipesUntilTheHandlerClosesThemAndKeepsItsStatus)
 {
+    std::signal(SIGCHLD, SIG_IGN);
+    char text[] = "text";
+    char* list[] = {text, text, nullptr};
+    m_runner.setArgList(list); // which a list of strings leaves aside
     expectHeld(0);
-    const std::string noFile = "SystemExec child: Unable to exec.: No such file or directory\n";
-    const std::tuple<std::string, std::vector<const char*>, Texts, int> cases[] = {
-        {"/bin/echo", {}, {"\n", ""}, 0},
-        {"ls -l", {}, {"SystemExec child: ls -l: execl Error!:", noFile}, W_EXITCODE(1, 0)},
-        {"sh", {"name", "-c", "echo $0; kill -KILL $$"}, {"name\n", ""}, SIGKILL},
-        // What the caller does to these two signals stays out of the child.
+    EXPECT_EQ(m_runner.getPid(), -1);
+    const std::tuple<std::string, Words, Texts, int> cases[] = {
+        // What the caller does to these two signals stays out of the child, which must not end before its
+        // input.
+        {"grep",
+         {"", "-chE", "^Sig(Blk:.0*|Ign:.*[02468ace].{4})$", "/proc/self/status", "-"},
+         {"2\n0\n", ""},
+         0},
         {"sh", {"", "-c", "kill -PIPE $$"}, {"", ""}, SIGPIPE},
-        {"grep", {"", "-c", "^SigBlk:.0*$", "/proc/self/status"}, {"1\n", ""}, 0},
+        {"ls -l", {}, kFailure, W_EXITCODE(1, 0)},
+        {"sh", {"name", "-c", "echo $0 $$; kill -KILL $$"}, {"name ", ""}, SIGKILL},
+        {"/bin/echo", {}, {"\n", ""}, 0},
     };
-    for (const auto& [command, words, texts, expectedStatus] : cases) {
+    for (auto [command, words, texts, expectedStatus] : cases) {
+        SCOPED_TRACE(command);
         start(command, words);
         expectHeld(3);
-        EXPECT_TRUE(talk() == texts) << command;
-        int status = -1;
-        ::waitpid(-1, &status, 0);
-        EXPECT_EQ(status, expectedStatus) << command;
-        letHandlerRun();
+        if (texts.first == "name ")
+            texts.first += std::to_string(m_runner.getPid()) + "\n";
+        EXPECT_EQ(talk(), texts);
+        int status = 77;
+        EXPECT_FALSE(m_runner.getStatus(status));
+        EXPECT_EQ(status, 77);
+        EXPECT_EQ(statusAfterHandler(), expectedStatus);
         expectHeld(0);
     }
+    m_runner.execute();
+    EXPECT_EQ(talk(), Texts("text\n", ""));
+    int status = statusAfterHandler();
+    EXPECT_FALSE(SystemExec().getStatus(status));
 }
 
 TEST_F(SystemExecTest, ProgressLinesArriveOnceAndWholeAndTheChildWaitsASecond)
@@ -93,68 +124,134 @@ TEST_F(SystemExecTest, ProgressLinesArriveOnceAndWholeAndTheChildWaitsASecond)
     CapturedStream output(stdout);
     // As by another thread, and by a parent that is late.
     ::pthread_atfork([] { std::fputs("other line\n", stdout); }, [] { ::usleep(10'000); }, nullptr);
-    FILE* log = std::tmpfile();
-    std::fputs("line", log);                       // which the child inherits and exit() would write again
-    std::thread([=] { ::flockfile(log); }).join(); // as by a thread that reads it; nobody may wait for that
-    start("ls -l");
+    start("true");
     talk();
     const std::string pid = std::to_string(::waitpid(-1, nullptr, 0));
-    ::funlockfile(log);
-    EXPECT_EQ(::lseek(::fileno(log), 0, SEEK_END), 0);
-    std::fclose(log);
-    const std::string parent = "other line\nSystemExec parent process.  Command: ls -l: fork pid : " + pid +
+    const std::string parent = "other line\nSystemExec parent process.  Command: true: fork pid : " + pid +
                                " (getpid=" + std::to_string(::getpid()) + ")\n";
     const std::string child =
-        "SystemExec: Excecuting command: ls -l\nSystemExec child: In forked process for ls -l, pid=" + pid +
+        "SystemExec: Excecuting command: true\nSystemExec child: In forked process for true, pid=" + pid +
         ", pgid=" + std::to_string(::getpgrp()) + "\nsleep 1\n";
-    std::string text = output.text();
+    std::string text = output.arrived();
     const std::size_t position = text.find(parent); // before, in or behind what the child writes
     ASSERT_NE(position, text.npos) << text;
     EXPECT_EQ(text.erase(position, parent.size()), child);
 }
 
-TEST_F(SystemExecTest, ChildIsEndedInItsDelayWithoutTheCallersHandler)
+TEST_F(SystemExecTest, FailedChildWritesNothingOfTheCallersAndItsPipesEndBeforeAnExitHandlerThatWaits)
 {
-    std::signal(SIGTERM, [](int) {}); // would let the child live
-    s_signalInDelay = SIGTERM;
-    start("true");
+    std::atexit([] {
+        while (s_waitsAtExit && ::raise(SIGPIPE) == 0 && ::write(STDOUT_FILENO, "mine", 4) > 0)
+            ::pause();
+    });
+    CapturedStream errors(stderr);
+    char buffer[BUFSIZ];
+    std::setvbuf(stderr, buffer, _IOFBF, sizeof buffer);
+    FILE* log = std::tmpfile();
+    for (FILE* stream : {stderr, log})
+        std::fputs("mine", stream);
+    std::thread([=] { ::flockfile(log); }).join(); // as by a thread that reads it; nobody may wait for that
+    for (const int expectedStatus : {W_EXITCODE(1, 0), SIGKILL}) {
+        s_waitsAtExit = expectedStatus == SIGKILL;
+        start("ls -l");
+        EXPECT_EQ(talk(), kFailure);
+        if (s_waitsAtExit)
+            ::kill(m_runner.getPid(), SIGKILL);
+        EXPECT_EQ(statusAfterHandler(), expectedStatus);
+    }
+    s_waitsAtExit = false;
+    ::funlockfile(log);
+    EXPECT_EQ(::lseek(::fileno(log), 0, SEEK_END), 0);
+    std::fclose(log);
+    std::setvbuf(stderr, nullptr, _IONBF, 0);
+}
+
+TEST_F(SystemExecTest, SignalMeetsNoHandlerOfTheCallerInTheChildAndABrokenPipeDoesNotEndIt)
+{
+    for (const int signal : {SIGTERM, SIGPIPE})
+        std::signal(signal, [](int) {});
+    ::pthread_atfork(nullptr, nullptr, [] { ::raise(s_signalInFork); });
+    const std::tuple<int, int, int> cases[] = {{SIGTERM, 0, SIGTERM}, {0, SIGTERM, SIGTERM}, {0, SIGPIPE, 0}};
+    for (const auto& [inFork, inDelay, expectedStatus] : cases) {
+        s_signalInFork = inFork;
+        s_signalInDelay = inDelay;
+        start("true");
+        EXPECT_EQ(statusAfterHandler(), expectedStatus);
+    }
     s_signalInDelay = 0;
-    int status = -1;
-    ::waitpid(-1, &status, 0);
-    EXPECT_EQ(status, SIGTERM);
     std::signal(SIGTERM, SIG_DFL);
 }
 
-TEST_F(SystemExecTest, RunsInARowLeaveNoPipeAndNoZombieAndTheHandlerTouchesNothingElse)
+TEST_F(SystemExecTest, RunsInARowLeaveNoPipeAndNoZombie)
 {
     for (int run = 0; run < 50; ++run, letHandlerRun())
         start("true");
     start("cat");
     start("cat"); // closes the pipes of the first, which ends; so the handler closes those of the second
     expectHeld(3);
+    letHandlerRun();
+    EXPECT_EQ(statusAfterHandler(), 0);
+    expectHeld(0);
+    if (::fork() == 0)
+        ::_exit(1);
+    EXPECT_EQ(statusAfterHandler(), 0); // not the stranger's
+    EXPECT_EQ(::wait(nullptr), -1);
+}
+
+TEST_F(SystemExecTest, HandlerLeavesARunnerThatItHandledOrThatFailedAndTheRestOfTheProcessAlone)
+{
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none{0, limit.rlim_max};
+    for (const bool fails : {false, true}) {
+        alignas(SystemExec) std::array<int, sizeof(SystemExec) / sizeof(int)> memory{};
+        auto* runner = new (memory.data()) SystemExec;
+        start(*runner, "true");
+        if (fails) {
+            ::setrlimit(RLIMIT_NOFILE, &none);
+            start(*runner, "true");
+            ::setrlimit(RLIMIT_NOFILE, &limit);
+            EXPECT_EQ(runner->getPid(), -1);
+        } else {
+            letHandlerRun();
+        }
+        EXPECT_EQ(runner->getStdOut(), -1);
+        runner->~SystemExec();
+        const int number = ::dup(STDIN_FILENO);
+        memory.fill(number);
+        const auto before = memory;
+        errno = EXDEV;
+        signalHandler(SIGCHLD);
+        EXPECT_EQ(errno, EXDEV);
+        EXPECT_EQ(memory, before);
+        EXPECT_EQ(::close(number), 0);
+    }
     struct sigaction action {};
     sigaction(SIGCHLD, nullptr, &action);
-    EXPECT_TRUE(action.sa_flags &
-                SA_NOCLDSTOP); // the handler would wait for the end of a child that is stopped
-    const int number = m_runner.getStdOut();
-    letHandlerRun();
-    letHandlerRun();
-    expectHeld(0);
-    ASSERT_EQ(::fcntl(STDIN_FILENO, F_DUPFD, number), number);
-    errno = EXDEV;
-    signalHandler(SIGCHLD); // finds neither pipes nor a child
-    EXPECT_EQ(errno, EXDEV);
-    EXPECT_EQ(::close(number), 0);
+    EXPECT_TRUE(action.sa_flags & SA_NOCLDSTOP); // or it would wait for the end of a child that is stopped
+    EXPECT_TRUE(action.sa_flags & SA_RESTART);
+}
+
+TEST_F(SystemExecTest, PipesOfARunnerThatIsNotNamedAnyMoreAreTheCallers)
+{
     start("true");
     signalHandler(SIGTERM);
     se = nullptr;
     signalHandler(SIGCHLD);
-    expectHeld(3); // and they are the caller's now, as is the child
-    EXPECT_GT(::waitpid(-1, nullptr, 0), 0);
+    expectHeld(3);
+    EXPECT_EQ(::waitpid(m_runner.getPid(), nullptr, 0), m_runner.getPid()); // as is the child
+    for (const int end : {m_runner.getStdOut(), m_runner.getStdIn(), m_runner.getStdErr()})
+        ::close(end);
+    SystemExec other;
+    start(other, "true"); // gets the same numbers
     start("true");
     expectHeld(6);
-    letHandlerRun();
-    EXPECT_EQ(openDescriptors(), m_descriptors + 3);
+    start(other, "true");
+    expectHeld(9);
+    while (::wait(nullptr) > 0) {
+    }
+    signalHandler(SIGCHLD);
+    expectHeld(6);
 }
 
 TEST_F(SystemExecTest, CallerWithoutStandardStreamsGetsItsPipesAllTheSame)
