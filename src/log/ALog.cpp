@@ -1,9 +1,13 @@
 #include "ALog.h"
 
 #include "base/SharedField.h"
+#include "log/KeptErrno.h"
 #include "log/LineFormat.h"
 #include "log/LocalSecond.h"
+#include "log/OutputFile.h"
 
+#include <cstring>
+#include <fcntl.h>
 #include <langinfo.h>
 #include <memory>
 #include <string_view>
@@ -28,26 +32,46 @@ std::unique_ptr<char[]> copyText(const char* text)
     return copy;
 }
 
-/// The stamp that the thread formatted last, and what it depended on.
-struct Stamp {
-    LocalSecond time;
-    const char* timeFormat = nullptr;
-    std::size_t length = 0;
-    char text[256] = {};
-};
+// How often a line is stamped anew because the second ended while it waited.
+constexpr int kStampAttempts = 3;
 
-std::string_view currentStamp()
+/// Whether the time by @p timeFormat shows nothing that the locale says elsewhere: no "%p", no "%r".
+bool hasNumbersOnly(std::string_view timeFormat)
 {
-    static constinit thread_local Stamp s_stamp;
-    const bool timeChanged = s_stamp.time.moveTo(std::time(nullptr));
-    // "%X" follows the host's time locale, which may change between two lines.
-    const char* const timeFormat = nl_langinfo(T_FMT);
-    if (timeChanged || s_stamp.timeFormat != timeFormat) {
-        s_stamp.length = s_stamp.time.writeTo(s_stamp.text, sizeof s_stamp.text, kStampFormat);
-        s_stamp.timeFormat = timeFormat;
+    for (std::size_t i = timeFormat.find('%'); i < timeFormat.size(); i = timeFormat.find('%', i + 2)) {
+        if (i + 1 == timeFormat.size() ||
+            std::string_view("HIMST").find(timeFormat[i + 1]) == std::string_view::npos)
+            return false;
     }
-    return {s_stamp.text, s_stamp.length};
+    return true;
 }
+
+/// The stamp that a thread formatted last, and what it depended on.
+class Stamp {
+public:
+    /// Bring it up to now.
+    void refresh()
+    {
+        // "%X" follows the host's time locale, which may change between two lines.
+        const char* const timeFormat = nl_langinfo(T_FMT);
+        if (!m_time.moveTo(std::time(nullptr)) && m_isKept && std::strcmp(timeFormat, m_timeFormat) == 0)
+            return;
+        m_length = std::strftime(m_text, sizeof m_text, kStampFormat, &m_time.fields());
+        m_isKept = hasNumbersOnly(timeFormat) && std::strlen(timeFormat) < sizeof m_timeFormat;
+        if (m_isKept)
+            std::strcpy(m_timeFormat, timeFormat);
+    }
+
+    bool isOfThisSecond() const { return std::time(nullptr) == m_time.second(); }
+    std::string_view text() const { return {m_text, m_length}; }
+
+private:
+    LocalSecond m_time;
+    std::size_t m_length = 0;
+    bool m_isKept = false;
+    char m_timeFormat[24] = {};
+    char m_text[256] = {};
+};
 
 } // namespace
 
@@ -80,6 +104,26 @@ int ALog::setOutputFile(const char* path)
     m_ownsFile = true;
     writeShared(m_file, path == nullptr ? nullptr : std::fopen(path, kOpenMode));
     return m_file == nullptr ? -1 : 0;
+}
+
+int ALog::reopenOutputFile(const char* path)
+{
+    FILE* const opened = openToAppend(path);
+    if (opened == nullptr)
+        return -1;
+    FILE* const own = ownFile(opened);
+    if (own == opened)
+        return 0;
+    // Others may be waiting for the stream's lock: it stays, and its descriptor moves on.
+    int result = 0;
+    {
+        const StreamLocks streams(own);
+        ::fflush_unlocked(own);
+        result = ::dup3(::fileno(opened), ::fileno(own), O_CLOEXEC);
+    }
+    const KeptErrno errnoOfResult;
+    std::fclose(opened);
+    return result < 0 ? -1 : 0;
 }
 
 void ALog::setEnabled(bool enabled)
@@ -116,18 +160,16 @@ void ALog::print(const char* format, ...)
 {
     va_list args;
     va_start(args, format);
-    vprint(format, args);
+    writeLine(format, args, true);
     va_end(args);
-    flushFile();
 }
 
 void ALog::print([[maybe_unused]] int level, const char* format, ...)
 {
     va_list args;
     va_start(args, format);
-    vprint(format, args);
+    writeLine(format, args, true);
     va_end(args);
-    flushFile();
 }
 
 void ALog::vprint(const char* format, va_list args)
@@ -137,17 +179,7 @@ void ALog::vprint(const char* format, va_list args)
 
 void ALog::vprint([[maybe_unused]] int level, const char* format, va_list args)
 {
-    if (!readShared(m_enabled))
-        return;
-    const MonitorLock lock = m_monitor.acquireLock();
-    if (m_file == nullptr && !openDefaultFile())
-        return;
-    composeLine(format, args);
-    std::fputs(m_buffer, m_file);
-    if (readShared(m_echoToConsole)) {
-        std::fputs(m_buffer, stdout);
-        std::fflush(stdout);
-    }
+    writeLine(format, args, false);
 }
 
 void ALog::flush()
@@ -157,20 +189,74 @@ void ALog::flush()
         std::fflush(stdout);
 }
 
-bool ALog::openDefaultFile()
+void ALog::writeLine(const char* format, va_list args, bool thenFlush)
 {
-    m_ownsFile = true;
-    writeShared(m_file, std::fopen(kDefaultFile, kOpenMode));
-    return m_file != nullptr;
+    const KeptErrno callersErrno;
+    if (!readShared(m_enabled)) {
+        if (thenFlush)
+            flushFile();
+        return;
+    }
+    static constinit thread_local Stamp s_stamp;
+    Stamp& stamp = s_stamp;
+    for (int attempt = 1;; ++attempt) {
+        FILE* const file = outputFile();
+        if (file == nullptr)
+            return;
+        const bool isStamped = readShared(m_showTimestamp);
+        const bool isEchoed = readShared(m_echoToConsole);
+        if (isStamped)
+            stamp.refresh(); // may read the zone file, which StreamLocks forbids
+        const StreamLocks streams(file, isEchoed ? stdout : nullptr);
+        MonitorLock lock = m_monitor.acquireLock();
+        if (m_file != file)
+            continue; // lines go elsewhere by now
+        if (isStamped && attempt < kStampAttempts && !stamp.isOfThisSecond())
+            continue; // or lines would not stand in the order of their stamps
+        callersErrno.restore();
+        composeLine(isStamped ? stamp.text() : "", format, args);
+        ::fputs_unlocked(m_buffer, file);
+        if (isEchoed) {
+            ::fputs_unlocked(m_buffer, stdout);
+            ::fflush_unlocked(stdout);
+        }
+        lock.releaseLock();
+        if (thenFlush)
+            ::fflush_unlocked(file);
+        return;
+    }
 }
 
-void ALog::composeLine(const char* format, va_list args)
+/// Returns the stream that lines go to, the default file if there is none; null if that can't be opened.
+FILE* ALog::outputFile()
+{
+    if (FILE* file = readShared(m_file))
+        return file;
+    const MonitorLock lock = m_monitor.acquireLock();
+    if (m_file == nullptr) {
+        m_ownsFile = true;
+        writeShared(m_file, std::fopen(kDefaultFile, kOpenMode));
+    }
+    return m_file;
+}
+
+/// Returns the log's own stream, which is @p opened from now on if there is none.
+FILE* ALog::ownFile(FILE* opened)
+{
+    const MonitorLock lock = m_monitor.acquireLock();
+    if (m_file == nullptr || !m_ownsFile) {
+        m_ownsFile = true;
+        writeShared(m_file, opened);
+    }
+    return m_file;
+}
+
+void ALog::composeLine(std::string_view stamp, const char* format, va_list args)
 {
     LineFormat line(m_buffer, static_cast<std::size_t>(m_bufferSize));
-    if (readShared(m_showTimestamp))
-        line.append(currentStamp());
+    line.append(stamp);
     line.appendText(m_name);
-    line.appendText(" -");
+    line.append(" -");
     line.appendMessage(format, args);
 }
 

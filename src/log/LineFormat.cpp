@@ -69,13 +69,13 @@ void LineFormat::appendMessage(const char* format, va_list args)
 }
 
 /// Most messages hold nothing but plain conversions, which cost a fraction of vsnprintf here. Returns false
-/// at anything else: a flag, a width, a precision or a rarer conversion.
+/// at anything else: a flag, a width, a precision, a rarer conversion, or text that the line has no room for.
 bool LineFormat::appendPlain(const char* format, va_list& args)
 {
     while (true) {
         format = appendUpTo('%', format);
         if (*format != '%')
-            return true;
+            return *format == '\0'; // where the line is full, a "%n" may follow
         format += 2;
         switch (format[-1]) {
         case 's':

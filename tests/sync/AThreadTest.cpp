@@ -21,7 +21,7 @@ extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* 
 struct Counter : AThread {
     void run() override
     {
-        for (m_id = getThreadID(); !__atomic_load_n(&m_stopRequested, __ATOMIC_ACQUIRE);)
+        for (m_id = getThreadID(); !isStopRequested();)
             ++m_rounds;
     }
     std::atomic<std::int64_t> m_id = 0, m_rounds = 0;
