@@ -7,6 +7,9 @@
 #include <cstdio>
 #include <string_view>
 
+class KeptErrno;
+class StreamLocks;
+
 /// A text log: one line a call to one stdio stream, each line with an optional date-time stamp, the log's
 /// name and a printf-style message. Levels are accepted and change nothing.
 ///
@@ -90,7 +93,9 @@ public:
     void flush();
 
 private:
-    GORV_LOCAL void writeLine(const char* format, va_list args, bool thenFlush) GORV_PRINTF(2, 0);
+    GORV_LOCAL FILE* writeLine(StreamLocks& streams, const KeptErrno& callersErrno, const char* format,
+                               va_list args) GORV_PRINTF(4, 0);
+    GORV_LOCAL void flushLine(FILE* file);
     GORV_LOCAL void composeLine(std::string_view stamp, const char* format, va_list args) GORV_PRINTF(3, 0);
     GORV_LOCAL FILE* outputFile();
     GORV_LOCAL FILE* ownFile(FILE* opened);

@@ -70,7 +70,7 @@ private:
     GORV_LOCAL void replaceFileName(char* name);
     bool admits(int level) const
     {
-        return level == 0 || level <= __atomic_load_n(&m_level, __ATOMIC_RELAXED);
+        return level == 0 || __builtin_expect(level <= __atomic_load_n(&m_level, __ATOMIC_RELAXED), false);
     }
 
     bool m_disabled; // until an Init() with a name
@@ -95,6 +95,19 @@ void ATrace::Init(int level, const char* fileName)
     Init(level, const_cast<char*>(fileName));
 }
 
+#ifdef GORV_CHECKS_INLINE
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral" // checked where it is called
+
+template <typename>
+inline GORV_CHECK_INLINE void ATrace::TraceLog(int level, const char* format, ...)
+{
+    if (admits(level))
+        TraceLog(level, const_cast<char*>(format), __builtin_va_arg_pack());
+}
+
+#pragma GCC diagnostic pop
+#else
 template <typename>
 void ATrace::TraceLog(int level, const char* format, ...)
 {
@@ -105,3 +118,4 @@ void ATrace::TraceLog(int level, const char* format, ...)
     vTraceLog(format, args);
     va_end(args);
 }
+#endif

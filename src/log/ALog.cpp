@@ -73,6 +73,13 @@ private:
     char m_text[256] = {};
 };
 
+/// Not inlined, or the compiler would look the thread's copy up at each use.
+[[gnu::noinline]] Stamp& stampOfThread()
+{
+    static constinit thread_local Stamp s_stamp;
+    return s_stamp;
+}
+
 } // namespace
 
 ALog::ALog(const char* name) : ALog(name, nullptr)
@@ -117,7 +124,8 @@ int ALog::reopenOutputFile(const char* path)
     // Others may be waiting for the stream's lock: it stays, and its descriptor moves on.
     int result = 0;
     {
-        const StreamLocks streams(own);
+        StreamLocks streams;
+        streams.lock(own);
         ::fflush_unlocked(own);
         result = ::dup3(::fileno(opened), ::fileno(own), O_CLOEXEC);
     }
@@ -158,18 +166,24 @@ bool ALog::getEchoToConsole()
 
 void ALog::print(const char* format, ...)
 {
+    const KeptErrno callersErrno;
+    StreamLocks streams;
     va_list args;
     va_start(args, format);
-    writeLine(format, args, true);
+    FILE* const file = writeLine(streams, callersErrno, format, args);
     va_end(args);
+    flushLine(file);
 }
 
 void ALog::print([[maybe_unused]] int level, const char* format, ...)
 {
+    const KeptErrno callersErrno;
+    StreamLocks streams;
     va_list args;
     va_start(args, format);
-    writeLine(format, args, true);
+    FILE* const file = writeLine(streams, callersErrno, format, args);
     va_end(args);
+    flushLine(file);
 }
 
 void ALog::vprint(const char* format, va_list args)
@@ -179,7 +193,9 @@ void ALog::vprint(const char* format, va_list args)
 
 void ALog::vprint([[maybe_unused]] int level, const char* format, va_list args)
 {
-    writeLine(format, args, false);
+    const KeptErrno callersErrno;
+    StreamLocks streams;
+    writeLine(streams, callersErrno, format, args);
 }
 
 void ALog::flush()
@@ -189,42 +205,34 @@ void ALog::flush()
         std::fflush(stdout);
 }
 
-void ALog::writeLine(const char* format, va_list args, bool thenFlush)
+/// Returns the stream of the line, locked by @p streams; null if nothing was written.
+FILE* ALog::writeLine(StreamLocks& streams, const KeptErrno& callersErrno, const char* format, va_list args)
 {
-    const KeptErrno callersErrno;
-    if (!readShared(m_enabled)) {
-        if (thenFlush)
-            flushFile();
-        return;
-    }
-    static constinit thread_local Stamp s_stamp;
-    Stamp& stamp = s_stamp;
-    for (int attempt = 1;; ++attempt) {
-        FILE* const file = outputFile();
-        if (file == nullptr)
-            return;
+    if (!readShared(m_enabled))
+        return nullptr;
+    Stamp& stamp = stampOfThread();
+    for (int attempt = 1; FILE* const file = outputFile(); ++attempt) {
         const bool isStamped = readShared(m_showTimestamp);
         const bool isEchoed = readShared(m_echoToConsole);
         if (isStamped)
             stamp.refresh(); // may read the zone file, which StreamLocks forbids
-        const StreamLocks streams(file, isEchoed ? stdout : nullptr);
-        MonitorLock lock = m_monitor.acquireLock();
-        if (m_file != file)
-            continue; // lines go elsewhere by now
-        if (isStamped && attempt < kStampAttempts && !stamp.isOfThisSecond())
-            continue; // or lines would not stand in the order of their stamps
-        callersErrno.restore();
-        composeLine(isStamped ? stamp.text() : "", format, args);
-        ::fputs_unlocked(m_buffer, file);
-        if (isEchoed) {
-            ::fputs_unlocked(m_buffer, stdout);
-            ::fflush_unlocked(stdout);
+        streams.lock(file, isEchoed ? stdout : nullptr);
+        const MonitorLock lock = m_monitor.acquireLock();
+        // Lines may go elsewhere by now, and they stand in the order of their stamps.
+        const bool isLate = isStamped && attempt < kStampAttempts && !stamp.isOfThisSecond();
+        if (m_file == file && !isLate) {
+            callersErrno.restore();
+            composeLine(isStamped ? stamp.text() : "", format, args);
+            ::fputs_unlocked(m_buffer, file);
+            if (isEchoed) {
+                ::fputs_unlocked(m_buffer, stdout);
+                ::fflush_unlocked(stdout);
+            }
+            return file;
         }
-        lock.releaseLock();
-        if (thenFlush)
-            ::fflush_unlocked(file);
-        return;
+        streams.unlock();
     }
+    return nullptr;
 }
 
 /// Returns the stream that lines go to, the default file if there is none; null if that can't be opened.
@@ -256,8 +264,17 @@ void ALog::composeLine(std::string_view stamp, const char* format, va_list args)
     LineFormat line(m_buffer, static_cast<std::size_t>(m_bufferSize));
     line.append(stamp);
     line.appendText(m_name);
-    line.append(" -");
+    line.appendText(" -");
     line.appendMessage(format, args);
+}
+
+/// Flush @p file, which is locked; without one, as for a line that was not written, the log's own.
+void ALog::flushLine(FILE* file)
+{
+    if (file != nullptr)
+        ::fflush_unlocked(file);
+    else
+        flushFile();
 }
 
 void ALog::flushFile()

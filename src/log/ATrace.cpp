@@ -87,6 +87,9 @@ void ATrace::TraceLog(int level, char* format, ...)
     va_end(args);
 }
 
+// For hosts that take its address.
+template GORV_API void ATrace::TraceLog(int level, const char* format, ...);
+
 void ATrace::Close()
 {
     const MonitorLock lock = m_monitor.acquireLock();

@@ -38,8 +38,10 @@ const char* LineFormat::appendUpTo(char stop, const char* text)
     // Not the member, which each stored char could change for all that the compiler knows.
     char* position = m_position;
     char* const end = m_end;
-    while (*text != stop && *text != '\0' && position != end)
-        *position++ = *text++;
+    for (; *text != stop && *text != '\0'; ++text) {
+        if (position != end)
+            *position++ = *text;
+    }
     m_position = position;
     return text;
 }
@@ -69,13 +71,13 @@ void LineFormat::appendMessage(const char* format, va_list args)
 }
 
 /// Most messages hold nothing but plain conversions, which cost a fraction of vsnprintf here. Returns false
-/// at anything else: a flag, a width, a precision, a rarer conversion, or text that the line has no room for.
+/// at anything else: a flag, a width, a precision or a rarer conversion.
 bool LineFormat::appendPlain(const char* format, va_list& args)
 {
     while (true) {
         format = appendUpTo('%', format);
         if (*format != '%')
-            return *format == '\0'; // where the line is full, a "%n" may follow
+            return true;
         format += 2;
         switch (format[-1]) {
         case 's':

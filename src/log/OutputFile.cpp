@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <sys/single_threaded.h>
 #include <utility>
 
 namespace {
@@ -11,24 +12,18 @@ namespace {
 // About as long as another thread's line takes. To sleep and be woken costs several times that.
 constexpr int kTries = 100;
 
-bool tryLock(FILE* stream)
+bool tryToTake(FILE* stream)
 {
     return stream == nullptr || ::ftrylockfile(stream) == 0;
 }
 
-void lock(FILE* stream)
+void take(FILE* stream)
 {
     for (int i = 0; i < kTries; ++i) {
-        if (tryLock(stream))
+        if (tryToTake(stream))
             return;
     }
     ::flockfile(stream);
-}
-
-void unlock(FILE* stream)
-{
-    if (stream != nullptr)
-        ::funlockfile(stream);
 }
 
 } // namespace
@@ -49,20 +44,19 @@ FILE* openToAppend(const char* path)
     return stream;
 }
 
-StreamLocks::StreamLocks(FILE* first, FILE* second) : m_first(first), m_second(second)
+void StreamLocks::lock(FILE* first, FILE* second)
 {
     // A host may hold either lock around a print: neither is slept for with the other held.
+    if (__libc_single_threaded != 0)
+        return;
+    m_first = first;
+    m_second = second;
     while (true) {
-        lock(first);
-        if (tryLock(second))
+        take(first);
+        if (tryToTake(second))
             return;
-        unlock(first);
+        if (first != nullptr)
+            ::funlockfile(first);
         std::swap(first, second);
     }
-}
-
-StreamLocks::~StreamLocks()
-{
-    unlock(m_second);
-    unlock(m_first);
 }
