@@ -57,9 +57,10 @@ public:
         if (!m_time.moveTo(std::time(nullptr)) && m_isKept && std::strcmp(timeFormat, m_timeFormat) == 0)
             return;
         m_length = std::strftime(m_text, sizeof m_text, kStampFormat, &m_time.fields());
-        m_isKept = hasNumbersOnly(timeFormat) && std::strlen(timeFormat) < sizeof m_timeFormat;
+        const std::size_t length = std::strlen(timeFormat);
+        m_isKept = hasNumbersOnly(timeFormat) && length < sizeof m_timeFormat;
         if (m_isKept)
-            std::strcpy(m_timeFormat, timeFormat);
+            std::memcpy(m_timeFormat, timeFormat, length + 1);
     }
 
     bool isOfThisSecond() const { return std::time(nullptr) == m_time.second(); }
