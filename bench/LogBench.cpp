@@ -91,8 +91,10 @@ void spdlogBelowLevel(benchmark::State& state)
     const Scratch scratch;
     const auto logger = spdlogTo(scratch, "%v");
     logger->set_level(spdlog::level::err);
-    for (auto _ : state)
-        logger->info(kBraces, 17, "alice", "hostname");
+    for (auto _ : state) {
+        if (logger->should_log(spdlog::level::info)) // the check alone, inline
+            logger->info(kBraces, 17, "alice", "hostname");
+    }
 }
 
 void pocoFlushed(benchmark::State& state)
@@ -166,6 +168,64 @@ void traceFilteredOut(benchmark::State& state)
         trace->TraceLog(2, kFormat, 17, "alice", "hostname");
 }
 
+/// What all threads of a run share: made by the first before the loop, and gone after it.
+template <typename Shared, typename Call>
+void onThreads(benchmark::State& state, Call call)
+{
+    static std::unique_ptr<Shared> s_shared;
+    if (state.thread_index() == 0)
+        s_shared = std::make_unique<Shared>();
+    for (auto _ : state) // begins and ends for all threads together
+        call(*s_shared);
+    if (state.thread_index() == 0)
+        s_shared.reset();
+}
+
+struct SharedLog {
+    const Scratch scratch;
+    ALog log{"consoled", scratch.stream()};
+    AComponentLog component{"session", log};
+};
+
+struct SharedSpdlog {
+    const Scratch scratch;
+    const std::shared_ptr<spdlog::logger> logger = spdlogTo(scratch, "%m/%d/%Y %T %n -%v");
+};
+
+struct SharedSpdlogFlushed : SharedSpdlog {
+    SharedSpdlogFlushed() { logger->flush_on(spdlog::level::info); }
+};
+
+void logPrintShared(benchmark::State& state)
+{
+    onThreads<SharedLog>(state, [](SharedLog& s) { s.log.print(kFormat, 17, "alice", "hostname"); });
+}
+
+void componentShared(benchmark::State& state)
+{
+    onThreads<SharedLog>(state, [](SharedLog& s) { s.component.print(kFormat, 17, "alice", "hostname"); });
+}
+
+template <typename Shared>
+void spdlogShared(benchmark::State& state)
+{
+    onThreads<Shared>(state, [](Shared& s) { s.logger->info(kBraces, 17, "alice", "hostname"); });
+}
+
+/// The goals for 2, 4 and 8 threads on one log.
+struct ThreadGoals {
+    const char* what;
+    double atMost[3];
+};
+
+void compareThreads(const ThreadGoals& goals, const Body& ours, const Body& theirs)
+{
+    for (int i = 0, threads = 2; i < 3; ++i, threads *= 2)
+        compare({std::string(goals.what) + ", " + std::to_string(threads) + " threads",
+                 "spdlog basic_logger_mt, the same", goals.atMost[i]},
+                ours, theirs, threads);
+}
+
 } // namespace
 
 void registerLogComparisons()
@@ -178,10 +238,12 @@ void registerLogComparisons()
     compare({"AComponentLog::print, buffered", "fprintf of the same line", 1.20}, componentBuffered,
             printBuffered);
     compare({"AComponentLog::print, buffered", "spdlog, buffered", 0.70}, componentBuffered, spdlogBuffered);
-    compare({"AComponentLog::print without base log", "spdlog below its level", 0.50}, componentWithoutBase,
-            spdlogBelowLevel);
+    compare({"AComponentLog::print without base log", "spdlog below its level, inline", 1.0},
+            componentWithoutBase, spdlogBelowLevel);
     compare({"ATrace::TraceLog, flushed", "spdlog with milliseconds, flush_on", 0.90}, traceFlushed,
             spdlogMilliseconds);
-    compare({"ATrace::TraceLog, filtered out", "spdlog below its level", 0.45}, traceFilteredOut,
+    compare({"ATrace::TraceLog, filtered out", "spdlog below its level, inline", 1.0}, traceFilteredOut,
             spdlogBelowLevel);
+    compareThreads({"ALog::print", {0.95, 0.80, 0.80}}, logPrintShared, spdlogShared<SharedSpdlogFlushed>);
+    compareThreads({"AComponentLog::print", {0.60, 1.0, 1.0}}, componentShared, spdlogShared<SharedSpdlog>);
 }

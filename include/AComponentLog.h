@@ -81,6 +81,11 @@ public:
     void flush();
 
 private:
+    bool isActive() const
+    {
+        return __atomic_load_n(&m_baseLog, __ATOMIC_RELAXED) != nullptr &&
+               __atomic_load_n(&m_enabled, __ATOMIC_RELAXED);
+    }
     GORV_LOCAL ALog* activeLog();
     GORV_LOCAL bool reaches(const AComponentLog& target) const;
 
@@ -89,3 +94,16 @@ private:
     std::string m_name;
     std::vector<AComponentLog*> m_children; // not owned
 };
+
+#ifdef GORV_CHECKS_INLINE
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral" // checked where it is called
+
+extern inline GORV_CHECK_INLINE void AComponentLog::print(const char* format, ...)
+{
+    if (isActive())
+        logInfo(format, __builtin_va_arg_pack());
+}
+
+#pragma GCC diagnostic pop
+#endif

@@ -5,16 +5,26 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <string_view>
+
+class KeptErrno;
+class StreamLocks;
 
 /// A text log: one line a call to one stdio stream, each line with an optional date-time stamp, the log's
 /// name and a printf-style message. Levels are accepted and change nothing.
 ///
 /// The program creates the log, hands it by reference to the objects that report, and lets it outlive them.
-/// Printing is safe from any thread, and lines never mix. setOutputFile(), setShowTimestamp(),
-/// setEchoToConsole() and flush() take no lock: set a log up before threads share it.
+/// Printing is safe from any thread, and lines never mix; set a log up before threads share it. Two logs
+/// never write to one path: neither knows where the other's lines end. Not for signal handlers, nor for the
+/// child of a fork() in a process with threads: another thread may have held the log's lock.
 ///
-/// A line reads "MM/DD/YYYY HH:MM:SS NAME -MESSAGE", day padded with a blank. The log adds no line end: the
-/// format carries its own "\n". A line has at most 2047 characters; the rest is cut off.
+/// A line reads "MM/DD/YYYY HH:MM:SS NAME -MESSAGE": local time, day padded with a blank, the time of day in
+/// the form of the host's time locale. The log adds no line end: the format carries its own "\n". A line has
+/// at most 2047 characters and ends at a zero byte; the rest is cut off. So is, as in an Exception, what
+/// follows an argument that can't be formatted. Printing leaves errno alone, and "%m" shows the caller's.
+///
+/// The line and its flush are under the stream's own lock (flockfile()), which a program may hold around
+/// several prints to keep other lines out.
 ///
 /// @code
 /// ALog log("consoled", stderr);
@@ -42,9 +52,17 @@ public:
     ALog& operator=(const ALog&) = delete;
 
     /// Write to the file at @p path from now on, emptying it. The previous stream is closed if the log opened
-    /// it and left alone if the caller handed it in. Does not switch the log on. No other thread may print.
-    /// @return 0, or -1 when the file can't be opened: then the next line opens "debug.log".
+    /// it and left alone if the caller handed it in. Does not switch the log on. No other thread may print or
+    /// flush meanwhile.
+    /// @return 0, or -1 when the file can't be opened: then the next line opens "debug.log", emptying it.
     int setOutputFile(const char* path);
+
+    /// Write to the file at @p path from now on, keeping what it holds, while other threads print and flush:
+    /// move the file aside, then call this with its name. A new file has mode 0600. A symbolic link at the
+    /// end of the path is refused. The previous stream is treated as by setOutputFile(), but prints under way
+    /// may still use a stream that the caller handed in. Does not switch the log on.
+    /// @return 0, or -1 with errno when the file can't be opened: lines then go where they went before.
+    int reopenOutputFile(const char* path);
 
     /// Choose whether the log writes anything at all. Safe from any thread.
     void setEnabled(bool enabled);
@@ -75,8 +93,12 @@ public:
     void flush();
 
 private:
-    GORV_LOCAL bool openDefaultFile();
-    GORV_LOCAL void composeLine(const char* format, va_list args) GORV_PRINTF(2, 0);
+    GORV_LOCAL FILE* writeLine(StreamLocks& streams, const KeptErrno& callersErrno, const char* format,
+                               va_list args) GORV_PRINTF(4, 0);
+    GORV_LOCAL void flushLine(FILE* file);
+    GORV_LOCAL void composeLine(std::string_view stamp, const char* format, va_list args) GORV_PRINTF(3, 0);
+    GORV_LOCAL FILE* outputFile();
+    GORV_LOCAL FILE* ownFile(FILE* opened);
     GORV_LOCAL void flushFile();
 
     FILE* m_file;

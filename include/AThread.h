@@ -14,7 +14,7 @@
 /// class Poller : public AThread {
 ///     void run() override
 ///     {
-///         while (!__atomic_load_n(&m_stopRequested, __ATOMIC_ACQUIRE))
+///         while (!isStopRequested())
 ///             pollOnce();
 ///     }
 /// };
@@ -59,6 +59,9 @@ private:
     pthread_attr_t m_attributes;
 
 protected:
-    bool m_stopRequested; ///< Set by stopThread(), possibly while the body runs: read it as an atomic.
-    bool m_running;       ///< Set by start().
+    /// @return whether stopThread() was called. Safe from any thread.
+    bool isStopRequested();
+
+    bool m_stopRequested; ///< Set by stopThread(), possibly while the body runs: ask isStopRequested().
+    bool m_running;       ///< Set by start(). Derived classes only read it.
 };

@@ -11,12 +11,13 @@
 
 /// A trace file: one line a call, with a millisecond stamp, filtered by a numeric threshold.
 ///
-/// A program creates one trace, points ::gTrace at it and calls Init(). Init(), TraceLog() and Close() are
-/// safe from any thread, and lines never mix. The file is emptied at its first opening in the life of the
-/// object and appended to afterwards. Neither copied nor moved.
+/// A program creates one trace, points ::gTrace at it and calls Init(). Init(), TraceLog(), Reopen() and
+/// Close() are safe from any thread, and lines never mix. The file is emptied at its first opening in the
+/// life of the object and appended to afterwards. Neither copied nor moved.
 ///
 /// A line reads "YYYY/MM/DD HH:MM:SS_mmm MESSAGE", in local time. No line end is added: the format carries
-/// its own "\n". Lines that can't be written are dropped silently.
+/// its own "\n". Lines that can't be written are dropped silently. Tracing leaves errno alone, and "%m" shows
+/// the caller's. Not for signal handlers, nor for the child of a fork() in a process with threads.
 ///
 /// @code
 /// ATrace trace;
@@ -56,13 +57,20 @@ public:
     /// Close the file. The next line that passes the threshold opens it again.
     void Close();
 
+    /// Trace into the file at @p fileName, which is copied, from now on, keeping what it holds, while other
+    /// threads trace: move the file aside, then call this with its name. A new file has mode 0600. A symbolic
+    /// link at the end of the name is refused. Neither the threshold nor a trace before its Init() changes.
+    /// @return 0, or -1 with errno when the file can't be opened: nothing changes then.
+    int Reopen(const char* fileName);
+
 private:
     // Exported: the template of TraceLog() calls it from the host.
     void vTraceLog(const char* format, va_list args) GORV_PRINTF(2, 0);
     GORV_LOCAL bool openFile();
+    GORV_LOCAL void replaceFileName(char* name);
     bool admits(int level) const
     {
-        return level == 0 || level <= __atomic_load_n(&m_level, __ATOMIC_RELAXED);
+        return level == 0 || __builtin_expect(level <= __atomic_load_n(&m_level, __ATOMIC_RELAXED), false);
     }
 
     bool m_disabled; // until an Init() with a name
@@ -87,6 +95,19 @@ void ATrace::Init(int level, const char* fileName)
     Init(level, const_cast<char*>(fileName));
 }
 
+#ifdef GORV_CHECKS_INLINE
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral" // checked where it is called
+
+template <typename>
+inline GORV_CHECK_INLINE void ATrace::TraceLog(int level, const char* format, ...)
+{
+    if (admits(level))
+        TraceLog(level, const_cast<char*>(format), __builtin_va_arg_pack());
+}
+
+#pragma GCC diagnostic pop
+#else
 template <typename>
 void ATrace::TraceLog(int level, const char* format, ...)
 {
@@ -97,3 +118,4 @@ void ATrace::TraceLog(int level, const char* format, ...)
     vTraceLog(format, args);
     va_end(args);
 }
+#endif

@@ -20,7 +20,8 @@ class GORV_API Exception {
 public:
     /// The message is empty.
     Exception();
-    /// Format the message printf-style. What goes beyond 4095 characters is cut off.
+    /// Format the message printf-style. What goes beyond 4095 characters is cut off, and so is, as in a log
+    /// line, what follows an argument that can't be formatted.
     explicit Exception(const char* format, ...) GORV_PRINTF(2, 3);
 
     virtual ~Exception();

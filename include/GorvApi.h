@@ -13,3 +13,11 @@
 /// included. A @p firstArgument of 0 checks the format alone (operations that take a va_list).
 #define GORV_PRINTF(formatPosition, firstArgument)                                                           \
     __attribute__((format(printf, formatPosition, firstArgument)))
+
+/// Defined where a caller compiles the check in whether a message is wanted at all: one that nobody reads
+/// costs no call then. Needs g++'s way of passing variable arguments on; others call the library, which
+/// checks too.
+#if defined(__OPTIMIZE__) && defined(__GNUC__) && !defined(__clang__) && !defined(gorvUtil_EXPORTS)
+#define GORV_CHECKS_INLINE
+#define GORV_CHECK_INLINE __attribute__((gnu_inline, always_inline))
+#endif

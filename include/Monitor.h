@@ -11,14 +11,14 @@
 class AComponentLog;
 class ALog;
 
-/// The id that the most recently constructed Monitor took. Starts at 1, so the first monitor of a process has
-/// id 2. Ids are unique; nothing depends on it.
+/// The id that the most recently constructed Monitor took. Starts at 1; the library's own two monitors take
+/// ids 2 and 3 when it is loaded. Ids are unique; nothing depends on it.
 extern GORV_API int NextMonitorId;
 
 /// A recursive lock with a condition variable.
 ///
 /// Any thread may call any operation. The thread that holds the lock may take it again; every lock needs its
-/// own release. No operation throws or reports a result. Neither copied nor moved.
+/// own release. No operation but construction throws, and none reports a result. Neither copied nor moved.
 ///
 /// @code
 /// MonitorLock lock = monitor.acquireLock();  // released at the end of the scope
@@ -27,6 +27,7 @@ extern GORV_API int NextMonitorId;
 /// @endcode
 class GORV_API Monitor {
 public:
+    /// Throws std::bad_alloc when memory runs out.
     Monitor();
 
     /// The lock must be free and nobody may be waiting.

@@ -91,7 +91,7 @@ void Session::run()
     m_begun = true;
     print("connected");
     try {
-        while (!isStopping() && serveRequest()) {
+        while (!isStopRequested() && serveRequest()) {
         }
     } catch (const std::exception& failure) { // out of memory, say: the end of this connection only
         print("failed: %s", failure.what());
@@ -117,12 +117,6 @@ bool Session::isOverdue(std::time_t now) const
 bool Session::isOver(std::time_t now) const
 {
     return m_finished || (!m_begun && isOverdue(now));
-}
-
-/// Set by stopThread(), on the main thread.
-bool Session::isStopping()
-{
-    return __atomic_load_n(&m_stopRequested, __ATOMIC_ACQUIRE);
 }
 
 /// From now on the client has as long as it may idle: to send a whole request, or to take an answer. Before
@@ -211,7 +205,7 @@ Session::Answer Session::logIn(std::string_view user, std::string_view password)
     bool skipAuth = false;
     std::unique_ptr<PAMHelper, Dispose> login(new PAMHelper(m_remote.c_str(), m_interface.c_str()));
     MonitorLock queue = PAMHelper::getMonitor()->acquireLock(); // logins wait here while another is slow
-    if (isStopping())
+    if (isStopRequested())
         return {protocol::Failed, "the daemon is stopping", false};
     const int status = login->authenticate(service, name, secret, skipAuth);
     queue.releaseLock();
@@ -280,7 +274,7 @@ Session::Answer Session::run(std::string_view program)
 {
     std::string output;
     const auto outcome = m_services.programs.run(
-        program, protocol::kMaxBytes, [this] { return isStopping(); }, output);
+        program, protocol::kMaxBytes, [this] { return isStopRequested(); }, output);
     Answer answer = [&]() -> Answer {
         switch (outcome) {
         case Programs::Outcome::Finished:

@@ -61,7 +61,6 @@ private:
     };
 
     bool serveRequest();
-    bool isStopping();
     std::optional<Answer> receiveAndServe();
     Answer serve(short operation, std::string_view bytes);
     Answer dispatch(short operation, const Fields& fields);

@@ -13,6 +13,10 @@ int main()
     log.print("without a line end, ");
     log.print("the next line goes on behind this one\n");
 
+    // What a daemon does on SIGHUP once its file was moved aside; a failure keeps the old stream.
+    if (log.reopenOutputFile("/no/such/folder/consoled.log") != 0)
+        log.print("still here\n");
+
     // A file that can't be opened would make the next line open "debug.log".
     if (log.setOutputFile("/no/such/folder/consoled.log") != 0)
         log.setEnabled(false);

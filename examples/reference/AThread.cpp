@@ -20,7 +20,7 @@ private:
     {
         m_id = getThreadID();
         const timespec pause = {0, 1'000'000};
-        while (!__atomic_load_n(&m_stopRequested, __ATOMIC_ACQUIRE))
+        while (!isStopRequested())
             nanosleep(&pause, nullptr);
     }
 

@@ -20,6 +20,8 @@ int main()
     gTrace->TraceLog(0, "level 0 is always written\n");
     gTrace->TraceLog(2, "%d clients\n", 3);
     gTrace->TraceLog(3, "above the threshold\n");
+    trace.Reopen(path); // what a daemon does on SIGHUP once its file was moved aside; keeps what is there
+    gTrace->TraceLog(1, "reopened\n");
     trace.Close(); // the next line would open the file again and append
 
     FILE* lines = std::fopen(path, "re");

@@ -28,10 +28,10 @@ const std::string& Exception::getMessage() const
 
 void Exception::formatMessage(const char* format, va_list args)
 {
-    char scratch[kScratchSize];
+    char scratch[kScratchSize] = "";
     const int length = std::vsnprintf(scratch, sizeof scratch, format, args);
     if (length < 0)
-        m_message.clear(); // a message that can't be formatted
+        m_message = scratch; // as far as printf could format it
     else
         m_message.assign(scratch, std::min(static_cast<std::size_t>(length), kScratchSize - 1));
 }

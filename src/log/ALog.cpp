@@ -1,9 +1,13 @@
 #include "ALog.h"
 
 #include "base/SharedField.h"
+#include "log/KeptErrno.h"
 #include "log/LineFormat.h"
 #include "log/LocalSecond.h"
+#include "log/OutputFile.h"
 
+#include <cstring>
+#include <fcntl.h>
 #include <langinfo.h>
 #include <memory>
 #include <string_view>
@@ -28,25 +32,53 @@ std::unique_ptr<char[]> copyText(const char* text)
     return copy;
 }
 
-/// The stamp that the thread formatted last, and what it depended on.
-struct Stamp {
-    LocalSecond time;
-    const char* timeFormat = nullptr;
-    std::size_t length = 0;
-    char text[256] = {};
+// How often a line is stamped anew because the second ended while it waited.
+constexpr int kStampAttempts = 3;
+
+/// Whether the time by @p timeFormat shows nothing that the locale says elsewhere: no "%p", no "%r".
+bool hasNumbersOnly(std::string_view timeFormat)
+{
+    for (std::size_t i = timeFormat.find('%'); i < timeFormat.size(); i = timeFormat.find('%', i + 2)) {
+        if (i + 1 == timeFormat.size() ||
+            std::string_view("HIMST").find(timeFormat[i + 1]) == std::string_view::npos)
+            return false;
+    }
+    return true;
+}
+
+/// The stamp that a thread formatted last, and what it depended on.
+class Stamp {
+public:
+    /// Bring it up to now.
+    void refresh()
+    {
+        // "%X" follows the host's time locale, which may change between two lines.
+        const char* const timeFormat = nl_langinfo(T_FMT);
+        if (!m_time.moveTo(std::time(nullptr)) && m_isKept && std::strcmp(timeFormat, m_timeFormat) == 0)
+            return;
+        m_length = std::strftime(m_text, sizeof m_text, kStampFormat, &m_time.fields());
+        const std::size_t length = std::strlen(timeFormat);
+        m_isKept = hasNumbersOnly(timeFormat) && length < sizeof m_timeFormat;
+        if (m_isKept)
+            std::memcpy(m_timeFormat, timeFormat, length + 1);
+    }
+
+    bool isOfThisSecond() const { return std::time(nullptr) == m_time.second(); }
+    std::string_view text() const { return {m_text, m_length}; }
+
+private:
+    LocalSecond m_time;
+    std::size_t m_length = 0;
+    bool m_isKept = false;
+    char m_timeFormat[24] = {};
+    char m_text[256] = {};
 };
 
-std::string_view currentStamp()
+/// Not inlined, or the compiler would look the thread's copy up at each use.
+[[gnu::noinline]] Stamp& stampOfThread()
 {
     static constinit thread_local Stamp s_stamp;
-    const bool timeChanged = s_stamp.time.moveTo(std::time(nullptr));
-    // "%X" follows the host's time locale, which may change between two lines.
-    const char* const timeFormat = nl_langinfo(T_FMT);
-    if (timeChanged || s_stamp.timeFormat != timeFormat) {
-        s_stamp.length = s_stamp.time.writeTo(s_stamp.text, sizeof s_stamp.text, kStampFormat);
-        s_stamp.timeFormat = timeFormat;
-    }
-    return {s_stamp.text, s_stamp.length};
+    return s_stamp;
 }
 
 } // namespace
@@ -82,6 +114,27 @@ int ALog::setOutputFile(const char* path)
     return m_file == nullptr ? -1 : 0;
 }
 
+int ALog::reopenOutputFile(const char* path)
+{
+    FILE* const opened = openToAppend(path);
+    if (opened == nullptr)
+        return -1;
+    FILE* const own = ownFile(opened);
+    if (own == opened)
+        return 0;
+    // Others may be waiting for the stream's lock: it stays, and its descriptor moves on.
+    int result = 0;
+    {
+        StreamLocks streams;
+        streams.lock(own);
+        ::fflush_unlocked(own);
+        result = ::dup3(::fileno(opened), ::fileno(own), O_CLOEXEC);
+    }
+    const KeptErrno errnoOfResult;
+    std::fclose(opened);
+    return result < 0 ? -1 : 0;
+}
+
 void ALog::setEnabled(bool enabled)
 {
     writeShared(m_enabled, enabled);
@@ -114,20 +167,24 @@ bool ALog::getEchoToConsole()
 
 void ALog::print(const char* format, ...)
 {
+    const KeptErrno callersErrno;
+    StreamLocks streams;
     va_list args;
     va_start(args, format);
-    vprint(format, args);
+    FILE* const file = writeLine(streams, callersErrno, format, args);
     va_end(args);
-    flushFile();
+    flushLine(file);
 }
 
 void ALog::print([[maybe_unused]] int level, const char* format, ...)
 {
+    const KeptErrno callersErrno;
+    StreamLocks streams;
     va_list args;
     va_start(args, format);
-    vprint(format, args);
+    FILE* const file = writeLine(streams, callersErrno, format, args);
     va_end(args);
-    flushFile();
+    flushLine(file);
 }
 
 void ALog::vprint(const char* format, va_list args)
@@ -137,17 +194,9 @@ void ALog::vprint(const char* format, va_list args)
 
 void ALog::vprint([[maybe_unused]] int level, const char* format, va_list args)
 {
-    if (!readShared(m_enabled))
-        return;
-    const MonitorLock lock = m_monitor.acquireLock();
-    if (m_file == nullptr && !openDefaultFile())
-        return;
-    composeLine(format, args);
-    std::fputs(m_buffer, m_file);
-    if (readShared(m_echoToConsole)) {
-        std::fputs(m_buffer, stdout);
-        std::fflush(stdout);
-    }
+    const KeptErrno callersErrno;
+    StreamLocks streams;
+    writeLine(streams, callersErrno, format, args);
 }
 
 void ALog::flush()
@@ -157,21 +206,76 @@ void ALog::flush()
         std::fflush(stdout);
 }
 
-bool ALog::openDefaultFile()
+/// Returns the stream of the line, locked by @p streams; null if nothing was written.
+FILE* ALog::writeLine(StreamLocks& streams, const KeptErrno& callersErrno, const char* format, va_list args)
 {
-    m_ownsFile = true;
-    writeShared(m_file, std::fopen(kDefaultFile, kOpenMode));
-    return m_file != nullptr;
+    if (!readShared(m_enabled))
+        return nullptr;
+    Stamp& stamp = stampOfThread();
+    for (int attempt = 1; FILE* const file = outputFile(); ++attempt) {
+        const bool isStamped = readShared(m_showTimestamp);
+        const bool isEchoed = readShared(m_echoToConsole);
+        if (isStamped)
+            stamp.refresh(); // may read the zone file, which StreamLocks forbids
+        streams.lock(file, isEchoed ? stdout : nullptr);
+        const MonitorLock lock = m_monitor.acquireLock();
+        // Lines may go elsewhere by now, and they stand in the order of their stamps.
+        const bool isLate = isStamped && attempt < kStampAttempts && !stamp.isOfThisSecond();
+        if (m_file == file && !isLate) {
+            callersErrno.restore();
+            composeLine(isStamped ? stamp.text() : "", format, args);
+            ::fputs_unlocked(m_buffer, file);
+            if (isEchoed) {
+                ::fputs_unlocked(m_buffer, stdout);
+                ::fflush_unlocked(stdout);
+            }
+            return file;
+        }
+        streams.unlock();
+    }
+    return nullptr;
 }
 
-void ALog::composeLine(const char* format, va_list args)
+/// Returns the stream that lines go to, the default file if there is none; null if that can't be opened.
+FILE* ALog::outputFile()
+{
+    if (FILE* file = readShared(m_file))
+        return file;
+    const MonitorLock lock = m_monitor.acquireLock();
+    if (m_file == nullptr) {
+        m_ownsFile = true;
+        writeShared(m_file, std::fopen(kDefaultFile, kOpenMode));
+    }
+    return m_file;
+}
+
+/// Returns the log's own stream, which is @p opened from now on if there is none.
+FILE* ALog::ownFile(FILE* opened)
+{
+    const MonitorLock lock = m_monitor.acquireLock();
+    if (m_file == nullptr || !m_ownsFile) {
+        m_ownsFile = true;
+        writeShared(m_file, opened);
+    }
+    return m_file;
+}
+
+void ALog::composeLine(std::string_view stamp, const char* format, va_list args)
 {
     LineFormat line(m_buffer, static_cast<std::size_t>(m_bufferSize));
-    if (readShared(m_showTimestamp))
-        line.append(currentStamp());
+    line.append(stamp);
     line.appendText(m_name);
     line.appendText(" -");
     line.appendMessage(format, args);
+}
+
+/// Flush @p file, which is locked; without one, as for a line that was not written, the log's own.
+void ALog::flushLine(FILE* file)
+{
+    if (file != nullptr)
+        ::fflush_unlocked(file);
+    else
+        flushFile();
 }
 
 void ALog::flushFile()

@@ -1,7 +1,9 @@
 #include "ATrace.h"
 
 #include "base/SharedField.h"
+#include "log/KeptErrno.h"
 #include "log/LocalSecond.h"
+#include "log/OutputFile.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -67,7 +69,7 @@ void ATrace::Init(int level, char* fileName)
         return;
     {
         const MonitorLock lock = m_monitor.acquireLock();
-        std::free(std::exchange(m_fileName, nameCopy));
+        replaceFileName(nameCopy);
         writeShared(m_disabled, false);
     }
     // Without the lock: gTrace may be another trace, and two monitors are never held at once.
@@ -85,6 +87,9 @@ void ATrace::TraceLog(int level, char* format, ...)
     va_end(args);
 }
 
+// For hosts that take its address.
+template GORV_API void ATrace::TraceLog(int level, const char* format, ...);
+
 void ATrace::Close()
 {
     const MonitorLock lock = m_monitor.acquireLock();
@@ -92,16 +97,41 @@ void ATrace::Close()
         std::fclose(std::exchange(m_file, nullptr));
 }
 
+int ATrace::Reopen(const char* fileName)
+{
+    FILE* opened = openToAppend(fileName);
+    if (opened == nullptr)
+        return -1;
+    char* const nameCopy = ::strdup(fileName);
+    if (nameCopy != nullptr) {
+        const MonitorLock lock = m_monitor.acquireLock();
+        replaceFileName(nameCopy);
+        m_firstOpen = false;
+        std::swap(m_file, opened);
+    }
+    const KeptErrno errnoOfCopy;
+    if (opened != nullptr)
+        std::fclose(opened);
+    return nameCopy == nullptr ? -1 : 0;
+}
+
 void ATrace::vTraceLog(const char* format, va_list args)
 {
-    if (readShared(m_disabled)) // an enabled trace has a file name
+    const KeptErrno callersErrno;
+    if (readShared(m_disabled) || readShared(m_fileName) == nullptr)
         return;
     const MonitorLock lock = m_monitor.acquireLock();
     if (m_file == nullptr && !openFile())
         return;
     std::fputs(currentStamp(), m_file);
+    callersErrno.restore();
     std::vfprintf(m_file, format, args);
     std::fflush(m_file);
+}
+
+void ATrace::replaceFileName(char* name)
+{
+    std::free(std::atomic_ref(m_fileName).exchange(name));
 }
 
 bool ATrace::openFile()

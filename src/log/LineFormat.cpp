@@ -38,8 +38,10 @@ const char* LineFormat::appendUpTo(char stop, const char* text)
     // Not the member, which each stored char could change for all that the compiler knows.
     char* position = m_position;
     char* const end = m_end;
-    while (*text != stop && *text != '\0' && position != end)
-        *position++ = *text++;
+    for (; *text != stop && *text != '\0'; ++text) {
+        if (position != end)
+            *position++ = *text;
+    }
     m_position = position;
     return text;
 }

@@ -2,14 +2,20 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <string_view>
+#ifdef __SANITIZE_THREAD__
+#include <mutex>
+#endif
 
 namespace {
 
-// The C library guards its time zone with a lock of its own, which race detectors cannot see. Once a second
-// ours costs nothing, and they have nothing to report.
-constinit std::mutex s_zoneMutex;
+/// The C library guards its time zone itself, with a lock that ThreadSanitizer cannot see.
+class ZoneLock {
+#ifdef __SANITIZE_THREAD__
+    static inline constinit std::mutex s_mutex;
+    const std::lock_guard<std::mutex> m_lock{s_mutex};
+#endif
+};
 
 } // namespace
 
@@ -20,16 +26,10 @@ bool LocalSecond::moveTo(std::time_t second)
         return false;
     m_second = second;
     keepZone(zone);
-    const std::lock_guard lock(s_zoneMutex);
+    [[maybe_unused]] const ZoneLock lock{};
     tzset(); // localtime_r alone need not notice that TZ or the zone file changed
     localtime_r(&second, &m_fields);
     return true;
-}
-
-std::size_t LocalSecond::writeTo(char* text, std::size_t size, const char* format) const
-{
-    const std::lock_guard lock(s_zoneMutex); // strftime sets the zone as well
-    return std::strftime(text, size, format, &m_fields);
 }
 
 bool LocalSecond::isZone(const char* zone) const

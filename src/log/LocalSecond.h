@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstddef>
 #include <ctime>
 
 /// The local time of the second that it was moved to last, as localtime tells it. Asks the C library, which
@@ -11,10 +10,8 @@ public:
     /// Returns whether fields() may have changed.
     bool moveTo(std::time_t second);
 
+    std::time_t second() const { return m_second; }
     const std::tm& fields() const { return m_fields; }
-
-    /// Write the time as strftime does with @p format. Returns the length of the text, 0 if it does not fit.
-    std::size_t writeTo(char* text, std::size_t size, const char* format) const;
 
 private:
     bool isZone(const char* zone) const;

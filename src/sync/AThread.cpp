@@ -34,6 +34,11 @@ void AThread::join()
         m_thread = 0;
 }
 
+bool AThread::isStopRequested()
+{
+    return readShared(m_stopRequested);
+}
+
 bool AThread::isRunning()
 {
     return readShared(m_running);

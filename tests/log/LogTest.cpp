@@ -3,25 +3,43 @@
 #include "support/Files.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <langinfo.h>
 #include <regex>
 #include <thread>
 
-static std::atomic<std::time_t> s_fakeTime = 0; // 0: the real clock
+#pragma GCC diagnostic ignored "-Wformat" // "%m"
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
 
-// Takes the place of the C library's clock for the log.
-extern "C" __attribute__((visibility("default"))) std::time_t time(std::time_t* result) noexcept
+static std::atomic<std::time_t> s_now = 1794009599; // 2026-11-06 23:59:59 UTC
+static char s_timeFormat[16] = "%H:%M:%S";          // of the time locale
+static std::string s_timeOfDay = s_timeFormat;      // what that comes down to
+
+// These take the place of the C library's clock and time locale for the log.
+extern "C" __attribute__((visibility("default"))) std::time_t time(std::time_t*) noexcept
 {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    const std::time_t seconds = s_fakeTime != 0 ? s_fakeTime.load() : now.tv_sec;
-    if (result != nullptr)
-        *result = seconds;
-    return seconds;
+    return s_now;
+}
+
+extern "C" __attribute__((visibility("default"))) char* nl_langinfo(nl_item) noexcept
+{
+    return s_timeFormat;
+}
+
+extern "C" __attribute__((visibility("default"))) std::size_t
+strftime(char* text, std::size_t size, const char* format, const std::tm* fields) noexcept
+{
+    static const auto s_real = reinterpret_cast<decltype(&strftime)>(::dlsym(RTLD_NEXT, "strftime"));
+    std::string whole = format;
+    if (const auto position = whole.find("%X"); position != std::string::npos)
+        whole.replace(position, 2, s_timeOfDay);
+    return s_real(text, size, whole.c_str(), fields);
 }
 
 // One buffer for all threads: the log must not call it.
@@ -32,8 +50,7 @@ extern "C" __attribute__((visibility("default"))) std::tm* localtime(const std::
 
 namespace {
 
-constexpr std::time_t kSixthOfNovember = 1794009599; // 2026-11-06 23:59:59 UTC
-constexpr std::size_t kStampLength = 20;
+const std::string kStamp = "11/ 6/2026 23:59:59 ";
 
 /// A log into a file, without stamps, in a scratch folder of its own: there "debug.log" lands.
 struct LogTest : testing::Test {
@@ -45,7 +62,6 @@ struct LogTest : testing::Test {
     }
     ~LogTest() override
     {
-        s_fakeTime = 0;
         std::filesystem::current_path("/");
         std::fclose(m_file);
     }
@@ -55,80 +71,66 @@ struct LogTest : testing::Test {
     const std::string m_path = m_dir.path("given.log");
     FILE* const m_file = std::fopen(m_path.c_str(), "w");
     ALog m_log{"box", m_file};
+    va_list m_noArguments{};
 };
 
-TEST_F(LogTest, LineIsNameHyphenAndMessageAsPrintfFormatsItAtEveryLevel)
+TEST_F(LogTest, StampFollowsClockZoneAndLocaleFromLineToLineAndErrnoIsTheCallers)
 {
-    EXPECT_TRUE(!m_log.getEchoToConsole() && !m_log.getShowTimestamp() && m_log.getEnabled());
-    const char* volatile absent = nullptr;
-    m_log.print("%d|%i|%u|%x|%s|%%\n", -2147483647 - 1, 0, 4294967295U, 0xBEEFU, "text");
-    m_log.print(ALog::INFO, "%s|%5d|%-4s|%ld|%.2f|%c\n", absent, 42, "ab", -5L, 1.5, 'c');
-    ALog unnamed(nullptr, m_file);
-    unnamed.setShowTimestamp(false);
-    unnamed.print("open");
-    unnamed.print(ALog::ERROR, " line\n");
-    EXPECT_EQ(written(), "box --2147483648|0|4294967295|beef|text|%\n"
-                         "box -(null)|   42|ab  |-5|1.50|c\n"
-                         " -open - line\n"); // flushed by print
-}
-
-TEST_F(LogTest, StampFollowsClockAndZoneFromLineToLine)
-{
-    m_log.setShowTimestamp(true);
-    const std::string longName(90, 'N');
-    const std::pair<int, std::string> lines[] = {
-        {0, "UTC"}, // seconds to the day's end, zone: none means that TZ is not set
-        {1, "UTC"},
-        {0, "UTC"},
-        // The same names, offset and use of summer time, but other rules.
-        {0, "ONE7TWO,J60,J300"},
-        {0, "ONE7TWO,J60,J320"},
-        {0, longName + "-5:30:00"},
-        {0, longName + "-5:3"},
-        {0, ""},
+    struct Line {
+        const char* stamp;
+        int seconds; // to the day's end
+        std::string zone;
+        const char* timeFormat = "%H:%M:%S";
+        const char* timeOfDay = "%H:%M:%S";
     };
+    const std::string longName(90, 'N');
+    const Line lines[] = {
+        {"11/ 6/2026 23:59:59", 0, "UTC"},
+        {"11/ 7/2026 00:00:00", 1, "UTC"},
+        {"11/ 6/2026 23:59:59", 0, "UTC"},
+        // The same names, offset and use of summer time, but other rules.
+        {"11/ 6/2026 16:59:59", 0, "ONE7TWO,J60,J300"},
+        {"11/ 6/2026 17:59:59", 0, "ONE7TWO,J60,J320"},
+        {"11/ 7/2026 05:29:59", 0, longName + "-5:30:00"},
+        {"11/ 7/2026 05:02:59", 0, longName + "-5:3"},
+        {"11/ 6/2026 23:59:59", 0, "Missing/Zone"}, // the search for its file sets errno
+        {"11/ 6/2026 23.59.59", 0, "UTC", "%H.%M.%S", "%H.%M.%S"},
+        {"11/ 6/2026 11:59:59 PM", 0, "UTC", "%r", "%I:%M:%S %p"},
+        {"11/ 6/2026 11.59.59 PM", 0, "UTC", "%r", "%I.%M.%S %p"},
+        {"11/ 6/2026 23:59:59", 0, "UTC"}, // and as it was
+    };
+    m_log.setShowTimestamp(true);
     std::string expected;
-    for (const auto& [seconds, zone] : lines) {
-        s_fakeTime = kSixthOfNovember + seconds;
-        zone.empty() ? unsetenv("TZ") : setenv("TZ", zone.c_str(), 1);
-        m_log.print("x\n");
-        const std::time_t now = s_fakeTime;
-        char stamp[64];
-        std::tm fields{};
-        tzset();
-        std::strftime(stamp, sizeof stamp, "%m/%e/%Y %H:%M:%S ", localtime_r(&now, &fields));
-        expected += std::string(stamp) + "box -x\n";
+    const std::time_t lastSecond = s_now;
+    for (const Line& line : lines) {
+        s_now = lastSecond + line.seconds;
+        std::strcpy(s_timeFormat, line.timeFormat);
+        s_timeOfDay = line.timeOfDay;
+        setenv("TZ", line.zone.c_str(), 1);
+        errno = EDOM;
+        m_log.print("%m\n");
+        EXPECT_EQ(errno, EDOM);
+        expected += line.stamp + (" box -" + std::string(std::strerror(EDOM)) + "\n");
     }
-    EXPECT_TRUE(expected.starts_with("11/ 6/2026 23:59:59 box -x\n11/ 7/2026 00:00:00 "));
     EXPECT_EQ(written(), expected);
 }
 
-TEST_F(LogTest, LineIsCutAt2047CharactersWithStampAndNameCounted)
+TEST_F(LogTest, LineIsCutAt2047CharactersAndAtAZeroByte)
 {
     const std::string longText(3000, 'm');
-    for (const std::size_t nameLength : {3U, 2046U, 2500U}) {
-        const std::string name(nameLength, 'n');
-        ALog log(name.c_str(), nullptr);
-        ASSERT_EQ(log.setOutputFile("cut.log"), 0);
-        log.print("%s\n", longText.c_str());
-        EXPECT_EQ(readFile("cut.log").substr(kStampLength),
-                  (name + " -" + longText).substr(0, 2047 - kStampLength));
-    }
-}
-
-TEST_F(LogTest, SwitchedOffLogWritesNothingAndOpensNothing)
-{
-    ALog log("off");
-    EXPECT_TRUE(!log.getEnabled() && log.getShowTimestamp());
-    log.print("x\n");
-    EXPECT_FALSE(std::filesystem::exists("debug.log"));
-    log.setEnabled(true);
-    log.print("y\n");
-    EXPECT_EQ(readFile("debug.log").substr(kStampLength), "off -y\n");
+    m_log.setShowTimestamp(true);
+    int length = 0;
+    m_log.print((longText + "%n\n").c_str(), &length);
+    EXPECT_EQ(length, 3000); // as printf counts
+    m_log.print("a%cb\n", 0);
+    EXPECT_EQ(written(), (kStamp + "box -" + longText).substr(0, 2047) + kStamp + "box -a");
 }
 
 TEST_F(LogTest, OpenFailuresDropTheLineAndTheNextLineTriesAgain)
 {
+    ALog("off").print("no line, no file\n");
+    EXPECT_FALSE(std::filesystem::exists("debug.log"));
+    EXPECT_EQ(m_log.setOutputFile(nullptr), -1);
     EXPECT_EQ(m_log.setOutputFile("missing/own.log"), -1);
     std::filesystem::create_directory("debug.log"); // can't be opened for writing
     m_log.print("dropped\n");
@@ -139,34 +141,43 @@ TEST_F(LogTest, OpenFailuresDropTheLineAndTheNextLineTriesAgain)
     m_log.print("kept\n"); // opens the file, emptied, as the lowest free descriptor
     EXPECT_EQ(readFile("debug.log"), "box -kept\n");
     EXPECT_EQ(fcntl(next, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC); // no program inherits it
-    EXPECT_EQ(m_log.setOutputFile(nullptr), -1);
 }
 
-TEST_F(LogTest, MovingTheFileEachNightLeaksNoDescriptorAndLosesNoLine)
+TEST_F(LogTest, NewOutputFileClosesTheLogsOwnStreamAndNoOther)
 {
-    ASSERT_EQ(m_log.setOutputFile("night.log"), 0);
-    std::fputs("still the caller's\n", m_file); // not closed by the move
-    std::fflush(m_file);
-    EXPECT_EQ(written(), "still the caller's\n");
     const int before = openDescriptors();
-    {
-        ALog lazy("lazy", nullptr);
-        lazy.print("opens the default file\n");
-        EXPECT_EQ(lazy.setOutputFile("missing/own.log"), -1);
-    }
-    for (int night = 0; night < 20; ++night) {
-        va_list none{};
-        m_log.vprint("buffered\n", none);
-        std::filesystem::rename("night.log", "yesterday.log");
-        ASSERT_EQ(m_log.setOutputFile("night.log"), 0);
-        EXPECT_EQ(readFile("yesterday.log"), "box -buffered\n");
-    }
+    ASSERT_EQ(m_log.setOutputFile("night.log"), 0);
+    m_log.vprint("buffered\n", m_noArguments);
+    std::filesystem::rename("night.log", "yesterday.log");
+    ASSERT_EQ(m_log.setOutputFile("night.log"), 0);
+    EXPECT_EQ(readFile("yesterday.log"), "box -buffered\n");
+    EXPECT_EQ(m_log.setOutputFile("missing/own.log"), -1);
     EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(LogTest, ReopenedFileKeepsWhatItHoldsAndAFailureKeepsTheStream)
+{
+    std::ofstream("kept.log") << "earlier\n";
+    std::filesystem::create_symlink("kept.log", "link.log");
+    for (const auto& [path, error] : {std::pair{"missing/own.log", ENOENT}, {"link.log", ELOOP}}) {
+        EXPECT_EQ(m_log.reopenOutputFile(path), -1);
+        EXPECT_EQ(errno, error);
+    }
+    m_log.print("to the old stream\n");
+    EXPECT_EQ(written(), "box -to the old stream\n");
+    close(0);
+    EXPECT_EQ(m_log.reopenOutputFile("kept.log"), 0);
+    EXPECT_EQ(fcntl(0, F_GETFD), -1); // not taken
+    m_log.vprint("buffered\n", m_noArguments);
+    EXPECT_EQ(m_log.reopenOutputFile("new.log"), 0);
+    EXPECT_EQ(readFile("kept.log"), "earlier\nbox -buffered\n");
+    EXPECT_EQ(std::filesystem::status("new.log").permissions(), std::filesystem::perms{0600});
 }
 
 TEST_F(LogTest, EchoedLineAlsoReachesStandardOutputAndAFullDiskStopsNothing)
 {
     CapturedStream output(stdout);
+    EXPECT_FALSE(m_log.getEchoToConsole());
     m_log.setEchoToConsole(true);
     m_log.print("100%% %s\n", "%d");
     EXPECT_EQ(output.arrived(), "box -100% %d\n"); // flushed
@@ -180,23 +191,32 @@ TEST_F(LogTest, EchoedLineAlsoReachesStandardOutputAndAFullDiskStopsNothing)
     EXPECT_EQ(written(), "box -100% %d\n");
 }
 
-TEST_F(LogTest, LinesOfManyThreadsAndTwoLogsStayWhole)
+TEST_F(LogTest, LinesOfManyThreadsStayWholeWhileFilesMoveAndAHostHoldsTheStream)
 {
     constexpr int kThreads = 8, kLines = 200;
-    ALog second("two", nullptr);
+    ALog unnamed(nullptr, nullptr);
+    m_log.setShowTimestamp(true);
+    const int before = openDescriptors();
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t)
         threads.emplace_back([&, t] {
             for (int i = 0; i < kLines; ++i) {
-                ALog& log = i % 2 == 0 ? m_log : second;
-                log.setShowTimestamp(true);
-                log.print("thread %d line %d\n", t, i);
+                if (t == 0)
+                    flockfile(m_file);
+                (i % 2 == 0 ? m_log : unnamed).print("thread %d line %d\n", t, i);
+                if (t == 0)
+                    funlockfile(m_file);
             }
         });
+    for (int night = 0; night < 50; ++night)
+        EXPECT_EQ((night == 25 ? m_log : unnamed).reopenOutputFile(std::to_string(night).c_str()), 0);
     for (auto& thread : threads)
         thread.join();
-    const std::string lines = written() + readFile("debug.log");
-    const std::regex whole(R"(\d\d/[ \d]\d/\d{4} \d\d:\d\d:\d\d (box|two) -thread \d line \d+\n)");
+    EXPECT_EQ(openDescriptors(), before + 2); // one for each log
+    std::string lines;
+    for (const auto& file : std::filesystem::directory_iterator("."))
+        lines += readFile(file.path());
+    const std::regex whole(R"(\d\d/[ \d]\d/\d{4} \d\d:\d\d:\d\d (box)? -thread \d line \d+\n)");
     EXPECT_EQ(std::regex_replace(lines, whole, ""), "");
     EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), kThreads * kLines);
 }
@@ -218,23 +238,22 @@ void useEveryOperation(AComponentLog& log)
 
 TEST_F(ComponentLogTest, OperationsWriteTheBaseLogsLineUnlessThereIsNoneOrTheyAreSwitchedOff)
 {
-    AComponentLog component(nullptr), other("other", m_log);
+    AComponentLog component(nullptr);
     useEveryOperation(component);
     component.flush();
     component.setBaseLog(m_log);
     component.setEnabled(false);
     EXPECT_FALSE(component.getEnabled());
     useEveryOperation(component);
-    m_log.flush();
-    EXPECT_EQ(written(), "");
-    other.print("buffered\n");
-    component.flush();
-    EXPECT_EQ(written(), "");
     component.setEnabled(true);
     useEveryOperation(component);
     EXPECT_EQ(written(), ""); // left in the buffer
+    component.setEnabled(false);
     component.flush();
-    std::string expected = "box -buffered\n";
+    EXPECT_EQ(written(), "");
+    component.setEnabled(true);
+    component.flush();
+    std::string expected;
     for (int i = 0; i < 8; ++i)
         expected += "box -m 1\n";
     EXPECT_EQ(written(), expected);

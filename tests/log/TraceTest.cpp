@@ -1,10 +1,12 @@
 #include "ATrace.h"
 #include "support/Files.h"
 
+#include <cerrno>
 #include <gtest/gtest.h>
 #include <sys/time.h>
 #include <thread>
 
+#pragma GCC diagnostic ignored "-Wformat"            // "%m"
 #pragma GCC diagnostic ignored "-Wformat-nonliteral" // such formats take the other form
 
 static timeval s_now = {1700000000, 123456};
@@ -70,15 +72,22 @@ TEST_F(TraceTest, FileIsEmptiedAtTheFirstOpeningOfAnObjectOnly)
     m_trace.Init(3, m_other.c_str()); // the open file stays the destination
     m_trace.Close();
     m_trace.TraceLog(0, "last\n");
-    EXPECT_EQ(readFile(m_path), kStartLine + kStamp + "appended\n" + kStartLine);
-    EXPECT_EQ(readFile(m_other), "kept\n" + kStamp + "last\n");
+    EXPECT_EQ(m_trace.Reopen((m_path + "/missing").c_str()), -1);
+    EXPECT_EQ(errno, ENOTDIR);
+    m_trace.TraceLog(3, "%m\n"); // the caller's error, and the old file
+    EXPECT_EQ(m_trace.Reopen(m_path.c_str()), 0);
+    m_trace.Close();
+    m_trace.TraceLog(3, "reopened\n");
+    EXPECT_EQ(readFile(m_path), kStartLine + kStamp + "appended\n" + kStartLine + kStamp + "reopened\n");
+    EXPECT_EQ(readFile(m_other), "kept\n" + kStamp + "last\n" + kStamp + "Not a directory\n");
 }
 
 TEST_F(TraceTest, LinesThatCannotBeWrittenAreDropped)
 {
     m_trace.Init(0, "/dev/full");
+    errno = 0;
     m_trace.TraceLog(0, "%010000i\n", 1);
-    m_trace.Close();
+    EXPECT_EQ(errno, 0);
     ATrace late;
     late.Init(0, (m_other + "/trace").c_str());
     late.TraceLog(0, "lost\n"); // and nothing is emptied any more
@@ -88,7 +97,7 @@ TEST_F(TraceTest, LinesThatCannotBeWrittenAreDropped)
     EXPECT_EQ(readFile(m_other + "/trace"), "kept\n" + kStamp + "written\n");
 }
 
-TEST_F(TraceTest, LinesStayWholeWhileAnotherThreadClosesAndInitialisesAndFlushesAllStreams)
+TEST_F(TraceTest, LinesStayWholeWhileTheFileMovesAndAllStreamsAreFlushed)
 {
     m_trace.Init(1, m_path.c_str());
     std::vector<std::thread> threads;
@@ -103,7 +112,10 @@ TEST_F(TraceTest, LinesStayWholeWhileAnotherThreadClosesAndInitialisesAndFlushes
         });
     for (int round = 0; round < 200; ++round) {
         m_trace.Close();
-        m_trace.Init(1, (round % 2 == 0 ? m_other : m_path).c_str());
+        if (round % 2 == 0)
+            m_trace.Init(1, m_other.c_str());
+        else
+            EXPECT_EQ(m_trace.Reopen(m_path.c_str()), 0);
     }
     for (std::thread& thread : threads)
         thread.join();

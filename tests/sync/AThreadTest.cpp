@@ -21,29 +21,37 @@ extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* 
 struct Counter : AThread {
     void run() override
     {
-        for (m_id = getThreadID(); !__atomic_load_n(&m_stopRequested, __ATOMIC_ACQUIRE);)
+        for (m_id = getThreadID(); !isStopRequested();)
             ++m_rounds;
     }
     std::atomic<std::int64_t> m_id = 0, m_rounds = 0;
 };
 
-TEST(AThreadTest, BodyRunsUntilItIsAskedToStopAndJoinNeverWaitsForMore)
+TEST(AThreadTest, BodyRunsOnAThreadOfItsOwnUntilItIsAskedToStop)
 {
-    Counter thread, next, refused;
-    thread.join(); // not started
+    Counter thread;
     EXPECT_FALSE(thread.isRunning());
     thread.start();
     while (thread.m_rounds == 0)
         EXPECT_TRUE(thread.isRunning());
     thread.stopThread();
     thread.join();
+    EXPECT_TRUE(thread.isRunning());
+    EXPECT_NE(thread.m_id, ::gettid());
+    EXPECT_EQ(thread.getThreadID(), ::gettid());
+}
+
+TEST(AThreadTest, JoinWaitsForNothingWithoutAThreadToJoin)
+{
+    Counter thread, next, refused;
+    thread.join(); // not started
+    thread.stopThread();
+    thread.start();
+    thread.join();
     next.start();
     thread.join(); // must not wait for the next thread, which has taken over the handle
     next.stopThread();
     next.join();
-    EXPECT_TRUE(thread.isRunning());
-    EXPECT_NE(thread.m_id, ::gettid());
-    EXPECT_EQ(thread.getThreadID(), ::gettid());
     s_creationFails = true;
     refused.start();
     s_creationFails = false;
