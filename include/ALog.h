@@ -20,6 +20,9 @@
 /// ALog log("consoled", stderr);
 /// log.print("listening on port %d\n", port);
 /// @endcode
+///
+/// @include examples/reference/ALog.cpp
+/// @verbinclude examples/reference/ALog.out
 class GORV_API ALog {
 public:
     static const int INFO = 1;    ///< Level of progress lines.

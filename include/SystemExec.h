@@ -32,6 +32,9 @@
 ///
 /// The child stays in the caller's process group and inherits what a program inherits over exec, with SIGCHLD
 /// and SIGPIPE back at their defaults and SIGCHLD not blocked. Handlers of the caller never run in it.
+///
+/// @include examples/reference/SystemExec.cpp
+/// @verbinclude examples/reference/SystemExec.out
 class GORV_API SystemExec {
 public:
     /// A runner without a command; all three pipe ends are -1.
