@@ -53,11 +53,6 @@ int sessionNumber(const char* text)
 
 } // namespace
 
-FUZZ_SETUP
-{
-    return 0;
-}
-
 FUZZ_TARGET
 {
     const std::string text(reinterpret_cast<const char*>(data), size);

@@ -158,10 +158,7 @@ private:
 
     void ask(short operation, const std::vector<std::string_view>& fields)
     {
-        std::size_t size = 0;
-        for (const std::string_view field : fields)
-            size += 4 + field.size();
-        if (size > protocol::kMaxBytes) {
+        if (protocol::sizeOf(fields) > protocol::kMaxBytes) {
             complain("the request is too long");
             return;
         }
