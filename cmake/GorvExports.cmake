@@ -7,8 +7,9 @@ list(TRANSFORM GORV_EXPORTED_CLASSES REPLACE ".*/(.*)\\.h$" "\\1")
 list(REMOVE_ITEM GORV_EXPORTED_CLASSES GorvApi)
 
 set(exports "")
-foreach(class IN LISTS GORV_EXPORTED_CLASSES) # operations and fields; tables and type information; thunks
-    string(APPEND exports "\n      ${class}::*; *?for?${class}; *?thunk?to?${class}::*;")
+# Operations and fields, templates, tables and type information, thunks.
+foreach(class IN LISTS GORV_EXPORTED_CLASSES)
+    string(APPEND exports "\n      ${class}::*; void?${class}::*; *?for?${class}; *?thunk?to?${class}::*;")
 endforeach()
 foreach(name IN LISTS GORV_EXPORTED_GLOBALS)
     string(APPEND exports "\n      \"${name}\";")
