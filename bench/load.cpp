@@ -1,6 +1,5 @@
-// What it costs a process to have the library: its size, the memory of its own after loading, the relocations
-// that the loader works off, and the time of dlopen held against an empty library with the same dependencies.
-// usage: gorv_load LIBRARY EMPTY
+// What it costs a process to have the library: the memory of its own after loading, and the time of dlopen
+// held against an empty library with the same dependencies. usage: gorv_load LIBRARY EMPTY
 
 #include <algorithm>
 #include <array>
@@ -16,17 +15,6 @@
 namespace {
 
 constexpr int kRounds = 41;
-
-std::string outputOf(const std::string& command)
-{
-    std::string output;
-    FILE* const pipe = ::popen(command.c_str(), "r");
-    for (int c = std::fgetc(pipe); c != EOF; c = std::fgetc(pipe))
-        output.push_back(static_cast<char>(c));
-    ::pclose(pipe);
-    output.erase(output.find_last_not_of('\n') + 1);
-    return output;
-}
 
 /// The KiB that the mappings of @p file no longer share with the file itself.
 long privateKiB(const std::string& file)
@@ -88,7 +76,6 @@ int main(int argc, char** argv)
 {
     if (argc != 3)
         return 2;
-    const std::string library = argv[1];
     std::vector<double> ours;
     std::vector<double> empty;
     long memory = 0;
@@ -96,14 +83,7 @@ int main(int argc, char** argv)
         ours.push_back(loadMicroseconds(argv[1], &memory));
         empty.push_back(loadMicroseconds(argv[2], nullptr));
     }
-    std::printf(
-        "\nstripped size: %s bytes (goal: at most 98304)\n",
-        outputOf("strip -o stripped.so " + library + " && wc -c <stripped.so; rm -f stripped.so").c_str());
     std::printf("private memory after loading: %ld KiB\n", memory);
-    std::printf("relocations: %s\n",
-                outputOf("readelf -rW " + library +
-                         " | awk '/R_/ { n[$3]++ } END { for (k in n) printf \"%s %d  \", k, n[k] }'")
-                    .c_str());
     std::printf("dlopen: %.0f us, an empty library with the same dependencies %.0f us: %.2f\n", median(ours),
                 median(empty), median(ours) / median(empty));
     return 0;

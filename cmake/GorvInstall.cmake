@@ -9,8 +9,7 @@ install(TARGETS gorvUtil
 install(FILES README.md CONTRIBUTING.md DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT libgorvutil-dev)
 install(DIRECTORY docs examples DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT libgorvutil-dev
     PATTERN Doxyfile EXCLUDE PATTERN CMakeLists.txt EXCLUDE)
-file(GLOB headers CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/include/*.h")
-install(FILES ${headers} DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/gorvUtil" COMPONENT libgorvutil-dev)
+install(FILES ${GORV_HEADERS} DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/gorvUtil" COMPONENT libgorvutil-dev)
 if(GORV_KEP STREQUAL "bundled")
     install(TARGETS kep
         LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT libkep1-substitute NAMELINK_SKIP)

@@ -27,11 +27,6 @@ void checkName(CommandLine& line, const std::vector<std::string>& texts, char** 
 
 } // namespace
 
-FUZZ_SETUP
-{
-    return 0;
-}
-
 FUZZ_TARGET
 {
     FuzzedDataProvider input(data, size);

@@ -66,7 +66,7 @@ public:
         const auto length = operation ? takeNumber(4) : std::nullopt;
         if (!length)
             return std::nullopt;
-        if (*length > 4096)
+        if (*length > protocol::kMaxBytes)
             return Answer{protocol::TooLarge, false};
         if (*length > m_bytes.size())
             return std::nullopt;

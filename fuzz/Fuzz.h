@@ -34,6 +34,7 @@ std::vector<std::string> splitAtZero(std::string_view bytes);
             fuzz::fail(#condition, __FILE__, __LINE__);                                                      \
     } while (false)
 
+/// What a target prepares once, if it has anything to prepare.
 #define FUZZ_SETUP extern "C" int LLVMFuzzerInitialize(int*, char***)
 #define FUZZ_TARGET extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 

@@ -46,11 +46,6 @@ std::optional<int> parsedValue(const char* text)
 
 } // namespace
 
-FUZZ_SETUP
-{
-    return 0;
-}
-
 FUZZ_TARGET
 {
     const std::string text(reinterpret_cast<const char*>(data), size);

@@ -17,6 +17,9 @@ class ALog;
 /// Message operations are safe from any thread. Tree changes (setBaseLog(), addChildLog(), removeChildLog())
 /// are not synchronised: build the tree before threads write through it. Base log and children stay their
 /// owners'; a component is removed from every parent before it is destroyed, and the base log outlives it.
+///
+/// @include examples/reference/AComponentLog.cpp
+/// @verbinclude examples/reference/AComponentLog.out
 class GORV_API AComponentLog {
 public:
     static const int INFO = 1;    ///< The same level as ALog::INFO.

@@ -14,6 +14,9 @@
 /// AInteger::encodeShort(frame, 0, 258);     // 01 02
 /// AInteger::encodeInt(frame, 2, -2);        // FF FF FF FE
 /// @endcode
+///
+/// @include examples/reference/AInteger.cpp
+/// @verbinclude examples/reference/AInteger.out
 class GORV_API AInteger {
 public:
     /// Hold @p value.

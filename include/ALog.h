@@ -30,6 +30,9 @@ class StreamLocks;
 /// ALog log("consoled", stderr);
 /// log.print("listening on port %d\n", port);
 /// @endcode
+///
+/// @include examples/reference/ALog.cpp
+/// @verbinclude examples/reference/ALog.out
 class GORV_API ALog {
 public:
     static const int INFO = 1;    ///< Level of progress lines.

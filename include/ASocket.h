@@ -29,6 +29,9 @@ class ALog;
 /// if (socket.readInt(answer, 5) == 4)
 ///     use(answer);
 /// @endcode
+///
+/// @include examples/reference/ASocket.cpp
+/// @verbinclude examples/reference/ASocket.out
 class GORV_API ASocket : public AOutputStream, public AInputStream {
 public:
     static const int NOT_CONNECTED = 0;  ///< No connection yet.

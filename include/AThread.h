@@ -19,6 +19,9 @@
 ///     }
 /// };
 /// @endcode
+///
+/// @include examples/reference/AThread.cpp
+/// @verbinclude examples/reference/AThread.out
 class GORV_API AThread {
 public:
     AThread();

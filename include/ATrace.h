@@ -25,6 +25,9 @@
 /// trace.Init(3, "/var/log/consoled.trace");
 /// gTrace->TraceLog(2, "%d clients\n", count);
 /// @endcode
+///
+/// @include examples/reference/ATrace.cpp
+/// @verbinclude examples/reference/ATrace.out
 class GORV_API ATrace {
 public:
     /// A trace that writes nothing until Init().

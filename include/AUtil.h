@@ -6,6 +6,9 @@
 #include <vector>
 
 /// Small helpers that programs share.
+///
+/// @include examples/reference/AUtil.cpp
+/// @verbinclude examples/reference/AUtil.out
 class GORV_API AUtil {
 public:
     AUtil() = delete;

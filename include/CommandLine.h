@@ -16,6 +16,9 @@
 /// const char* port = options.getArg("port");
 /// bool verbose = options.hasArg("-verbose"); // only one dash is taken off
 /// @endcode
+///
+/// @include examples/reference/CommandLine.cpp
+/// @verbinclude examples/reference/CommandLine.out
 class GORV_API CommandLine {
 public:
     /// Split @p argv. A null pointer ends it before @p argc elements. Throws std::bad_alloc when memory runs

@@ -16,6 +16,9 @@
 ///     log.print("bad port \"%s\"\n", failure.getMessage().c_str());
 /// }
 /// @endcode
+///
+/// @include examples/reference/Exception.cpp
+/// @verbinclude examples/reference/Exception.out
 class GORV_API Exception {
 public:
     /// The message is empty.

@@ -23,6 +23,9 @@
 /// if (client.getProperty("console.port", port))
 ///     client.setProperty("console.port", port + 1, true);
 /// @endcode
+///
+/// @include examples/reference/KEPClient.cpp
+/// @verbinclude examples/reference/KEPClient.out
 class GORV_API KEPClient {
     template <typename Text>
     using IfConstText = std::enable_if_t<std::is_same_v<Text, const char*>, int>;

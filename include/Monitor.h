@@ -25,6 +25,9 @@ extern GORV_API int NextMonitorId;
 /// while (queue.empty())
 ///     monitor.wait(500);
 /// @endcode
+///
+/// @include examples/reference/Monitor.cpp
+/// @verbinclude examples/reference/Monitor.out
 class GORV_API Monitor {
 public:
     /// Throws std::bad_alloc when memory runs out.

@@ -34,6 +34,9 @@
 /// // ... later, perhaps on another thread
 /// login->dispose();
 /// @endcode
+///
+/// @include examples/reference/PAMHelper.cpp
+/// @verbinclude examples/reference/PAMHelper.out
 class GORV_API PAMHelper {
 public:
     /// Guards instanceMap and serialises the PAM steps of all helpers.

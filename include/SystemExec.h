@@ -43,6 +43,9 @@
 /// and SIGPIPE back at their defaults and SIGCHLD not blocked. Handlers of the caller never run in it. Until
 /// then, for a second, it holds copies of all the caller's descriptors: a connection that the caller closes
 /// meanwhile ends only after that.
+///
+/// @include examples/reference/SystemExec.cpp
+/// @verbinclude examples/reference/SystemExec.out
 class GORV_API SystemExec {
 public:
     /// A runner without a command; all three pipe ends are -1.

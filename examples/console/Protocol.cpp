@@ -60,13 +60,18 @@ std::string frame(short code, std::string_view bytes)
     return result;
 }
 
-std::string joinFields(const std::vector<std::string_view>& fields)
+std::size_t sizeOf(const std::vector<std::string_view>& fields)
 {
     std::size_t size = 0;
     for (const std::string_view field : fields)
         size += kLengthSize + field.size();
+    return size;
+}
+
+std::string joinFields(const std::vector<std::string_view>& fields)
+{
     std::string result;
-    result.reserve(size); // a field may be a password: no copy is left in a smaller buffer
+    result.reserve(sizeOf(fields)); // a field may be a password: no copy is left in a smaller buffer
     for (const std::string_view field : fields) {
         unsigned char length[kLengthSize];
         AInteger::encodeInt(length, 0, static_cast<int>(field.size()));

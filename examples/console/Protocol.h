@@ -50,6 +50,9 @@ std::optional<std::vector<std::string_view>> splitFields(std::string_view bytes,
 /// The frame of a request or an answer. Longer bytes are cut at kMaxBytes.
 std::string frame(short code, std::string_view bytes);
 
+/// How many bytes joinFields() makes.
+std::size_t sizeOf(const std::vector<std::string_view>& fields);
+
 /// The bytes of a request with these fields.
 std::string joinFields(const std::vector<std::string_view>& fields);
 

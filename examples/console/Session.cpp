@@ -148,7 +148,8 @@ std::optional<Session::Answer> Session::receiveAndServe()
     if (m_socket.readShort(operation, timeout) != 2 || m_socket.readInt(length, timeout) != 4)
         return std::nullopt;
     if (static_cast<unsigned int>(length) > protocol::kMaxBytes)
-        return Answer{protocol::TooLarge, "a request has at most 4096 bytes", false};
+        return Answer{protocol::TooLarge,
+                      "a request has at most " + std::to_string(protocol::kMaxBytes) + " bytes", false};
     const WipeAtExit wipe(m_bytes.data(), static_cast<std::size_t>(length));
     if (length > 0 && m_socket.readFully(m_bytes.data(), 0, length, timeout) != length)
         return std::nullopt;

@@ -9,6 +9,7 @@
 #include "Client.h"
 #include "CommandLine.h"
 #include "GorvSocketException.h"
+#include "HiddenInput.h"
 #include "NumberFormatException.h"
 #include "Protocol.h"
 
@@ -16,7 +17,6 @@
 #include <cstdio>
 #include <openssl/crypto.h>
 #include <optional>
-#include <termios.h>
 #include <unistd.h>
 
 namespace {
@@ -61,41 +61,6 @@ Line readLine(std::string& line)
     }
     return tooLong ? Line::TooLong : Line::Read;
 }
-
-/// Turns a terminal's echo off for one scope, in which it can't be interrupted: the shell would stay without
-/// echo.
-class HiddenInput {
-public:
-    HiddenInput()
-    {
-        m_isTerminal = tcgetattr(STDIN_FILENO, &m_settings) == 0;
-        if (!m_isTerminal)
-            return;
-        sigset_t interrupts;
-        sigemptyset(&interrupts);
-        for (const int signal : {SIGINT, SIGQUIT, SIGTSTP, SIGTERM})
-            sigaddset(&interrupts, signal);
-        sigprocmask(SIG_BLOCK, &interrupts, &m_mask);
-        termios hidden = m_settings;
-        hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-        tcsetattr(STDIN_FILENO, TCSAFLUSH, &hidden);
-    }
-    ~HiddenInput()
-    {
-        if (!m_isTerminal)
-            return;
-        tcsetattr(STDIN_FILENO, TCSAFLUSH, &m_settings);
-        std::fputs("\n", stderr);
-        sigprocmask(SIG_SETMASK, &m_mask, nullptr);
-    }
-    HiddenInput(const HiddenInput&) = delete;
-    HiddenInput& operator=(const HiddenInput&) = delete;
-
-private:
-    bool m_isTerminal = false;
-    termios m_settings{};
-    sigset_t m_mask{};
-};
 
 /// Reads a password without echo from a terminal, or as it comes from elsewhere.
 bool readPassword(std::string& password)
@@ -193,10 +158,7 @@ private:
 
     void ask(short operation, const std::vector<std::string_view>& fields)
     {
-        std::size_t size = 0;
-        for (const std::string_view field : fields)
-            size += 4 + field.size();
-        if (size > protocol::kMaxBytes) {
+        if (protocol::sizeOf(fields) > protocol::kMaxBytes) {
             complain("the request is too long");
             return;
         }

@@ -1,7 +1,7 @@
 // A small PAM module that serves the examples and the tests without touching the machine's accounts.
 //
-// Arguments:  accounts=FILE   one account a line: name:hash:account status:session id[:open status[:close
-// status]]
+// Arguments:  accounts=FILE   one account a line:
+//                             name:hash:account status:session id[:open status[:close status]]
 //             record=FILE     append a line for each step: its name, user, client address and PAM environment
 //
 // The statuses are PAM's numbers. The session id is published as the PAM variable

@@ -11,6 +11,7 @@
 #include "ALog.h"
 #include "CommandLine.h"
 #include "EmbeddedPam.h"
+#include "HiddenInput.h"
 #include "PAMHelper.h"
 
 #include <cstdio>
@@ -18,8 +19,6 @@
 #include <openssl/crypto.h>
 #include <security/pam_appl.h>
 #include <string>
-#include <termios.h>
-#include <unistd.h>
 
 namespace {
 
@@ -46,35 +45,6 @@ bool parse(int argc, char** argv, Options& options)
     take("interface", options.interface);
     return !options.user.empty();
 }
-
-/// Turns the terminal's echo off for one scope.
-class HiddenInput {
-public:
-    HiddenInput()
-    {
-        if (tcgetattr(STDIN_FILENO, &m_saved) != 0)
-            return;
-        m_isTerminal = true;
-        termios hidden = m_saved;
-        hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-        tcsetattr(STDIN_FILENO, TCSAFLUSH, &hidden);
-    }
-    ~HiddenInput()
-    {
-        if (!m_isTerminal)
-            return;
-        tcsetattr(STDIN_FILENO, TCSAFLUSH, &m_saved);
-        std::puts("");
-    }
-    HiddenInput(const HiddenInput&) = delete;
-    HiddenInput& operator=(const HiddenInput&) = delete;
-
-    bool isTerminal() const { return m_isTerminal; }
-
-private:
-    termios m_saved{};
-    bool m_isTerminal = false;
-};
 
 std::string readPassword(const std::string& user)
 {

@@ -1,9 +1,22 @@
-// Properties of the configuration service: a number, and a text of any length.
+// Properties of the configuration service: a number, and a text of any length; an event, and a remote
+// function.
 
 #include "KEPClient.h"
 #include "ALog.h"
 
+#include <cctype>
 #include <cstdio>
+
+/// What the service runs for "demo.shout": the request in capitals. It may run on any thread.
+int shout(int* size, int maxReplySize, void* request, void* reply)
+{
+    if (*size > maxReplySize)
+        return -2;
+    for (int i = 0; i < *size; ++i)
+        static_cast<char*>(reply)[i] =
+            static_cast<char>(std::toupper(static_cast<unsigned char*>(request)[i]));
+    return 0;
+}
 
 int main()
 {
@@ -34,4 +47,14 @@ int main()
 
     bool missing = false;
     std::printf("found: %d\n", client.getProperty("demo.nothing", missing));
+
+    std::printf("raised: %d\n", client.notifyEvent("gui_event_config_changed", 0, nullptr));
+    KEPClient::Callback* callback = shout;
+    client.registerCallback("demo.shout", &callback);
+    char request[] = {'h', 'e', 'l', 'l', 'o'};
+    char reply[32];
+    int replySize = 0; // stays as it is when the call fails
+    const int code =
+        client.callFunction("demo.shout", sizeof request, request, sizeof reply, replySize, reply);
+    std::printf("code %d, %d bytes: %.*s\n", code, replySize, replySize, reply);
 }

@@ -249,23 +249,6 @@ int PAMHelper::getKEPSessionId()
     return readShared(m_kepSessionId);
 }
 
-PAMHelper* PAMHelper::instanceForSessionId(const std::string& sessionId)
-{
-    const FastLock lock(instanceMapMonitor);
-    const auto entry = instanceMap.find(sessionId);
-    return entry == instanceMap.end() ? nullptr : entry->second;
-}
-
-PAMHelper* PAMHelper::instanceForKEPId(unsigned int id)
-{
-    const FastLock lock(instanceMapMonitor);
-    for (const auto& [sessionId, helper] : instanceMap) {
-        if (static_cast<unsigned int>(helper->getKEPSessionId()) == id)
-            return helper;
-    }
-    return nullptr;
-}
-
 Monitor* PAMHelper::getMonitor()
 {
     return &instanceMapMonitor;

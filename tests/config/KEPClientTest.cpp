@@ -15,8 +15,12 @@ void* operator new[](std::size_t size)
     return size < INT_MAX ? ::operator new(size) : throw std::bad_alloc();
 }
 
-#pragma GCC diagnostic ignored "-Wsized-deallocation" // the sized form calls this one
 void operator delete[](void* array) noexcept
+{
+    ::operator delete(array);
+}
+
+void operator delete[](void* array, std::size_t) noexcept
 {
     ::operator delete(array);
 }
