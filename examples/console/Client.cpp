@@ -1,10 +1,10 @@
 #include "Client.h"
 
 #include "Protocol.h"
-#include "WipeAtExit.h"
 
 #include <cstdio>
 #include <fcntl.h>
+#include <openssl/crypto.h>
 #include <unistd.h>
 
 namespace {
@@ -18,14 +18,13 @@ public:
     {
         std::fflush(stdout);
         m_saved = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
-        if (m_saved >= 0)
-            ::dup2(STDERR_FILENO, STDOUT_FILENO);
+        m_isAside = m_saved >= 0 && ::dup2(STDERR_FILENO, STDOUT_FILENO) >= 0;
     }
     ~OutputAside()
     {
         std::fflush(stdout);
-        if (m_saved >= 0)
-            ::dup2(m_saved, STDOUT_FILENO);
+        if (m_isAside && ::dup2(m_saved, STDOUT_FILENO) < 0)
+            std::perror("console: standard output is lost");
         ::close(m_saved);
     }
     OutputAside(const OutputAside&) = delete;
@@ -33,6 +32,7 @@ public:
 
 private:
     int m_saved;
+    bool m_isAside;
 };
 
 } // namespace
@@ -44,7 +44,12 @@ Client::Answer Client::ask(short operation, const std::vector<std::string_view>&
         m_socket.setSilent(true);
         m_socket.createIPSocket(m_host.c_str(), m_port);
     }
-    send(operation, fields);
+    std::string bytes = protocol::joinFields(fields);
+    std::string frame = protocol::frame(operation, bytes);
+    m_socket.write(reinterpret_cast<const unsigned char*>(frame.data()), static_cast<int>(frame.size()));
+    OPENSSL_cleanse(bytes.data(), bytes.size()); // one of the fields may be a password
+    OPENSSL_cleanse(frame.data(), frame.size());
+
     Answer answer;
     int length = 0;
     if (m_socket.readShort(answer.result, kAnswerSeconds) != 2 ||
@@ -55,14 +60,4 @@ Client::Answer Client::ask(short operation, const std::vector<std::string_view>&
     auto* const text = reinterpret_cast<unsigned char*>(answer.text.data());
     answer.arrived = m_socket.readFully(text, 0, length, kAnswerSeconds) == length;
     return answer;
-}
-
-/// One of the fields may be a password.
-void Client::send(short operation, const std::vector<std::string_view>& fields)
-{
-    std::string bytes = protocol::joinFields(fields);
-    const WipeAtExit wipeBytes(bytes.data(), bytes.size());
-    std::string frame = protocol::frame(operation, bytes);
-    const WipeAtExit wipeFrame(frame.data(), frame.size());
-    m_socket.write(reinterpret_cast<const unsigned char*>(frame.data()), static_cast<int>(frame.size()));
 }

@@ -22,8 +22,6 @@ public:
     Answer ask(short operation, const std::vector<std::string_view>& fields);
 
 private:
-    void send(short operation, const std::vector<std::string_view>& fields);
-
     const std::string m_host;
     const int m_port;
     ASocket m_socket;

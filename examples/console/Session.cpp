@@ -2,12 +2,12 @@
 
 #include "ATrace.h"
 #include "AUtil.h"
-#include "WipeAtExit.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cstdarg>
 #include <exception>
+#include <openssl/crypto.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -49,6 +49,19 @@ bool areSane(const std::vector<std::string_view>& fields)
            (fields.empty() ||
             (fields[0].size() <= kMaxName && std::none_of(fields[0].begin(), fields[0].end(), isControl)));
 }
+
+/// Wipes what may have held a password at the end of the scope.
+class WipeAtExit {
+public:
+    WipeAtExit(void* bytes, std::size_t size) : m_bytes(bytes), m_size(size) {}
+    ~WipeAtExit() { OPENSSL_cleanse(m_bytes, m_size); }
+    WipeAtExit(const WipeAtExit&) = delete;
+    WipeAtExit& operator=(const WipeAtExit&) = delete;
+
+private:
+    void* m_bytes;
+    std::size_t m_size;
+};
 
 } // namespace
 

@@ -10,10 +10,10 @@
 #include "GorvSocketException.h"
 #include "HiddenInput.h"
 #include "Protocol.h"
-#include "WipeAtExit.h"
 
 #include <csignal>
 #include <cstdio>
+#include <openssl/crypto.h>
 #include <optional>
 #include <unistd.h>
 
@@ -98,12 +98,12 @@ public:
 
     void logIn(std::string_view user)
     {
-        std::string password(kMaxLine, '\0');
-        const WipeAtExit wipe(password.data(), password.size());
+        std::string password;
         if (readPassword(password))
             ask(protocol::Login, {user, password});
         else
             complain("no password");
+        OPENSSL_cleanse(password.data(), password.size());
     }
 
     void complain(const char* what)

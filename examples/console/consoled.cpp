@@ -68,10 +68,8 @@ void neverBlock(int stream)
     if (::fstat(stream, &file) != 0 || S_ISREG(file.st_mode))
         return;
     const Descriptor own(::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    if (!own.isOpen()) // a socket
+    if (!own.isOpen() || ::dup2(own.get(), stream) < 0) // a socket
         ::fcntl(stream, F_SETFL, ::fcntl(stream, F_GETFL) | O_NONBLOCK);
-    else
-        ::dup2(own.get(), stream);
 }
 
 /// Before there is any other thread, those of the service library included.
@@ -104,8 +102,8 @@ int serve(const Options& options, ALog& log, std::function<void()> reopen)
     Admission admission(sessions);
     Configuration configuration(daemon);
     Programs programs(kPrograms, kProgramSeconds);
-    Services services{
-        options.service, options.idleSeconds, sessions, admission, configuration, programs, reopen, {}};
+    Services services{options.service, options.idleSeconds, sessions, admission, configuration,
+                      programs,        std::move(reopen),   {}};
     Server server(services);
     s_server = &server;
     const int port = server.listen(options.port);
