@@ -27,7 +27,7 @@ long secondsSince(Clock::time_point begin)
     return std::chrono::ceil<std::chrono::seconds>(Clock::now() - begin).count();
 }
 
-class AttackTest : public ConsoleTest {
+class ConsoleTestAttack : public ConsoleTest {
 protected:
     void addToStack(const char* line) { std::ofstream(m_dir.path("test"), std::ios::app) << line << '\n'; }
     /// The one child of the daemon.
@@ -44,7 +44,7 @@ protected:
     }
 };
 
-TEST_F(AttackTest, SilentConnectionsLeaveRoomAndHardlyALine)
+TEST_F(ConsoleTestAttack, SilentConnectionsLeaveRoomAndHardlyALine)
 {
     start("-log log -trace trace -level 9");
     std::vector<Peer> silent;
@@ -61,7 +61,7 @@ TEST_F(AttackTest, SilentConnectionsLeaveRoomAndHardlyALine)
     EXPECT_GE(countIn("log", "\\d\\d+ gave way"), 1);
 }
 
-TEST_F(AttackTest, WrongPasswordsThatTakeTimeHoldUpNobodyElse)
+TEST_F(ConsoleTestAttack, WrongPasswordsThatTakeTimeHoldUpNobodyElse)
 {
     addToStack("auth optional pam_faildelay.so delay=2000000");
     start();
@@ -81,7 +81,7 @@ TEST_F(AttackTest, WrongPasswordsThatTakeTimeHoldUpNobodyElse)
     EXPECT_LE(countIn("record", "authenticate "), 1 + 8 + secondsSince(begin)); // the others are turned away
 }
 
-TEST_F(AttackTest, GuessesAreSlowedDownAndNamed)
+TEST_F(ConsoleTestAttack, GuessesAreSlowedDownAndNamed)
 {
     start("-log log");
     const auto begin = Clock::now();
@@ -102,24 +102,7 @@ TEST_F(AttackTest, GuessesAreSlowedDownAndNamed)
     EXPECT_LT(countIn("log", "\n"), 8 + seconds);
 }
 
-TEST_F(AttackTest, WhoMustChangeThePasswordMayDoNothingElse)
-{
-    start();
-    const Peer peer(m_port);
-    EXPECT_EQ(peer.ask(Login, {"dave", kPassphrase}),
-              (Answer{Done, "logged in; the password must be changed"}));
-    const std::pair<short, std::vector<std::string_view>> requests[] = {{Get, {"motto"}},
-                                                                        {Set, {"motto", "x"}},
-                                                                        {Event, {"e", "d"}},
-                                                                        {Call, {"console_sessions", ""}},
-                                                                        {protocol::Run, {"id"}}};
-    for (const auto& [operation, fields] : requests)
-        EXPECT_EQ(peer.ask(operation, fields).result, Refused) << operation;
-    EXPECT_TRUE(peer.ask(Who).text.starts_with("dave from 127.0.0.1"));
-    EXPECT_EQ(peer.ask(Logout).result, Done);
-}
-
-TEST_F(AttackTest, LogIsPrivateAndFollowsNoLinkAndIsReopened)
+TEST_F(ConsoleTestAttack, LogIsPrivateAndFollowsNoLinkAndIsReopened)
 {
     std::ofstream(m_dir.path("precious")) << "kept";
     std::filesystem::create_symlink("precious", m_dir.path("link"));
@@ -143,7 +126,7 @@ TEST_F(AttackTest, LogIsPrivateAndFollowsNoLinkAndIsReopened)
     EXPECT_EQ(countIn("log.1", "alice"), 0);
 }
 
-TEST_F(AttackTest, ProgramHoldsNothingOfTheDaemon)
+TEST_F(ConsoleTestAttack, ProgramHoldsNothingOfTheDaemon)
 {
     start("-log log -trace trace");
     const Peer peer = loggedIn(m_port);
@@ -164,7 +147,7 @@ TEST_F(AttackTest, ProgramHoldsNothingOfTheDaemon)
     loggedIn(m_port);
 }
 
-TEST_F(AttackTest, OutputThatNobodyReadsHoldsUpNothing)
+TEST_F(ConsoleTestAttack, OutputThatNobodyReadsHoldsUpNothing)
 {
     const std::string pipe = m_dir.path("pipe");
     ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
@@ -178,7 +161,7 @@ TEST_F(AttackTest, OutputThatNobodyReadsHoldsUpNothing)
     EXPECT_EQ(peer.ask(protocol::Run, {"id"}).result, Done);
 }
 
-TEST_F(AttackTest, PasswordIsNowhereAfterTheLogin)
+TEST_F(ConsoleTestAttack, PasswordIsNowhereAfterTheLogin)
 {
     if (!ProcessMemory::canBeSearched())
         GTEST_SKIP() << "a sanitizer's own memory is searched in vain";

@@ -17,6 +17,10 @@ TEST_F(ConsoleTest, ClientWalksThroughASession)
         {"-user alice -c 'get missing'", kPassword, "logged in\n1\n"},
         {"-user alice -c 'run rm'", kPassword, "logged in\n1\n"},
         {"-user alice -c who", "wrong", "1\n"},
+        {"-user dave -c 'get hostname; set hostname x; event e d; call console_sessions; run id; who; "
+         "logout'",
+         kPassphrase,
+         "logged in; the password must be changed\ndave from 127.0.0.1, session \\d+\nlogged out\n1\n"},
         {"-user alice", longLine, "logged in\nbox-17\n1\n"}, // the long line is refused as a whole
         {"-c who", "", "1\n"},
         {"-c dance", "", "1\n"},
