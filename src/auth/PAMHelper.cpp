@@ -223,7 +223,8 @@ void PAMHelper::setSessionId(const std::string& sessionId)
     // All that can run out of memory comes first: the registry and m_sessionId then change together.
     std::string newId = sessionId;
     const auto earlier = ownEntry();
-    const auto entry = instanceMap.insert_or_assign(newId, this).first;
+    const auto entry = instanceMap.insert({newId, this}).first;
+    entry->second = this;
     if (earlier != instanceMap.end() && earlier != entry)
         instanceMap.erase(earlier);
     m_wasRegistered = true;
@@ -370,7 +371,7 @@ void PAMHelper::readKEPSessionId()
 void PAMHelper::setFlag(bool& field, bool flag)
 {
     const FastLock lock(instanceFwMapMonitor);
-    instanceFwMap.insert_or_assign(flag, this); // may run out of memory
+    instanceFwMap.insert({flag, this}).first->second = this; // may run out of memory
     writeShared(field, flag);
 }
 

@@ -148,6 +148,9 @@ ALog* AComponentLog::activeLog()
 /// Whether @p target is this component or one below it.
 bool AComponentLog::reaches(const AComponentLog& target) const
 {
-    return this == &target || std::any_of(m_children.begin(), m_children.end(),
-                                          [&](const auto* child) { return child->reaches(target); });
+    for (const AComponentLog* child : m_children) {
+        if (child->reaches(target))
+            return true;
+    }
+    return this == &target;
 }
