@@ -19,7 +19,7 @@ class ALog;
 /// the log of setLog(). The system's complaints go to standard error. A descriptor that is made here is
 /// close-on-exec and never one of the standard streams' numbers.
 ///
-/// One thread at a time uses an object, but for shutdown(); separate objects are independent. Destroyed as an
+/// One thread at a time uses an object, but for shutDown(); separate objects are independent. Destroyed as an
 /// ASocket.
 ///
 /// @code
@@ -106,7 +106,7 @@ public:
     /// sees a closed peer, and the writer a failure with its SIGPIPE. The state is left to them, and the
     /// descriptor stays open.
     /// @return false if the system refuses, as without a connection
-    bool shutdown();
+    bool shutDown();
 
     // From here on the order of the virtual operations is part of the interface: programs call them by slot.
 

@@ -276,7 +276,7 @@ bool ASocket::setStallLimit(unsigned int seconds)
     return limitWaits(m_socket, SO_RCVTIMEO, seconds) && limitWaits(m_socket, SO_SNDTIMEO, seconds);
 }
 
-bool ASocket::shutdown()
+bool ASocket::shutDown()
 {
     return ::shutdown(m_socket, SHUT_RDWR) == 0;
 }

@@ -309,14 +309,14 @@ TEST(ASocketTest, ShuttingDownLetsAnotherThreadsReaderGo)
     Link link;
     std::thread other([&] {
         ::usleep(50'000); // while this thread waits
-        EXPECT_TRUE(link.socket.shutdown());
+        EXPECT_TRUE(link.socket.shutDown());
     });
     EXPECT_PRED2(matches, toldBy(link.socket, &ASocket::readByte, 60), "0 77 3 *");
     other.join();
     char byte = 0;
     EXPECT_EQ(::recv(link.peer, &byte, 1, 0), 0);
     link.socket.close();
-    EXPECT_FALSE(link.socket.shutdown());
+    EXPECT_FALSE(link.socket.shutDown());
 }
 
 TEST(ASocketTest, StallLimitEndsAMessageThatHasBegunAndNoOther)
