@@ -87,6 +87,13 @@ struct Link {
     }
     int port() const { return ntohs(address.sin_port); }
     void send(const std::string& bytes) const { ::send(peer, bytes.data(), bytes.size(), 0); }
+    std::jthread sendLater(useconds_t delay, const std::string& bytes) const
+    {
+        return std::jthread([=, this] {
+            ::usleep(delay);
+            send(bytes);
+        });
+    }
 
     int listener = ::socket(AF_INET, SOCK_STREAM, 0);
     int peer = ::socket(AF_INET, SOCK_STREAM, 0);
@@ -323,14 +330,11 @@ TEST(ASocketTest, StallLimitEndsAMessageThatHasBegunAndNoOther)
 {
     Link link;
     EXPECT_TRUE(link.socket.setStallLimit(1));
-    std::thread late([&] {
-        ::usleep(1'500'000);
-        link.send("\7abc");
-    });
+    const std::jthread late = link.sendLater(1'500'000, "\7abc");
+    // Without a complaint in between; but with a longer time-out the limit holds all the same.
     EXPECT_PRED2(matches, toldBy(link.socket, &ASocket::readByte, 0),
-                 "1 7 1 *timeout=<0>\nsocket_read :    read 1 bytes\n*"); // without a complaint
-    late.join();
-    EXPECT_PRED2(matches, toldBy(link.socket, &ASocket::readInt, 600), // the limit holds all the same
+                 "1 7 1 *timeout=<0>\nsocket_read :    read 1 bytes\n*");
+    EXPECT_PRED2(matches, toldBy(link.socket, &ASocket::readInt, 600),
                  "-1 77 5 *select timed out.\nreadInt: failed count = -1\n*");
     Link blocked;
     blocked.socket.setStallLimit(1);
@@ -339,6 +343,13 @@ TEST(ASocketTest, StallLimitEndsAMessageThatHasBegunAndNoOther)
                  "*\nSocket write failed: Resource temporarily unavailable\n");
     EXPECT_EQ(blocked.socket.getSocketState(), ASocket::IO_ERROR);
     EXPECT_FALSE(ASocket().setStallLimit(1));
+    Link plain; // with a time-out that its program sets
+    const timeval second{1, 0};
+    ::setsockopt(plain.end, SOL_SOCKET, SO_RCVTIMEO, &second, sizeof second);
+    plain.send("\0\1"s);
+    const std::jthread rest = plain.sendLater(2'500'000, "\2\3");
+    EXPECT_PRED2(matches, toldBy(plain.socket, &ASocket::readInt, 0),
+                 "4 66051 1 *\nSocket recv failed: Resource temporarily unavailable\n*");
 }
 
 class Overriding : public ASocket {
