@@ -66,7 +66,8 @@ public:
     ///
     /// Resolving and connecting block as long as the system lets them; a signal can fail them. On failure the
     /// state is CONNECT_FAILED (no socket could be made) or CLOSED, no descriptor is held, both standard
-    /// streams have a message, and GorvSocketException is thrown.
+    /// streams have a message, and GorvSocketException is thrown. std::bad_alloc may leave a descriptor
+    /// behind, which close() closes as ever.
     /// @param ip host name or dotted address
     /// @param port the low 16 bits count
     void createIPSocket(const char* ip, int port);
@@ -87,7 +88,7 @@ public:
     int getSocketState();
 
     /// @return the descriptor, which stays the object's, or -1 when it holds none. For the system's waits and
-    /// options; make it non-blocking only if nothing is received through the object any more.
+    /// options; make it non-blocking only if nothing is received or sent through the object any more.
     int getDescriptor();
 
     /// Bound, from now on, how long a message that has begun may stand still. The wait for a first byte knows
