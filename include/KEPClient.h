@@ -29,12 +29,11 @@
 class GORV_API KEPClient {
     template <typename Text>
     using IfConstText = std::enable_if_t<std::is_same_v<Text, const char*>, int>;
-    // What converts to a pointer would pass for true.
+    // What would pass for true without being a truth or a number: a pointer, or a class that holds one.
     template <typename Value>
     using IfOtherPointer =
-        std::enable_if_t<(std::is_convertible_v<Value, const volatile void*> || std::is_pointer_v<Value> ||
-                          std::is_member_pointer_v<Value>)&&!std::is_convertible_v<Value, char*> &&
-                             !std::is_same_v<Value, const char*>,
+        std::enable_if_t<std::is_convertible_v<Value, bool> && !std::is_convertible_v<Value, int> &&
+                             !std::is_convertible_v<Value, char*> && !std::is_same_v<Value, const char*>,
                          int>;
 
 public:

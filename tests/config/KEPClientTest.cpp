@@ -162,7 +162,11 @@ constexpr bool isWritten = requires(KEPClient& client, Value value)
     client.updateProperty("p", value, true);
 };
 static_assert(isWritten<char*> && isWritten<const char*> && isWritten<std::nullptr_t>);
-static_assert(isWritten<int> && isWritten<short> && isWritten<bool> && isWritten<std::true_type>);
+static_assert(isWritten<int> && isWritten<short> && isWritten<bool> && isWritten<Flag>);
+struct Flag {
+    operator bool() const;
+    operator void*() const;
+};
 static_assert(!isWritten<const char8_t*> && !isWritten<unsigned char*> && !isWritten<const void*>);
 static_assert(!isWritten<void (*)()> && !isWritten<int KEPClientTest::*>);
 
