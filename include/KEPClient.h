@@ -74,7 +74,8 @@ public:
 
     /// @name Reading
     /// A failed read leaves an empty string, 0 or false and, except in the form without a size, logs a line.
-    /// What the service leaves without a terminator, or as it was, is read as a string all the same.
+    /// What the service leaves without a terminator, or as it was, is read as a string all the same. The text
+    /// that is read may take the place of @p name.
     /// @return whether the property was read.
     /// @{
 
@@ -93,8 +94,10 @@ public:
     /// Read a string of any length into a buffer that is replaced by a larger one if need be.
     ///
     /// @param buffer points at an array made with `new char[]`, or at null if @p size is 0. What it points at
-    ///   on return, also when an exception leaves the call, is the caller's to release with `delete[]`.
-    /// @param size the size of the array; if it is 0, not a byte of it is touched. On success the size of the
+    ///   on return, also when an exception leaves the call, is the caller's to release with `delete[]`. It
+    ///   doesn't hold @p name.
+    /// @param size the size of the array; if it is 0 or less, not a byte of it is touched. On success the
+    /// size of the
     ///   value, its terminator included, which is never more than the array holds. After any other outcome it
     ///   is what the service left there: don't take it for the size of the array.
     /// @return 0, or the service's code: then a line is logged. Throws `const char*` and logs a line when the
