@@ -25,7 +25,7 @@ extern "C" __attribute__((visibility("default"))) int gettimeofday(timeval* now,
 
 namespace {
 
-TEST(TimedWaitTest, OnlyUnexpectedResultsAreLogged)
+TEST(MonitorTimedWaitTest, OnlyUnexpectedResultsAreLogged)
 {
     CapturedStream output(stdout);
     ALog log("box", stdout);
@@ -42,7 +42,7 @@ TEST(TimedWaitTest, OnlyUnexpectedResultsAreLogged)
                              "box - pthread_cond_timedwait returned: 1\n");
 }
 
-TEST(TimedWaitTest, DeadlineCarriesNanosecondsIntoSeconds)
+TEST(MonitorTimedWaitTest, DeadlineCarriesNanosecondsIntoSeconds)
 {
     const std::tuple<timeval, int, timespec> cases[] = {
         {{100, 500'000}, 1500, {102, 0}},

@@ -41,9 +41,9 @@ struct Login : PAMHelper {
     static inline std::atomic<int> s_deleted = 0;
 };
 
-struct PamCallsTest : testing::Test {
-    PamCallsTest() { forgetCalls(); }
-    ~PamCallsTest() override
+struct PAMHelperCallsTest : testing::Test {
+    PAMHelperCallsTest() { forgetCalls(); }
+    ~PAMHelperCallsTest() override
     {
         m_helper->dispose();
         fakePam() = {};
@@ -112,7 +112,7 @@ struct PamCallsTest : testing::Test {
     std::function<void()> m_onClose;
 };
 
-TEST_F(PamCallsTest, EachFormCallsPamInItsOrder)
+TEST_F(PAMHelperCallsTest, EachFormCallsPamInItsOrder)
 {
     std::string token = "t", context = "c", name = "NAME", value = "v", trigger = "OIDC_LOGIN",
                 almost = "OIDC_LOGIN2";
@@ -133,7 +133,7 @@ TEST_F(PamCallsTest, EachFormCallsPamInItsOrder)
     expectVariables({"1 OIDC_LOGIN2=v"}, context, almost, value);
 }
 
-TEST_F(PamCallsTest, WithoutTransactionPamIsNotCalled)
+TEST_F(PAMHelperCallsTest, WithoutTransactionPamIsNotCalled)
 {
     EXPECT_EQ(m_helper->getAuthResult(), PAM_AUTHINFO_UNAVAIL);
     EXPECT_FALSE(m_helper->startSession());
@@ -143,7 +143,7 @@ TEST_F(PamCallsTest, WithoutTransactionPamIsNotCalled)
     EXPECT_EQ(takeCalls(), Calls{});
 }
 
-TEST_F(PamCallsTest, LaterStepsAreLeftOutAfterAFailureOrOnRequest)
+TEST_F(PAMHelperCallsTest, LaterStepsAreLeftOutAfterAFailureOrOnRequest)
 {
     const struct {
         decltype(FakePam::statuses) statuses;
@@ -170,7 +170,7 @@ TEST_F(PamCallsTest, LaterStepsAreLeftOutAfterAFailureOrOnRequest)
     }
 }
 
-TEST_F(PamCallsTest, CheckOfAnotherUserUsesItsOwnTransactionOnly)
+TEST_F(PAMHelperCallsTest, CheckOfAnotherUserUsesItsOwnTransactionOnly)
 {
     const auto expectCheck = [&](const char* user, bool skips, int status, const Calls& calls) {
         EXPECT_EQ(checkAgain(user, skips), status);
@@ -196,7 +196,7 @@ TEST_F(PamCallsTest, CheckOfAnotherUserUsesItsOwnTransactionOnly)
     EXPECT_EQ(takeCalls().back(), "4 end 7");
 }
 
-TEST_F(PamCallsTest, PasswordIsAnsweredForEachUser)
+TEST_F(PAMHelperCallsTest, PasswordIsAnsweredForEachUser)
 {
     logIn();
     letPamAsk({{PAM_PROMPT_ECHO_OFF, "Password: "}});
@@ -205,7 +205,7 @@ TEST_F(PamCallsTest, PasswordIsAnsweredForEachUser)
     EXPECT_EQ(m_replies, Calls(2, m_password));
 }
 
-TEST_F(PamCallsTest, DisposeClosesAndEndsWithTheStatusOfTheClose)
+TEST_F(PAMHelperCallsTest, DisposeClosesAndEndsWithTheStatusOfTheClose)
 {
     open();
     auto* const other = new Login;
@@ -217,7 +217,7 @@ TEST_F(PamCallsTest, DisposeClosesAndEndsWithTheStatusOfTheClose)
     m_helper = other;
 }
 
-TEST_F(PamCallsTest, RegistriesWaitForTheMonitorThatGuardsThem)
+TEST_F(PAMHelperCallsTest, RegistriesWaitForTheMonitorThatGuardsThem)
 {
     Monitor* const registry = PAMHelper::getMonitor();
     Monitor* const flags = &PAMHelper::instanceFwMapMonitor;
@@ -242,7 +242,7 @@ TEST_F(PamCallsTest, RegistriesWaitForTheMonitorThatGuardsThem)
     }
 }
 
-TEST_F(PamCallsTest, NobodyFindsADisposedHelperAndNoLateStopTakesItsSuccessorsEntry)
+TEST_F(PAMHelperCallsTest, NobodyFindsADisposedHelperAndNoLateStopTakesItsSuccessorsEntry)
 {
     const std::function<void()> waysToClose[] = {[&] { m_helper->stopSession(); },
                                                  [&] { m_helper->dispose(); }};
@@ -264,7 +264,7 @@ TEST_F(PamCallsTest, NobodyFindsADisposedHelperAndNoLateStopTakesItsSuccessorsEn
     }
 }
 
-TEST_F(PamCallsTest, LastOfManyThatDisposeAtOnceDeletes)
+TEST_F(PAMHelperCallsTest, LastOfManyThatDisposeAtOnceDeletes)
 {
     for (int round = 0; round < 100; ++round) {
         logIn(); // without a session: the others would hold the monitor at its close
@@ -282,7 +282,7 @@ TEST_F(PamCallsTest, LastOfManyThatDisposeAtOnceDeletes)
     }
 }
 
-TEST_F(PamCallsTest, WhatThrowsOutOfACloseLeavesNoLockAndNoHelper)
+TEST_F(PAMHelperCallsTest, WhatThrowsOutOfACloseLeavesNoLockAndNoHelper)
 {
     for (const bool stopsBefore : {true, false}) {
         open();
@@ -305,7 +305,7 @@ TEST_F(PamCallsTest, WhatThrowsOutOfACloseLeavesNoLockAndNoHelper)
     }
 }
 
-TEST_F(PamCallsTest, SessionIdTextGivesTheNumericId)
+TEST_F(PAMHelperCallsTest, SessionIdTextGivesTheNumericId)
 {
     const std::pair<const char*, int> cases[] = {{"7", 7}, {"-0X1f", -31}, {"abc", -31}, {nullptr, 0}};
     logIn();
@@ -319,7 +319,7 @@ TEST_F(PamCallsTest, SessionIdTextGivesTheNumericId)
     EXPECT_EQ(PAMHelper::instanceForKEPId(1234), m_helper);
 }
 
-TEST_F(PamCallsTest, FirmwareMapNamesWhoSetEachValueLast)
+TEST_F(PAMHelperCallsTest, FirmwareMapNamesWhoSetEachValueLast)
 {
     auto *a = new Login, *b = new Login; // no transaction, so nothing is stopped
     a->setFwInProgress(true);
@@ -335,7 +335,7 @@ TEST_F(PamCallsTest, FirmwareMapNamesWhoSetEachValueLast)
     b->dispose();
 }
 
-TEST_F(PamCallsTest, RegistryFollowsAHelperWhoseIdWasChangedBehindItsBack)
+TEST_F(PAMHelperCallsTest, RegistryFollowsAHelperWhoseIdWasChangedBehindItsBack)
 {
     auto *a = new Login, *b = new Login;
     a->setSessionId("S1");
@@ -349,7 +349,7 @@ TEST_F(PamCallsTest, RegistryFollowsAHelperWhoseIdWasChangedBehindItsBack)
     b->dispose();
 }
 
-TEST_F(PamCallsTest, AddressesAreReducedToWhatIsMapped)
+TEST_F(PAMHelperCallsTest, AddressesAreReducedToWhatIsMapped)
 {
     const std::pair<const char*, const char*> cases[] = {
         {"::ffff:10.20.30.40", "10.20.30.40"},
@@ -369,7 +369,7 @@ TEST_F(PamCallsTest, AddressesAreReducedToWhatIsMapped)
     }
 }
 
-TEST_F(PamCallsTest, FailedOpeningForgetsTheSessionBefore)
+TEST_F(PAMHelperCallsTest, FailedOpeningForgetsTheSessionBefore)
 {
     open();
     fakePam().statuses["open"] = PAM_SESSION_ERR;
@@ -377,7 +377,7 @@ TEST_F(PamCallsTest, FailedOpeningForgetsTheSessionBefore)
     EXPECT_FALSE(m_helper->isValid());
 }
 
-TEST_F(PamCallsTest, ConversationAnswersOnlyPasswordPrompts)
+TEST_F(PAMHelperCallsTest, ConversationAnswersOnlyPasswordPrompts)
 {
     const std::tuple<std::size_t, const char*, int> cases[] = {
         {0, "Password: ", PAM_CONV_ERR}, {33, "Password: ", PAM_CONV_ERR},
@@ -391,7 +391,7 @@ TEST_F(PamCallsTest, ConversationAnswersOnlyPasswordPrompts)
     EXPECT_EQ(m_replies, Calls(32, m_password));
 }
 
-TEST_F(PamCallsTest, TextsAreShownAndAPromptWithEchoIsAnsweredFromStandardInput)
+TEST_F(PAMHelperCallsTest, TextsAreShownAndAPromptWithEchoIsAnsweredFromStandardInput)
 {
     FILE* const terminal = std::exchange(stdin, std::tmpfile());
     std::fputs("Liddell\n", stdin);
@@ -406,7 +406,7 @@ TEST_F(PamCallsTest, TextsAreShownAndAPromptWithEchoIsAnsweredFromStandardInput)
     std::fclose(std::exchange(stdin, terminal));
 }
 
-TEST_F(PamCallsTest, NoTemporaryOrDiscardedReplyKeepsThePassword)
+TEST_F(PAMHelperCallsTest, NoTemporaryOrDiscardedReplyKeepsThePassword)
 {
     if (!ProcessMemory::canBeSearched())
         GTEST_SKIP() << "a sanitizer's own memory is searched in vain";
