@@ -7,6 +7,7 @@
 #include "PAMHelper.h"
 #include "SystemExec.h"
 #include "support/Files.h"
+#include "support/Interposed.h"
 #include "support/LockProbe.h"
 #include "support/PamStack.h"
 
@@ -21,7 +22,7 @@
 #include <sys/wait.h>
 
 /// libpam forgets the modules that it has loaded when pam_start fails half-way. What we owe it is counted.
-extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions()
+INTERPOSED const char* __lsan_default_suppressions()
 {
     return "leak:libpam.so\n";
 }

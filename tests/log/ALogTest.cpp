@@ -1,13 +1,13 @@
 #include "ALog.h"
 #include "AComponentLog.h"
 #include "support/Files.h"
+#include "support/Interposed.h"
 
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <langinfo.h>
@@ -22,20 +22,20 @@ static char s_timeFormat[16] = "%H:%M:%S";          // of the time locale
 static std::string s_timeOfDay = s_timeFormat;      // what that comes down to
 
 // These take the place of the C library's clock and time locale for the log.
-extern "C" __attribute__((visibility("default"))) std::time_t time(std::time_t*) noexcept
+INTERPOSED std::time_t time(std::time_t*) noexcept
 {
     return s_now;
 }
 
-extern "C" __attribute__((visibility("default"))) char* nl_langinfo(nl_item) noexcept
+INTERPOSED char* nl_langinfo(nl_item) noexcept
 {
     return s_timeFormat;
 }
 
-extern "C" __attribute__((visibility("default"))) std::size_t
-strftime(char* text, std::size_t size, const char* format, const std::tm* fields) noexcept
+INTERPOSED std::size_t strftime(char* text, std::size_t size, const char* format,
+                                const std::tm* fields) noexcept
 {
-    static const auto s_real = reinterpret_cast<decltype(&strftime)>(::dlsym(RTLD_NEXT, "strftime"));
+    static const auto s_real = nextDefinition<decltype(::strftime)>("strftime");
     std::string whole = format;
     if (const auto position = whole.find("%X"); position != std::string::npos)
         whole.replace(position, 2, s_timeOfDay);
@@ -43,7 +43,7 @@ strftime(char* text, std::size_t size, const char* format, const std::tm* fields
 }
 
 // One buffer for all threads: the log must not call it.
-extern "C" __attribute__((visibility("default"))) std::tm* localtime(const std::time_t*) noexcept
+INTERPOSED std::tm* localtime(const std::time_t*) noexcept
 {
     std::abort();
 }
@@ -120,7 +120,7 @@ TEST_F(ALogTest, LineIsCutAt2047CharactersAndAtAZeroByte)
     const std::string longText(3000, 'm');
     m_log.setShowTimestamp(true);
     int length = 0;
-    m_log.print((longText + "%n\n").c_str(), &length);
+    m_log.print("%s%n\n", longText.c_str(), &length);
     EXPECT_EQ(length, 3000); // as printf counts
     m_log.print("a%cb\n", 0);
     EXPECT_EQ(written(), (kStamp + "box -" + longText).substr(0, 2047) + kStamp + "box -a");

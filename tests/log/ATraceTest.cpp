@@ -1,5 +1,6 @@
 #include "ATrace.h"
 #include "support/Files.h"
+#include "support/Interposed.h"
 
 #include <cerrno>
 #include <gtest/gtest.h>
@@ -12,7 +13,7 @@
 static timeval s_now = {1700000000, 123456};
 
 // The library's clock.
-extern "C" __attribute__((visibility("default"))) int gettimeofday(timeval* now, void*) noexcept
+INTERPOSED int gettimeofday(timeval* now, void*) noexcept
 {
     *now = s_now;
     return 0;

@@ -1,5 +1,6 @@
 #include "ALog.h"
 #include "support/Files.h"
+#include "support/Interposed.h"
 
 #include <cerrno>
 #include <gtest/gtest.h>
@@ -10,14 +11,13 @@ static timeval s_now{};
 static timespec s_deadline{};
 
 // The system's wait and clock, as the monitor sees them.
-extern "C" __attribute__((visibility("default"))) int
-pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*, const timespec* deadline)
+INTERPOSED int pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*, const timespec* deadline)
 {
     s_deadline = *deadline;
     return s_result;
 }
 
-extern "C" __attribute__((visibility("default"))) int gettimeofday(timeval* now, void*) noexcept
+INTERPOSED int gettimeofday(timeval* now, void*) noexcept
 {
     *now = s_now;
     return 0;
