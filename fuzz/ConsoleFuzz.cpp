@@ -11,7 +11,22 @@
 #include <cstring>
 #include <unistd.h>
 
-// In place of the configuration service and the programs: answers that follow from the question alone.
+// In place of the admission, the configuration service and the programs: answers that follow from the
+// question alone.
+
+void Admission::enter(int, const std::string&)
+{}
+
+void Admission::leave(int)
+{}
+
+std::optional<Admission::Clock::time_point> Admission::beginLogin(int, const std::string& user)
+{
+    return user.size() % 8 == 7 ? std::nullopt : std::optional(Clock::now());
+}
+
+void Admission::endLogin(int, bool)
+{}
 
 Configuration::Configuration(AComponentLog& parent) : m_parent(parent), m_client("fuzz", 1)
 {}
@@ -23,7 +38,7 @@ std::optional<std::string> Configuration::get(const std::string& name)
     return name.size() % 2 == 0 ? std::optional("is " + name) : std::nullopt;
 }
 
-bool Configuration::set(const std::string& name, std::string value)
+bool Configuration::set(const std::string& name, const std::string& value)
 {
     return name.size() > value.size();
 }
@@ -37,6 +52,9 @@ std::optional<std::string> Configuration::call(const std::string& function, std:
 {
     return get(function + argument);
 }
+
+Programs::Programs(std::vector<Program>, int limitSeconds) : m_limitSeconds(limitSeconds)
+{}
 
 Programs::Outcome Programs::run(std::string_view name, std::size_t limit, const std::function<bool()>&,
                                 std::string& output)
@@ -134,6 +152,8 @@ private:
     {
         if (m_loggedIn)
             return {protocol::BadRequest};
+        if (fields[0].size() % 8 == 7)
+            return {protocol::Busy};
         m_loggedIn = fields[0] == fields[1];
         if (m_loggedIn)
             return {protocol::Done};
@@ -214,8 +234,9 @@ struct Daemon {
     ALog log{"fuzz", fuzz::streamInto(nullptr)};
     AComponentLog sessions{"session", log};
     Configuration configuration{sessions};
-    Programs programs;
-    Services services{"any", 10, sessions, configuration, programs, [] {}};
+    Admission admission{sessions};
+    Programs programs{{}, 1};
+    Services services{"any", 10, sessions, admission, configuration, programs, [] {}, [] {}};
 };
 
 } // namespace

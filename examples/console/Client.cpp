@@ -37,15 +37,13 @@ private:
 
 } // namespace
 
-Client::Client(const char* host, int port)
-{
-    const OutputAside aside; // the socket reports its progress; a script reads answers only
-    m_socket.setSilent(true);
-    m_socket.createIPSocket(host, port);
-}
-
 Client::Answer Client::ask(short operation, const std::vector<std::string_view>& fields)
 {
+    if (!m_socket.isOpen()) {
+        const OutputAside aside; // the socket reports its progress; a script reads answers only
+        m_socket.setSilent(true);
+        m_socket.createIPSocket(m_host.c_str(), m_port);
+    }
     std::string bytes = protocol::joinFields(fields);
     std::string frame = protocol::frame(operation, bytes);
     m_socket.write(reinterpret_cast<const unsigned char*>(frame.data()), static_cast<int>(frame.size()));

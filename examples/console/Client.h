@@ -9,8 +9,8 @@
 /// The client's end of a connection to consoled. Used by one thread.
 class Client {
 public:
-    /// Connects. Throws GorvSocketException.
-    Client(const char* host, int port);
+    /// Connects with the first request: who takes his time over a password holds no place meanwhile.
+    Client(const char* host, int port) : m_host(host), m_port(port) {}
 
     struct Answer {
         bool arrived = false; ///< False when the daemon closed the connection.
@@ -18,9 +18,11 @@ public:
         std::string text;
     };
 
-    /// Send a request and wait for its answer.
+    /// Send a request and wait for its answer. Throws GorvSocketException.
     Answer ask(short operation, const std::vector<std::string_view>& fields);
 
 private:
+    const std::string m_host;
+    const int m_port;
     ASocket m_socket;
 };

@@ -1,23 +1,21 @@
 #include "Configuration.h"
 
 #include "AComponentLog.h"
-#include "PAMHelper.h"
+#include "Admission.h"
 #include "Protocol.h"
 
 #include <cstdio>
-#include <memory>
 
 namespace {
 
 constexpr int kClientId = 1;
 
-/// The remote function: how many sessions are registered. The service calls it on whatever thread it likes.
+/// The remote function: how many users there are. The service calls it on whatever thread it likes. The
+/// registry of PAMHelper would tell as well, but only between two PAM steps.
 int countSessions(int* size, int maxReplySize, void* /*request*/, void* reply)
 {
-    PAMHelper::getMonitor()->fastLock();
-    const std::size_t count = PAMHelper::instanceMap.size();
-    PAMHelper::getMonitor()->releaseLock();
-    *size = std::snprintf(static_cast<char*>(reply), static_cast<std::size_t>(maxReplySize), "%zu", count);
+    *size = std::snprintf(static_cast<char*>(reply), static_cast<std::size_t>(maxReplySize), "%d",
+                          Admission::users());
     return *size < maxReplySize ? 0 : -1;
 }
 
@@ -40,24 +38,14 @@ Configuration::~Configuration()
 std::optional<std::string> Configuration::get(const std::string& name)
 {
     const MonitorLock lock = m_monitor.acquireLock();
-    char* buffer = nullptr;
-    int size = 0;
-    int result = -1;
-    try {
-        result = m_client.getProperty(name.c_str(), &buffer, size);
-    } catch (const char*) { // the property grew twice while it was read
-    }
-    const std::unique_ptr<char[]> owned(buffer);
-    if (result != 0 || buffer == nullptr)
-        return std::nullopt;
-    return std::string(buffer);
+    std::string value;
+    return m_client.getProperty(name.c_str(), value) ? std::optional(std::move(value)) : std::nullopt;
 }
 
-bool Configuration::set(const std::string& name, std::string value)
+bool Configuration::set(const std::string& name, const std::string& value)
 {
     const MonitorLock lock = m_monitor.acquireLock();
-    // False also means that the property held the value before.
-    return m_client.setProperty(name.c_str(), value.data(), true) || get(name) == value;
+    return m_client.updateProperty(name.c_str(), value.c_str(), true) >= 0;
 }
 
 bool Configuration::raise(std::string event, std::string data)

@@ -20,7 +20,7 @@ public:
 
     std::optional<std::string> get(const std::string& name);
     /// Returns whether the property has the value afterwards.
-    bool set(const std::string& name, std::string value);
+    bool set(const std::string& name, const std::string& value);
     bool raise(std::string event, std::string data);
     std::optional<std::string> call(const std::string& function, std::string argument);
 

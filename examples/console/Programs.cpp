@@ -1,61 +1,64 @@
 #include "Programs.h"
 
-#include "PAMHelper.h"
+#include "Descriptor.h"
 #include "SystemExec.h"
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <csignal>
-#include <ctime>
-#include <optional>
+#include <cstdlib>
+#include <dirent.h>
 #include <poll.h>
+#include <pthread.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
-#include <vector>
 
 namespace {
 
-constexpr int kTimeLimitSeconds = 20;
+using Clock = std::chrono::steady_clock;
+using Condition = std::function<bool()>;
+
 constexpr int kPollMs = 50;
 
-struct Program {
-    std::string_view name;
-    std::string path;
-    std::vector<const char*> arguments;
-};
+thread_local bool s_startsProgram = false;
 
-const Program* allowed(std::string_view name)
+/// The program's own pipes are the only ones of the process.
+void closeAllButPipes()
 {
-    static const std::array<Program, 4> s_programs = {{
-        {"date", "/bin/date", {"date", "-u", nullptr}},
-        {"id", "/usr/bin/id", {"id", nullptr}},
-        {"system", "/bin/uname", {"uname", "-srm", nullptr}},
-        {"disk", "/bin/df", {"df", "-h", "/", nullptr}},
-    }};
-    const auto found = std::find_if(s_programs.begin(), s_programs.end(),
-                                    [&](const Program& program) { return program.name == name; });
-    return found == s_programs.end() ? nullptr : found;
+    DIR* const folder = ::opendir("/proc/self/fd");
+    if (folder == nullptr)
+        return;
+    while (const dirent* entry = ::readdir(folder)) {
+        const int number = std::atoi(entry->d_name);
+        struct stat file {};
+        if (number > STDERR_FILENO && number != ::dirfd(folder) && ::fstat(number, &file) == 0 &&
+            !S_ISFIFO(file.st_mode))
+            ::close(number);
+    }
+    ::closedir(folder);
 }
 
-/// The time that one run has, and whoever may end it sooner.
-class Limit {
-public:
-    explicit Limit(const std::function<bool()>& isCancelled)
-        : m_isCancelled(isCancelled), m_end(now() + kTimeLimitSeconds)
-    {}
-    bool isOver() const { return m_isCancelled() || now() > m_end; }
+/// In the child of a fork. The program starts a second later: till then the child must not keep the port, or
+/// a connection, and its group is one that can be killed.
+void leaveDaemon()
+{
+    if (!s_startsProgram)
+        return;
+    ::setpgid(0, 0);
+    closeAllButPipes();
+}
 
-private:
-    static std::time_t now()
-    {
-        timespec time{};
-        clock_gettime(CLOCK_MONOTONIC, &time);
-        return time.tv_sec;
-    }
-
-    const std::function<bool()>& m_isCancelled;
-    std::time_t m_end;
-};
+void start(SystemExec& runner, const Programs::Program& program)
+{
+    static const int s_installed = pthread_atfork(nullptr, nullptr, leaveDaemon);
+    std::string path = program.arguments[0];
+    runner.setCommand(path);
+    s_startsProgram = s_installed == 0;
+    runner.execute(program.arguments);
+    s_startsProgram = false;
+    se = nullptr; // the pipes and the child are not the signal handler's, which would take any child
+}
 
 /// Take what there is to read. Returns false at the end.
 bool readSome(int descriptor, std::size_t limit, std::string& text)
@@ -67,13 +70,12 @@ bool readSome(int descriptor, std::size_t limit, std::string& text)
     return count > 0;
 }
 
-/// Read both outputs of the child until both end. The descriptors stay the runner's.
-bool drain(SystemExec& runner, const Limit& limit, std::size_t size, std::string& text)
+/// Read both outputs of the child until both end, or its time.
+void drain(SystemExec& runner, const Condition& isOver, std::size_t size, std::string& text)
 {
-    std::array<pollfd, 2> ends = {{{runner.getStdOut(), POLLIN, 0}, {runner.getStdErr(), POLLIN, 0}}};
-    while (ends[0].fd >= 0 || ends[1].fd >= 0) {
-        if (limit.isOver())
-            return false;
+    const Descriptor input(runner.getStdIn()), output(runner.getStdOut()), error(runner.getStdErr());
+    std::array<pollfd, 2> ends = {{{output.get(), POLLIN, 0}, {error.get(), POLLIN, 0}}};
+    while ((ends[0].fd >= 0 || ends[1].fd >= 0) && !isOver()) {
         if (::poll(ends.data(), ends.size(), kPollMs) <= 0)
             continue;
         for (pollfd& end : ends) {
@@ -81,65 +83,50 @@ bool drain(SystemExec& runner, const Limit& limit, std::size_t size, std::string
                 end.fd = -1;
         }
     }
-    return true;
 }
 
-/// Close the pipes and reap the child if it has ended; SIGCHLD is blocked in every thread, so the runner's
-/// handler works only here, as a plain call. Returns whether the program succeeded, or nothing while it runs.
-std::optional<bool> reap()
+bool hasEnded(pid_t child)
 {
-    PAMHelper::getMonitor()->fastLock(); // no PAM module has a child of its own meanwhile
     siginfo_t ended{};
-    const bool hasEnded = ::waitid(P_ALL, 0, &ended, WEXITED | WNOWAIT | WNOHANG) == 0 && ended.si_pid != 0;
-    if (hasEnded)
-        signalHandler(SIGCHLD);
-    PAMHelper::getMonitor()->releaseLock();
-    if (!hasEnded)
-        return std::nullopt;
-    return ended.si_code == CLD_EXITED && ended.si_status == 0;
+    return ::waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT | WNOHANG) == 0 &&
+           ended.si_pid == child;
 }
 
-SystemExec& runner()
+/// Wait for the child, or end it, stopped or not. Nothing of its group is left. Returns whether it succeeded.
+bool finish(pid_t child, const Condition& isOver)
 {
-    static SystemExec s_runner; // outlives a child that was given up
-    return s_runner;
+    while (!hasEnded(child) && !isOver())
+        ::poll(nullptr, 0, kPollMs);
+    ::kill(-child, SIGKILL);
+    ::kill(child, SIGKILL); // one that has no group of its own yet
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 } // namespace
 
+Programs::Programs(std::vector<Program> programs, int limitSeconds)
+    : m_programs(std::move(programs)), m_limitSeconds(limitSeconds)
+{}
+
 Programs::Outcome Programs::run(std::string_view name, std::size_t limit,
                                 const std::function<bool()>& isCancelled, std::string& output)
 {
-    const Program* program = allowed(name);
-    if (program == nullptr)
+    const auto program = std::find_if(m_programs.begin(), m_programs.end(),
+                                      [&](const Program& candidate) { return candidate.name == name; });
+    if (program == m_programs.end())
         return Outcome::NotAllowed;
-    if (!begin())
+    output.reserve(limit); // with a child to be reaped, nothing runs out of memory
+    const std::unique_lock onlyOne(m_running, std::try_to_lock);
+    if (!onlyOne)
         return Outcome::Busy;
-    std::string command = program->path;
-    runner().setCommand(command);
-    runner().setArgList(const_cast<char**>(program->arguments.data()));
-    runner().execute();
-    std::optional<bool> succeeded;
-    const bool started = runner().getStdOut() >= 0;
-    if (started) {
-        const Limit time(isCancelled);
-        const bool drained = drain(runner(), time, limit, output);
-        while (drained && !(succeeded = reap()) && !time.isOver())
-            ::poll(nullptr, 0, kPollMs);
-    }
-    const MonitorLock lock = m_monitor.acquireLock();
-    m_running = false;
-    m_givenUp = started && !succeeded;
-    return succeeded == true ? Outcome::Finished : Outcome::Failed;
-}
-
-/// Returns whether no other program is running.
-bool Programs::begin()
-{
-    const MonitorLock lock = m_monitor.acquireLock();
-    if (m_running || (m_givenUp && !reap()))
-        return false;
-    m_givenUp = false;
-    m_running = true;
-    return true;
+    SystemExec runner;
+    start(runner, *program);
+    if (runner.getStdOut() < 0)
+        return Outcome::Failed;
+    const auto end = Clock::now() + std::chrono::seconds(m_limitSeconds);
+    const auto isOver = [&] { return isCancelled() || Clock::now() > end; };
+    drain(runner, isOver, limit, output);
+    return finish(runner.getPid(), isOver) ? Outcome::Finished : Outcome::Failed;
 }

@@ -1,28 +1,31 @@
 #pragma once
 
-#include "Monitor.h"
-
 #include <functional>
+#include <mutex>
 #include <string>
 #include <string_view>
+#include <vector>
 
 /// Runs the few programs that a console may run, one at a time. Safe from any thread, provided that every
-/// thread of the process blocks SIGCHLD, and that other children are started and reaped under
-/// PAMHelper::getMonitor() only, as PAM modules do.
+/// thread of the process blocks SIGCHLD. Touches no child that others have started.
 class Programs {
 public:
+    struct Program {
+        std::string name;
+        std::vector<std::string> arguments; ///< The path first.
+    };
     enum class Outcome { Finished, NotAllowed, Busy, Failed };
 
+    /// These programs, each for at most so long.
+    Programs(std::vector<Program> programs, int limitSeconds);
+
     /// Run the program of that name to its end and append what it printed, at most @p limit bytes, to @p
-    /// output. Gives up when its time is over or @p isCancelled. A program that was given up keeps others out
-    /// until it ends.
+    /// output. When its time is over or @p isCancelled, it is killed with all that it has started.
     Outcome run(std::string_view name, std::size_t limit, const std::function<bool()>& isCancelled,
                 std::string& output);
 
 private:
-    bool begin();
-
-    Monitor m_monitor;
-    bool m_running = false;
-    bool m_givenUp = false; // its child is still to be reaped
+    const std::vector<Program> m_programs;
+    const int m_limitSeconds;
+    std::mutex m_running; // held by the one that runs
 };

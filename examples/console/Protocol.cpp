@@ -4,29 +4,14 @@
 
 namespace protocol {
 
-namespace {
-
-constexpr std::size_t kLengthSize = 4;
-
-} // namespace
+constexpr std::size_t kLengthSize = 4; // ahead of a field
 
 std::optional<std::size_t> fieldCount(short operation)
 {
-    switch (operation) {
-    case Who:
-    case Logout:
-        return 0;
-    case Get:
-    case Run:
-        return 1;
-    case Login:
-    case Set:
-    case Event:
-    case Call:
-        return 2;
-    default:
+    static constexpr std::size_t s_counts[] = {2, 0, 1, 2, 2, 2, 1, 0}; // from Login to Logout
+    if (operation < Login || operation > Logout)
         return std::nullopt;
-    }
+    return s_counts[operation - Login];
 }
 
 std::optional<std::vector<std::string_view>> splitFields(std::string_view bytes, std::size_t count)

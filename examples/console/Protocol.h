@@ -31,10 +31,10 @@ enum Result : short {
     UnknownOperation = 2,
     TooLarge = 3, ///< The connection ends: the frame can't be skipped.
     NotLoggedIn = 4,
-    Refused = 5, ///< A login that failed, for whatever reason, or a program that may not run.
+    Refused = 5, ///< A login that failed, for whatever reason, or what the user may not do.
     NotFound = 6,
     Failed = 7,
-    Busy = 8, ///< No room for another connection, or a program is running already.
+    Busy = 8, ///< No room for another connection or login, or a program is running already.
 };
 
 constexpr std::size_t kHeaderSize = 6;

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <new>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 namespace {
@@ -27,17 +28,11 @@ void takeBreath()
 
 } // namespace
 
-Server::Server(Services& services) : m_services(services), m_spare(openSpare())
+Server::Server(Services& services)
+    : m_services(services), m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), m_spare(openSpare())
 {
-    std::array<int, 2> ends = {-1, -1};
-    if (::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) == 0) {
-        m_wakeRead.reset(ends[0]);
-        m_wakeWrite.reset(ends[1]);
-    }
     m_services.sessionEnded = [this] { wake(); };
 }
-
-Server::~Server() = default;
 
 int Server::listen(int port)
 {
@@ -50,7 +45,7 @@ int Server::listen(int port)
     address.sin_port = htons(static_cast<std::uint16_t>(port));
     socklen_t size = sizeof address;
     auto* const generic = reinterpret_cast<sockaddr*>(&address);
-    if (!m_wakeRead.isOpen() || ::bind(listener.get(), generic, size) != 0 ||
+    if (!m_wake.isOpen() || ::bind(listener.get(), generic, size) != 0 ||
         ::listen(listener.get(), kBacklog) != 0 || ::getsockname(listener.get(), generic, &size) != 0)
         return -1;
     m_listener = std::move(listener);
@@ -60,13 +55,17 @@ int Server::listen(int port)
 void Server::serve()
 {
     while (!m_stopRequested) {
-        std::array<pollfd, 2> ends = {{{m_wakeRead.get(), POLLIN, 0}, {m_listener.get(), POLLIN, 0}}};
+        std::array<pollfd, 2> ends = {{{m_wake.get(), POLLIN, 0}, {m_listener.get(), POLLIN, 0}}};
         if (::poll(ends.data(), ends.size(), kTickMs) < 0) {
             if (errno != EINTR)
                 takeBreath();
             continue;
         }
-        takeWakeUps();
+        eventfd_t wakeUps = 0;
+        ::eventfd_read(m_wake.get(), &wakeUps);
+        if (m_reopenRequested.exchange(false))
+            m_services.reopenLogs();
+        m_services.admission.report(false);
         burySessions();
         if (ends[1].revents != 0)
             acceptSome();
@@ -79,6 +78,7 @@ void Server::serve()
     for (const auto& session : m_sessions)
         session->join();
     m_sessions.clear();
+    m_services.admission.report(true);
 }
 
 void Server::stop()
@@ -87,19 +87,17 @@ void Server::stop()
     wake();
 }
 
+void Server::reopenLogs()
+{
+    m_reopenRequested = true;
+    wake();
+}
+
 void Server::wake()
 {
     const int saved = errno;
-    // A full pipe wakes as well.
-    [[maybe_unused]] const ssize_t written = ::write(m_wakeWrite.get(), "", 1);
+    ::eventfd_write(m_wake.get(), 1);
     errno = saved;
-}
-
-void Server::takeWakeUps()
-{
-    char bytes[64];
-    while (::read(m_wakeRead.get(), bytes, sizeof bytes) > 0) {
-    }
 }
 
 void Server::acceptSome()
@@ -115,6 +113,8 @@ bool Server::acceptOne()
     socklen_t size = sizeof peer;
     const int descriptor =
         ::accept4(m_listener.get(), reinterpret_cast<sockaddr*>(&peer), &size, SOCK_CLOEXEC);
+    if (descriptor >= 0 && m_sessions.size() >= kMaxSessions)
+        burySessions();
     if (descriptor >= 0 && m_sessions.size() < kMaxSessions) {
         beginSession(Descriptor(descriptor), peer);
     } else if (descriptor >= 0) {
@@ -161,11 +161,10 @@ void Server::refuse(int descriptor)
 
 void Server::burySessions()
 {
-    const std::time_t now = monotonicSeconds();
-    m_sessions.remove_if([now](const std::unique_ptr<Session>& session) {
-        if (session->isOverdue(now))
+    m_sessions.remove_if([](const std::unique_ptr<Session>& session) {
+        if (session->isOverdue())
             session->hangUp();
-        if (!session->isOver(now))
+        if (!session->isOver())
             return false;
         session->join();
         return true;

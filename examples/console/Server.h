@@ -11,7 +11,6 @@
 class Server {
 public:
     explicit Server(Services& services);
-    ~Server();
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
 
@@ -22,10 +21,11 @@ public:
 
     /// Make serve() return. Async-signal-safe.
     void stop();
+    /// Make serve() reopen the logs. Async-signal-safe.
+    void reopenLogs();
 
 private:
     void wake();
-    void takeWakeUps();
     void acceptSome();
     bool acceptOne();
     void beginSession(Descriptor descriptor, const sockaddr_in& peer);
@@ -35,9 +35,9 @@ private:
 
     Services& m_services;
     Descriptor m_listener;
-    Descriptor m_wakeRead;
-    Descriptor m_wakeWrite;
+    Descriptor m_wake;  // an event; a pipe would be kept by the programs that are started
     Descriptor m_spare; // given up to refuse a client when no descriptor is left
     std::list<std::unique_ptr<Session>> m_sessions;
     std::atomic<bool> m_stopRequested = false;
+    std::atomic<bool> m_reopenRequested = false;
 };

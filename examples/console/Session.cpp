@@ -7,8 +7,8 @@
 #include <arpa/inet.h>
 #include <cstdarg>
 #include <exception>
-#include <limits>
 #include <openssl/crypto.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 namespace {
@@ -16,7 +16,8 @@ namespace {
 constexpr int kMaxRefusals = 3;
 constexpr std::size_t kMaxLine = 512;
 constexpr std::size_t kMaxName = 255;
-constexpr int kBeginSeconds = 5; // a thread that has not begun by then could not be created
+constexpr auto kBeginTime =
+    std::chrono::seconds(5); // a thread that has not begun by then could not be created
 
 std::string textOf(const sockaddr_in& address)
 {
@@ -64,24 +65,19 @@ private:
 
 } // namespace
 
-std::time_t monotonicSeconds()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec;
-}
-
 Session::Session(Descriptor descriptor, sockaddr_in peer, Services& services)
-    : m_services(services), m_descriptor(descriptor.get()), m_socket(descriptor.release(), peer),
-      m_remote(textOf(peer)), m_interface(interfaceOf(m_descriptor)),
-      m_label(m_remote + ":" + std::to_string(ntohs(peer.sin_port))), m_connected(monotonicSeconds()),
-      m_log(m_label.c_str()), m_deadline(m_connected + kBeginSeconds)
+    : m_services(services), m_socket(descriptor.release(), peer), m_remote(textOf(peer)),
+      m_interface(interfaceOf(m_socket.getDescriptor())),
+      m_label(m_remote + ":" + std::to_string(ntohs(peer.sin_port))), m_log(m_label.c_str()),
+      m_deadline(m_connected + kBeginTime)
 {
     m_services.log.addChildLog(m_log);
+    m_services.admission.enter(m_socket.getDescriptor(), m_remote);
 }
 
 Session::~Session()
 {
+    m_services.admission.leave(m_socket.getDescriptor());
     m_services.log.removeChildLog(m_log);
 }
 
@@ -89,15 +85,15 @@ void Session::run()
 {
     expectClient();
     m_begun = true;
-    print("connected");
     try {
         while (!isStopRequested() && serveRequest()) {
         }
     } catch (const std::exception& failure) { // out of memory, say: the end of this connection only
         print("failed: %s", failure.what());
     }
+    if (m_login != nullptr)
+        print("connection ended, state %d", m_socket.getSocketState());
     m_login.reset(); // a client that vanished leaves no session behind
-    print("connection ended, state %d", m_socket.getSocketState());
     hangUp();
     m_finished = true;
     m_services.sessionEnded();
@@ -105,25 +101,27 @@ void Session::run()
 
 void Session::hangUp()
 {
-    // The socket itself is closed when the session is destroyed: until then its number stays taken.
-    ::shutdown(m_descriptor, SHUT_RDWR);
+    m_socket.shutdown(); // it is closed when the session is destroyed: until then its number stays taken
 }
 
-bool Session::isOverdue(std::time_t now) const
+bool Session::isOverdue() const
 {
-    return now > m_deadline;
+    return Clock::now() > m_deadline.load();
 }
 
-bool Session::isOver(std::time_t now) const
+bool Session::isOver() const
 {
-    return m_finished || (!m_begun && isOverdue(now));
+    return m_finished || (!m_begun && isOverdue());
 }
 
 /// From now on the client has as long as it may idle: to send a whole request, or to take an answer. Before
 /// it has logged in, no request gives it more time.
 void Session::expectClient()
 {
-    m_deadline = (m_login == nullptr ? m_connected : monotonicSeconds()) + m_services.idleSeconds;
+    const int idle = m_services.idleSeconds;
+    m_deadline = m_login != nullptr
+                     ? Clock::now() + std::chrono::seconds(idle)
+                     : m_connected + std::chrono::seconds(std::min(idle, Admission::kStrangerSeconds));
 }
 
 /// Returns whether the connection goes on.
@@ -135,6 +133,8 @@ bool Session::serveRequest()
         return false;
     expectClient();
     const std::string frame = protocol::frame(answer->result, answer->text);
+    if (!wait(0, {}))
+        return false;
     m_socket.write(reinterpret_cast<const unsigned char*>(frame.data()), static_cast<int>(frame.size()));
     return answer->goesOn && m_socket.getSocketState() == ASocket::CONNECTED;
 }
@@ -145,7 +145,8 @@ std::optional<Session::Answer> Session::receiveAndServe()
     const auto timeout = static_cast<unsigned int>(m_services.idleSeconds);
     short operation = 0;
     int length = 0;
-    if (m_socket.readShort(operation, timeout) != 2 || m_socket.readInt(length, timeout) != 4)
+    if (!wait(POLLIN, Clock::now() + std::chrono::seconds(timeout)) ||
+        m_socket.readShort(operation, timeout) != 2 || m_socket.readInt(length, timeout) != 4)
         return std::nullopt;
     if (static_cast<unsigned int>(length) > protocol::kMaxBytes)
         return Answer{protocol::TooLarge,
@@ -153,7 +154,7 @@ std::optional<Session::Answer> Session::receiveAndServe()
     const WipeAtExit wipe(m_bytes.data(), static_cast<std::size_t>(length));
     if (length > 0 && m_socket.readFully(m_bytes.data(), 0, length, timeout) != length)
         return std::nullopt;
-    m_deadline = std::numeric_limits<std::time_t>::max(); // the client owes nothing while it is served
+    m_deadline = Clock::time_point::max(); // the client owes nothing while it is served
     return serve(operation,
                  {reinterpret_cast<const char*>(m_bytes.data()), static_cast<std::size_t>(length)});
 }
@@ -168,12 +169,15 @@ Session::Answer Session::serve(short operation, std::string_view bytes)
         return {protocol::BadRequest, "the request's fields don't fit its operation"};
     if (operation != protocol::Login && m_login == nullptr)
         return {protocol::NotLoggedIn, "log in first"};
+    if (m_login != nullptr && m_login->getAuthResult() == PAM_NEW_AUTHTOK_REQD &&
+        operation != protocol::Who && operation != protocol::Logout)
+        return {protocol::Refused, "the password must be changed first"};
     return dispatch(operation, *fields);
 }
 
 Session::Answer Session::dispatch(short operation, const Fields& fields)
 {
-    if (gTrace != nullptr)
+    if (gTrace != nullptr && m_login != nullptr)
         gTrace->TraceLog(3, "%s: operation %d\n", m_label.c_str(), operation);
     switch (operation) {
     case protocol::Login:
@@ -183,13 +187,13 @@ Session::Answer Session::dispatch(short operation, const Fields& fields)
     case protocol::Get:
         return get(fields[0]);
     case protocol::Set:
-        return set(fields[0], fields[1]);
+        return print("sets", fields[0], set(fields[0], fields[1]));
     case protocol::Event:
-        return raise(fields[0], fields[1]);
+        return print("raises", fields[0], raise(fields[0], fields[1]));
     case protocol::Call:
         return call(fields[0], fields[1]);
     case protocol::Run:
-        return run(fields[0]);
+        return print("runs", fields[0], run(fields[0]));
     default:
         return logOut();
     }
@@ -203,6 +207,11 @@ Session::Answer Session::logIn(std::string_view user, std::string_view password)
     std::string name(user);
     std::string secret(password);
     const WipeAtExit wipe(secret.data(), secret.size());
+    const auto turn = m_services.admission.beginLogin(m_socket.getDescriptor(), name);
+    if (!turn)
+        return {protocol::Busy, "too many logins at a time"};
+    if (!wait(0, *turn))
+        return {protocol::Failed, "the connection has ended", false};
     bool skipAuth = false;
     std::unique_ptr<PAMHelper, Dispose> login(new PAMHelper(m_remote.c_str(), m_interface.c_str()));
     MonitorLock queue = PAMHelper::getMonitor()->acquireLock(); // logins wait here while another is slow
@@ -210,27 +219,35 @@ Session::Answer Session::logIn(std::string_view user, std::string_view password)
         return {protocol::Failed, "the daemon is stopping", false};
     const int status = login->authenticate(service, name, secret, skipAuth);
     queue.releaseLock();
-    if (!login->startSession()) {
-        // Neither the answer nor the log tells whether there is such a user.
-        print("login refused");
+    const bool admitted = login->startSession();
+    m_services.admission.endLogin(m_socket.getDescriptor(), admitted);
+    if (!admitted) // nothing tells whether there is such a user
         return {protocol::Refused, "login refused", ++m_refusals < kMaxRefusals};
-    }
     login->setSessionId(AUtil::generateRandomKey());
     m_login = std::move(login);
-    m_user = name;
-    print("%s logged in, session %d", m_user.c_str(), m_login->getKEPSessionId());
+    print("%s logged in, session %d", m_login->getUser().c_str(), m_login->getKEPSessionId());
     if (status == PAM_NEW_AUTHTOK_REQD)
         return {protocol::Done, "logged in; the password must be changed"};
     return {protocol::Done, "logged in"};
 }
 
+/// Wait till then, or only for these events. Returns whether the connection is as it was: the socket
+/// complains on standard error about one that was reset, and strangers can reset many.
+bool Session::wait(short events, Clock::time_point end)
+{
+    pollfd connection = {m_socket.getDescriptor(), events, 0};
+    int count = -1;
+    while (count < 0) {
+        const auto rest = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+        count = ::poll(&connection, 1, static_cast<int>(std::max<std::int64_t>(rest.count(), 0)));
+    }
+    return count == 0 || (connection.revents & (POLLERR | POLLHUP)) == 0;
+}
+
 Session::Answer Session::who()
 {
-    std::string text = m_user + " from " + m_login->getRemoteIP() + ", session " +
-                       std::to_string(m_login->getKEPSessionId());
-    if (PAMHelper::instanceForSessionId(m_login->getSessionId()) != m_login.get())
-        text += ", not registered";
-    return {protocol::Done, std::move(text)};
+    return {protocol::Done, m_login->getUser() + " from " + m_login->getRemoteIP() + ", session " +
+                                std::to_string(m_login->getKEPSessionId())};
 }
 
 Session::Answer Session::get(std::string_view name)
@@ -245,20 +262,14 @@ Session::Answer Session::get(std::string_view name)
 
 Session::Answer Session::set(std::string_view name, std::string_view value)
 {
-    const bool held = m_services.configuration.set(std::string(name), std::string(value));
-    print("%s sets %.*s: %s", m_user.c_str(), static_cast<int>(name.size()), name.data(),
-          held ? "done" : "failed");
-    if (!held)
+    if (!m_services.configuration.set(std::string(name), std::string(value)))
         return {protocol::Failed, "the property could not be set"};
     return {protocol::Done, "set"};
 }
 
 Session::Answer Session::raise(std::string_view event, std::string_view data)
 {
-    const bool raised = m_services.configuration.raise(std::string(event), std::string(data));
-    print("%s raises %.*s: %s", m_user.c_str(), static_cast<int>(event.size()), event.data(),
-          raised ? "done" : "failed");
-    if (!raised)
+    if (!m_services.configuration.raise(std::string(event), std::string(data)))
         return {protocol::Failed, "the event could not be raised"};
     return {protocol::Done, "raised"};
 }
@@ -276,28 +287,29 @@ Session::Answer Session::run(std::string_view program)
     std::string output;
     const auto outcome = m_services.programs.run(
         program, protocol::kMaxBytes, [this] { return isStopRequested(); }, output);
-    Answer answer = [&]() -> Answer {
-        switch (outcome) {
-        case Programs::Outcome::Finished:
-            return {protocol::Done, std::move(output)};
-        case Programs::Outcome::NotAllowed:
-            return {protocol::Refused, "not one of the programs that may run"};
-        case Programs::Outcome::Busy:
-            return {protocol::Busy, "another program is running"};
-        default:
-            return {protocol::Failed, "the program failed"};
-        }
-    }();
-    print("%s runs %.*s: result %d", m_user.c_str(), static_cast<int>(program.size()), program.data(),
-          answer.result);
+    static const Answer s_answers[] = {{protocol::Done, ""},
+                                       {protocol::Refused, "not one of the programs that may run"},
+                                       {protocol::Busy, "another program is running"},
+                                       {protocol::Failed, "the program failed"}};
+    Answer answer = s_answers[static_cast<int>(outcome)];
+    if (outcome == Programs::Outcome::Finished)
+        answer.text = std::move(output);
     return answer;
 }
 
 Session::Answer Session::logOut()
 {
+    print("%s logs out", m_login->getUser().c_str());
     m_login.reset();
-    print("%s logged out", m_user.c_str());
     return {protocol::Done, "logged out", false};
+}
+
+/// What the user does to the machine.
+Session::Answer Session::print(const char* verb, std::string_view name, Answer answer)
+{
+    print("%s %s %.*s: %s", m_login->getUser().c_str(), verb, static_cast<int>(name.size()), name.data(),
+          answer.result == protocol::Done ? "done" : answer.text.c_str());
+    return answer;
 }
 
 /// One line of this connection, in the log and in the trace.

@@ -3,6 +3,7 @@
 #include "AComponentLog.h"
 #include "ASocket.h"
 #include "AThread.h"
+#include "Admission.h"
 #include "Configuration.h"
 #include "Descriptor.h"
 #include "PAMHelper.h"
@@ -11,7 +12,6 @@
 
 #include <array>
 #include <atomic>
-#include <ctime>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -24,8 +24,10 @@ struct Services {
     std::string pamService;
     int idleSeconds = 0;
     AComponentLog& log; ///< The parent of each connection's own component.
+    Admission& admission;
     Configuration& configuration;
     Programs& programs;
+    std::function<void()> reopenLogs;
     std::function<void()> sessionEnded; ///< Called on the session's thread as its last act.
 };
 
@@ -44,14 +46,15 @@ public:
     /// Make the session's reading and writing end. From any thread.
     void hangUp();
     /// Whether the client has owed a request, or its login, for longer than it may idle.
-    bool isOverdue(std::time_t now) const;
+    bool isOverdue() const;
     /// Whether nothing runs any more, or never began in time. Then join() returns soon.
-    bool isOver(std::time_t now) const;
+    bool isOver() const;
 
 private:
     struct Dispose {
         void operator()(PAMHelper* helper) const { helper->dispose(); }
     };
+    using Clock = Admission::Clock;
     using Fields = std::vector<std::string_view>;
 
     struct Answer {
@@ -62,6 +65,7 @@ private:
 
     bool serveRequest();
     std::optional<Answer> receiveAndServe();
+    bool wait(short events, Clock::time_point end);
     Answer serve(short operation, std::string_view bytes);
     Answer dispatch(short operation, const Fields& fields);
 
@@ -75,24 +79,20 @@ private:
     Answer logOut();
 
     void expectClient();
+    Answer print(const char* verb, std::string_view name, Answer answer);
     void print(const char* format, ...) GORV_PRINTF(2, 3);
 
     Services& m_services;
-    const int m_descriptor; // the socket's, which stays open as long as the session
     ASocket m_socket;
     const std::string m_remote;
     const std::string m_interface;
     const std::string m_label; // address and port: no two connections share it
-    const std::time_t m_connected;
+    const Clock::time_point m_connected = Clock::now();
     AComponentLog m_log;
     std::unique_ptr<PAMHelper, Dispose> m_login;
-    std::string m_user;
     int m_refusals = 0;
     std::array<unsigned char, protocol::kMaxBytes> m_bytes{};
-    std::atomic<std::time_t> m_deadline;
+    std::atomic<Clock::time_point> m_deadline;
     std::atomic<bool> m_begun = false;
     std::atomic<bool> m_finished = false;
 };
-
-/// Seconds of a clock that nobody sets.
-std::time_t monotonicSeconds();

@@ -5,12 +5,10 @@
 // With -user it logs in first. The password is asked for on a terminal and is the first line of standard
 // input otherwise. Exit status: 0, 1 when a command was refused or failed, 2 wrong usage, 3 no connection.
 
-#include "AInteger.h"
 #include "Client.h"
 #include "CommandLine.h"
 #include "GorvSocketException.h"
 #include "HiddenInput.h"
-#include "NumberFormatException.h"
 #include "Protocol.h"
 
 #include <csignal>
@@ -173,6 +171,7 @@ private:
         std::FILE* const stream = done ? stdout : stderr;
         std::fprintf(stream, "%s%s%s", done ? "" : "console: ", answer.text.c_str(),
                      !answer.text.empty() && answer.text.back() == '\n' ? "" : "\n");
+        std::fflush(stream);
         m_failed = m_failed || !done;
     }
 
@@ -227,31 +226,20 @@ int talk(const char* host, int port, const char* user, const char* script)
     return console.hasFailed() ? CommandFailed : Success;
 }
 
-int portFrom(CommandLine& line)
-{
-    const char* text = line.getArg("port");
-    try {
-        return text == nullptr ? -1 : AInteger::parseInt(text);
-    } catch (const NumberFormatException&) {
-        return -1;
-    }
-}
-
 } // namespace
 
 int main(int argc, char** argv)
 {
     CommandLine line(argc, argv);
-    const int port = portFrom(line);
-    if (port < 1 || port > 65535) {
+    int port = 0;
+    if (!line.getInt("port", 1, 65535, port) || port == 0) {
         std::fputs("usage: console -port N [-host H] [-user NAME] [-c 'COMMAND; COMMAND ...']\n", stderr);
         return WrongUsage;
     }
     std::signal(SIGPIPE, SIG_IGN);
     std::setvbuf(stdin, nullptr, _IONBF, 0); // a password must not stay in the stream's buffer
-    const char* host = line.getArg("host");
     try {
-        return talk(host == nullptr ? "127.0.0.1" : host, port, line.getArg("user"), line.getArg("c"));
+        return talk(line.getArg("host", "127.0.0.1"), port, line.getArg("user"), line.getArg("c"));
     } catch (const GorvSocketException&) {
         return NoConnection; // the socket has said why
     }

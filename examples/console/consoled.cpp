@@ -4,29 +4,37 @@
 //   consoled -port N -service S [-log FILE] [-trace FILE -level N] [-confdir DIR] [-idle SECONDS]
 //
 // Port 0 takes a free one; the port is printed. -confdir names the folder of PAM service files to use instead
-// of /etc/pam.d. SIGTERM ends every session and then the daemon. Exit status: 0, 1 failed to start, 2 wrong
-// usage.
+// of /etc/pam.d. SIGTERM ends every session and then the daemon; SIGHUP reopens the log and the trace. Exit
+// status: 0, 1 failed to start, 2 wrong usage.
 
-#include "AInteger.h"
 #include "ALog.h"
 #include "ATrace.h"
 #include "CommandLine.h"
 #include "EmbeddedPam.h"
-#include "NumberFormatException.h"
 #include "Server.h"
 
 #include <csignal>
 #include <cstdio>
+#include <fcntl.h>
+#include <sys/stat.h>
 
 namespace {
 
 constexpr int kDefaultIdleSeconds = 300;
+constexpr int kProgramSeconds = 20;
+
+const std::vector<Programs::Program> kPrograms = {
+    {"date", {"/bin/date", "-u"}},
+    {"id", {"/usr/bin/id"}},
+    {"system", {"/bin/uname", "-srm"}},
+    {"disk", {"/bin/df", "-h", "/"}},
+};
 
 Server* s_server = nullptr;
 
-void stopServer(int)
+void obey(int signal)
 {
-    s_server->stop();
+    signal == SIGHUP ? s_server->reopenLogs() : s_server->stop();
 }
 
 struct Options {
@@ -39,29 +47,29 @@ struct Options {
     int idleSeconds = kDefaultIdleSeconds;
 };
 
-int number(CommandLine& line, const char* name, int defaultValue)
-{
-    const char* text = line.getArg(name);
-    return text == nullptr ? defaultValue : AInteger::parseInt(text);
-}
-
 bool parse(int argc, char** argv, Options& options)
 {
     CommandLine line(argc, argv);
-    try {
-        options.port = number(line, "port", -1);
-        options.level = number(line, "level", options.level);
-        options.idleSeconds = number(line, "idle", options.idleSeconds);
-    } catch (const NumberFormatException& exception) {
-        std::fprintf(stderr, "consoled: not a number: %s\n", exception.getMessage().c_str());
-        return false;
-    }
     options.service = line.getArg("service");
     options.log = line.getArg("log");
     options.trace = line.getArg("trace");
     options.confdir = line.getArg("confdir");
-    return options.port >= 0 && options.port <= 65535 && options.idleSeconds > 0 &&
+    return line.getInt("port", 0, 65535, options.port) && line.getInt("level", 0, 9, options.level) &&
+           line.getInt("idle", 1, 86'400, options.idleSeconds) && options.port >= 0 &&
            options.service != nullptr;
+}
+
+/// Whoever should read @p stream may not do so, and the library and PAM modules print there: what doesn't fit
+/// is lost then. The daemon gets an end of its own, so that nobody else's changes.
+void neverBlock(int stream)
+{
+    const std::string path = "/proc/self/fd/" + std::to_string(stream);
+    struct stat file {};
+    if (::fstat(stream, &file) != 0 || S_ISREG(file.st_mode))
+        return;
+    const Descriptor own(::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!own.isOpen() || ::dup2(own.get(), stream) < 0) // a socket
+        ::fcntl(stream, F_SETFL, ::fcntl(stream, F_GETFL) | O_NONBLOCK);
 }
 
 /// Before there is any other thread, those of the service library included.
@@ -70,7 +78,9 @@ void setUpProcess()
     // A PAM module that asks on standard input must not make all logins wait for a terminal.
     if (std::freopen("/dev/null", "r", stdin) == nullptr)
         std::fclose(stdin);
-    // Programs looks for its children itself, so no thread may take the signal by chance.
+    neverBlock(STDOUT_FILENO);
+    neverBlock(STDERR_FILENO);
+    // Programs waits for its children itself, so no thread may take the signal by chance.
     sigset_t childEnded;
     sigemptyset(&childEnded);
     sigaddset(&childEnded, SIGCHLD);
@@ -78,20 +88,22 @@ void setUpProcess()
     std::signal(SIGPIPE, SIG_IGN); // a vanished client is a failed write, not the end of the daemon
 }
 
-void handleStopSignals(void (*handler)(int))
+void handleSignals(void (*handler)(int))
 {
-    std::signal(SIGTERM, handler);
-    std::signal(SIGINT, handler);
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP})
+        std::signal(signal, handler);
 }
 
-int serve(const Options& options, ALog& log)
+int serve(const Options& options, ALog& log, std::function<void()> reopen)
 {
     AComponentLog daemon("consoled", log);
     AComponentLog sessions("session");
     daemon.addChildLog(sessions);
+    Admission admission(sessions);
     Configuration configuration(daemon);
-    Programs programs;
-    Services services{options.service, options.idleSeconds, sessions, configuration, programs, {}};
+    Programs programs(kPrograms, kProgramSeconds);
+    Services services{options.service, options.idleSeconds, sessions, admission, configuration,
+                      programs,        std::move(reopen),   {}};
     Server server(services);
     s_server = &server;
     const int port = server.listen(options.port);
@@ -99,13 +111,13 @@ int serve(const Options& options, ALog& log)
         std::perror("consoled: cannot listen");
         return 1;
     }
-    handleStopSignals(stopServer);
+    handleSignals(obey);
     std::printf("consoled: listening on port %d\n", port);
     std::fflush(stdout);
     daemon.print(" listening on port %d\n", port);
     daemon.flush();
     server.serve();
-    handleStopSignals(SIG_IGN); // the server is about to go
+    handleSignals(SIG_IGN); // the server is about to go
     daemon.print(" stopped\n");
     daemon.flush();
     return 0;
@@ -125,16 +137,23 @@ int main(int argc, char** argv)
     setUpProcess();
     useServiceFilesIn(options.confdir);
     ALog log("consoled", stderr);
-    if (options.log != nullptr && log.setOutputFile(options.log) != 0) {
-        std::perror(options.log);
+    ATrace trace;
+    const auto openLogs = [&] {
+        return (options.log == nullptr || log.reopenOutputFile(options.log) == 0) &&
+               (options.trace == nullptr || trace.Reopen(options.trace) == 0);
+    };
+    if (!openLogs()) {
+        std::perror("consoled: cannot open the log or the trace");
         return 1;
     }
-    ATrace trace;
     if (options.trace != nullptr) {
         gTrace = &trace;
         trace.Init(options.level, options.trace);
     }
-    const int status = serve(options, log);
+    const int status = serve(options, log, [&] {
+        if (!openLogs())
+            log.print(" cannot reopen the log or the trace\n");
+    });
     gTrace = nullptr;
     return status;
 }

@@ -12,15 +12,16 @@ public:
         std::string sessionId;
         std::string hash = // "wonderland", as the module stores it
             "salt$8808161c460734fc7bb91a1d1a26e7a2eb75ef0b18ce8538c05218d503e23c36";
+        std::string status = "0"; // of the account
     };
 
     PamStack(const char* module, const char* service, const std::vector<Account>& accounts)
     {
         std::ofstream stack(path(service)), list(path("accounts"));
         for (const char* type : {"auth", "account", "session"})
-            stack << type << " required " << module << " accounts=" << path("accounts")
-                  << " record=" << path("record") << '\n';
-        for (const auto& [user, sessionId, hash] : accounts)
-            list << user << ':' << hash << ":0:" << sessionId << '\n';
+            stack << type << " required [" << module << "] [accounts=" << path("accounts")
+                  << "] [record=" << path("record") << "]\n"; // there may be a blank in the paths
+        for (const auto& [user, sessionId, hash, status] : accounts)
+            list << user << ':' << hash << ':' << status << ':' << sessionId << '\n';
     }
 };

@@ -54,9 +54,19 @@ public:
 
     static bool holds(const Secret& secret, const std::string& process = "self")
     {
+        bool found = false;
+        visit(process, [&](const std::vector<char>& bytes) {
+            found = found || secret.isIn(bytes.data(), bytes.size());
+        });
+        return found;
+    }
+
+    /// Hand over all that the process can write, block by block.
+    template <typename Visitor>
+    static void visit(const std::string& process, Visitor visitor)
+    {
         std::ifstream maps("/proc/" + process + "/maps");
         const int memory = ::open(("/proc/" + process + "/mem").c_str(), O_RDONLY | O_CLOEXEC);
-        bool found = false;
         for (std::string line; std::getline(maps, line);) {
             std::uintptr_t begin = 0, end = 0;
             char access[5] = {};
@@ -66,10 +76,9 @@ public:
             std::vector<char> bytes(end - begin);
             const ssize_t count = ::pread(memory, bytes.data(), bytes.size(), static_cast<off_t>(begin));
             EXPECT_GT(count, 0) << "what can't be read can't be searched";
-            found = found || secret.isIn(bytes.data(), bytes.size());
+            visitor(bytes);
             ::explicit_bzero(bytes.data(), bytes.size()); // no second copy is left behind
         }
         ::close(memory);
-        return found;
     }
 };
