@@ -115,7 +115,7 @@ FUZZ_SETUP
 
 FUZZ_TARGET
 {
-    static ALog s_log("fuzz", fuzz::streamInto(nullptr));
+    static ALog s_log("fuzz", stdout);
     FuzzedDataProvider input(data, size);
     const std::string bytes = input.ConsumeRandomLengthString(300);
     const std::string script = input.ConsumeRandomLengthString(40);
