@@ -19,7 +19,7 @@ class ALog;
 /// the log of setLog(). The system's complaints go to standard error. A descriptor that is made here is
 /// close-on-exec and never one of the standard streams' numbers.
 ///
-/// One thread at a time uses an object, but for shutdown(); separate objects are independent. Destroyed as an
+/// One thread at a time uses an object, but for shutDown(); separate objects are independent. Destroyed as an
 /// ASocket.
 ///
 /// @code
@@ -66,7 +66,8 @@ public:
     ///
     /// Resolving and connecting block as long as the system lets them; a signal can fail them. On failure the
     /// state is CONNECT_FAILED (no socket could be made) or CLOSED, no descriptor is held, both standard
-    /// streams have a message, and GorvSocketException is thrown.
+    /// streams have a message, and GorvSocketException is thrown. std::bad_alloc may leave a descriptor
+    /// behind, which close() closes as ever.
     /// @param ip host name or dotted address
     /// @param port the low 16 bits count
     void createIPSocket(const char* ip, int port);
@@ -87,17 +88,19 @@ public:
     int getSocketState();
 
     /// @return the descriptor, which stays the object's, or -1 when it holds none. For the system's waits and
-    /// options; make it non-blocking only if nothing is received through the object any more.
+    /// options; make it non-blocking only if nothing is received or sent through the object any more.
     int getDescriptor();
 
-    /// Bound, from now on, how long a message that has begun may stand still. When the peer sends or takes
-    /// nothing for @p seconds, at the latest for twice as long, readFully() and the operations on it give -1,
-    /// sending ends with its complaint, and either sets IO_ERROR, since half a message has passed; read()
-    /// gives what has come. The wait for a first byte knows its own time-out alone, and 0 stays without
-    /// limit.
+    /// Bound, from now on, how long a message that has begun may stand still. The wait for a first byte knows
+    /// its own time-out alone, and 0 stays without limit; from the first byte on the limit takes the place of
+    /// the time-out. When the peer sends nothing for @p seconds, at the latest for twice as long, readFully()
+    /// and the operations on it give -1 and set IO_ERROR without a message, since half a message has passed.
+    /// When it takes nothing, sending ends with its complaint, at the latest after a few times as long, as
+    /// the system's buffers fill. A signal starts the limit anew.
     ///
-    /// The limit is one of the connection: copies share it, and createIPSocket() begins without.
-    /// @param seconds 0 for no limit, as in the beginning
+    /// The limit is one of the connection: copies share it, and createIPSocket() begins without. It takes the
+    /// descriptor's SO_RCVTIMEO and SO_SNDTIMEO; what a program sets there itself is no such limit.
+    /// @param seconds 0 for no limit, as in the beginning; otherwise enough for a slow peer to take 64 KiB
     /// @return whether the system set it
     bool setStallLimit(unsigned int seconds);
 
@@ -106,7 +109,7 @@ public:
     /// sees a closed peer, and the writer a failure with its SIGPIPE. The state is left to them, and the
     /// descriptor stays open.
     /// @return false if the system refuses, as without a connection
-    bool shutdown();
+    bool shutDown();
 
     // From here on the order of the virtual operations is part of the interface: programs call them by slot.
 
@@ -141,8 +144,9 @@ public:
     // anew, with its whole time-out.
 
     /// Receive once into @p data + @p offset. Fewer than @p len bytes (at least 1) come back when the peer
-    /// closes, a signal arrives or the connection stalls in between. A @p len of 0 waits as well, and then
-    /// can't be told from a closed peer, not even by the state.
+    /// closes, a signal arrives or the stall limit has passed since receiving began, though bytes may still
+    /// trickle in. A @p len of 0 waits as well, and then can't be told from a closed peer, not even by the
+    /// state.
     /// @return 0 too in every state but CONNECTED
     int read(unsigned char* data, int offset, int len, unsigned int timeout) override;
     /// Receive 4 bytes through readFully().
@@ -165,7 +169,8 @@ public:
 
     /// Wait and receive once, in any state.
     /// @param len at least 1
-    /// @param flag flags of the system's recv; MSG_DONTWAIT makes it ask and complain until data comes
+    /// @param flag flags of the system's recv; MSG_DONTWAIT makes it ask and complain until data comes, or,
+    ///   with a stall limit, wait silently
     int socket_read(unsigned char* data, int len, int flag, unsigned int timeout);
 
     /// writeString(), for chains.

@@ -29,12 +29,11 @@
 class GORV_API KEPClient {
     template <typename Text>
     using IfConstText = std::enable_if_t<std::is_same_v<Text, const char*>, int>;
-    // What converts to a pointer would pass for true.
+    // What would pass for true without being a truth or a number: a pointer, or a class that holds one.
     template <typename Value>
     using IfOtherPointer =
-        std::enable_if_t<(std::is_convertible_v<Value, const volatile void*> || std::is_pointer_v<Value> ||
-                          std::is_member_pointer_v<Value>)&&!std::is_convertible_v<Value, char*> &&
-                             !std::is_same_v<Value, const char*>,
+        std::enable_if_t<std::is_convertible_v<Value, bool> && !std::is_convertible_v<Value, int> &&
+                             !std::is_convertible_v<Value, char*> && !std::is_same_v<Value, const char*>,
                          int>;
 
 public:
@@ -75,7 +74,8 @@ public:
 
     /// @name Reading
     /// A failed read leaves an empty string, 0 or false and, except in the form without a size, logs a line.
-    /// What the service leaves without a terminator, or as it was, is read as a string all the same.
+    /// What the service leaves without a terminator, or as it was, is read as a string all the same. The text
+    /// that is read may take the place of @p name.
     /// @return whether the property was read.
     /// @{
 
@@ -94,8 +94,10 @@ public:
     /// Read a string of any length into a buffer that is replaced by a larger one if need be.
     ///
     /// @param buffer points at an array made with `new char[]`, or at null if @p size is 0. What it points at
-    ///   on return, also when an exception leaves the call, is the caller's to release with `delete[]`.
-    /// @param size the size of the array; if it is 0, not a byte of it is touched. On success the size of the
+    ///   on return, also when an exception leaves the call, is the caller's to release with `delete[]`. It
+    ///   doesn't hold @p name.
+    /// @param size the size of the array; if it is 0 or less, not a byte of it is touched. On success the
+    /// size of the
     ///   value, its terminator included, which is never more than the array holds. After any other outcome it
     ///   is what the service left there: don't take it for the size of the array.
     /// @return 0, or the service's code: then a line is logged. Throws `const char*` and logs a line when the

@@ -23,8 +23,8 @@
 /// nobody may use the class any more.
 ///
 /// PAM modules may start programs and wait for them. While a program of SystemExec runs, its SIGCHLD handler
-/// may take such a child away or wait for it, and the login fails or hangs. A host that uses both blocks
-/// SIGCHLD in every thread and calls signalHandler() itself, under getMonitor().
+/// may take such a child away or wait for it, and the login fails or hangs: SystemExec says what a host that
+/// uses both does.
 ///
 /// @code
 /// auto* login = new PAMHelper("::ffff:192.168.1.20", "192.168.1.1");
@@ -56,7 +56,8 @@ public:
     PAMHelper(const char* remoteIP, const char* interfaceIP);
 
     /// End the PAM transaction. Hosts call dispose() instead: a helper that is deleted directly leaves the
-    /// registries too late for a look-up that meets a derived class half destroyed.
+    /// registries too late for a look-up that meets a derived class half destroyed. A derived class's
+    /// destructor may call anything but dispose().
     virtual ~PAMHelper();
 
     PAMHelper(const PAMHelper&) = delete;
@@ -209,7 +210,6 @@ private:
     pam_handle_t* m_pamHandle; // owned
     int m_kepSessionId;
     bool m_wasRegistered; // an entry of instanceMap may name this helper
-    bool m_hasSetFlag;    // an entry of instanceFwMap may name this helper
     std::string m_sessionId;
     int m_authResult;
     int m_holds; // deleted when it comes to 0: the creator's, and one for each call that must end before

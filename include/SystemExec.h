@@ -32,17 +32,18 @@
 /// SIGPIPE if the child may end before it has read its input.
 ///
 /// PAM modules start children as well, which the handler would take for the runner's, and a login fails or
-/// waits for the program. A program that has logins blocks SIGCHLD in every thread for good. It calls
-/// signalHandler() itself, under PAMHelper::getMonitor() and once waitid() with WNOWAIT tells that the child
-/// getPid() has ended.
+/// waits for the program. A program that has logins blocks SIGCHLD in every thread for good. Right after
+/// execute() it sets ::se to null, and then reads and closes the three ends and waits with waitpid(getPid())
+/// itself. (One that calls signalHandler() itself does so only while no module can run: under
+/// PAMHelper::getMonitor(), and not beside the end of a session or a transaction, which run without it.)
 ///
 /// A child that doesn't end by itself is ended with kill(runner.getPid(), SIGKILL) while SIGCHLD is blocked
 /// in every thread: once a child has been reaped, its id may be a stranger's.
 ///
 /// The child stays in the caller's process group and inherits what a program inherits over exec, with SIGCHLD
-/// and SIGPIPE back at their defaults and SIGCHLD not blocked. Handlers of the caller never run in it. Until
-/// then, for a second, it holds copies of all the caller's descriptors: a connection that the caller closes
-/// meanwhile ends only after that.
+/// and SIGPIPE back at their defaults and SIGCHLD not blocked. Signal handlers of the caller never run in it.
+/// Until the exec, for a second, it holds copies of all the caller's descriptors: a connection that the
+/// caller closes meanwhile ends only after that.
 ///
 /// @include examples/reference/SystemExec.cpp
 /// @verbinclude examples/reference/SystemExec.out
@@ -66,7 +67,8 @@ public:
     /// default, the command is the only argument.
     void setArgList(char** args);
 
-    /// Start the child, which runs the command after a second's delay.
+    /// Start the child, which runs the command after a second's delay. Again only once getStdOut() is -1, or
+    /// with SIGCHLD blocked in every thread. A cancellation of the thread waits.
     ///
     /// First closes the pipe ends that this runner still holds if ::se is this runner, and forgets them if it
     /// isn't. Writes its progress to standard output and flushes it. Replaces the process's SIGCHLD handler

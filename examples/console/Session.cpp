@@ -101,7 +101,7 @@ void Session::run()
 
 void Session::hangUp()
 {
-    m_socket.shutdown(); // it is closed when the session is destroyed: until then its number stays taken
+    m_socket.shutDown(); // it is closed when the session is destroyed: until then its number stays taken
 }
 
 bool Session::isOverdue() const

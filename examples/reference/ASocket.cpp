@@ -42,7 +42,7 @@ int main()
     server.writeByte(1); // of the four
     const bool stalled = client.readInt(length, 5) == -1 && client.getSocketState() == ASocket::IO_ERROR;
     std::printf("stalled: %d, still open: %d\n", stalled, client.getDescriptor() >= 0);
-    client.shutdown(); // another thread could do that to a reader
+    client.shutDown(); // another thread could do that to a reader
     std::printf("after the end: %d, ", server.readByte(byte, 5));
     std::printf("by the peer: %d\n", server.getSocketState() == ASocket::CLOSED_BY_PEER);
 

@@ -3,6 +3,7 @@
 #include "auth/Conversation.h"
 #include "auth/PamCalls.h"
 #include "base/AtExit.h"
+#include "base/CancelBlock.h"
 #include "base/IntegerText.h"
 #include "base/SharedField.h"
 #include "sync/FastLock.h"
@@ -12,7 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <openssl/crypto.h>
-#include <pthread.h>
 #include <utility>
 
 // Construction in this order gives the two monitors the ids 2 and 3.
@@ -68,19 +68,17 @@ int putVariable(pam_handle_t* handle, const char* name, const char* value)
     return pam_putenv(handle, text);
 }
 
-/// Called from destructors, which nothing may leave: a cancellation of the thread waits.
+/// Called from destructors, which nothing may leave.
 void endTransaction(pam_handle_t* handle, int status)
 {
-    int cancelState = 0;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
+    const CancelBlock block;
     pamEnd(handle, status);
-    pthread_setcancelstate(cancelState, nullptr);
 }
 
 } // namespace
 
 PAMHelper::PAMHelper(const char* remoteIP, const char* interfaceIP)
-    : m_conv{}, m_pamHandle(nullptr), m_kepSessionId(0), m_wasRegistered(false), m_hasSetFlag(false),
+    : m_conv{}, m_pamHandle(nullptr), m_kepSessionId(0), m_wasRegistered(false),
       m_authResult(PAM_AUTHINFO_UNAVAIL), m_holds(1), m_fwInProgress(false), m_fwSemLocked(false),
       m_sessionOpen(false), m_disposed(false)
 {
@@ -90,8 +88,7 @@ PAMHelper::PAMHelper(const char* remoteIP, const char* interfaceIP)
 
 PAMHelper::~PAMHelper()
 {
-    if (!m_disposed) // deleted directly
-        leaveRegistries();
+    leaveRegistries(); // again, if a derived class has entered one in its destructor
     if (m_pamHandle != nullptr)
         endTransaction(m_pamHandle, m_authResult);
 }
@@ -226,7 +223,8 @@ void PAMHelper::setSessionId(const std::string& sessionId)
     // All that can run out of memory comes first: the registry and m_sessionId then change together.
     std::string newId = sessionId;
     const auto earlier = ownEntry();
-    const auto entry = instanceMap.insert_or_assign(newId, this).first;
+    const auto entry = instanceMap.insert({newId, this}).first;
+    entry->second = this;
     if (earlier != instanceMap.end() && earlier != entry)
         instanceMap.erase(earlier);
     m_wasRegistered = true;
@@ -373,8 +371,7 @@ void PAMHelper::readKEPSessionId()
 void PAMHelper::setFlag(bool& field, bool flag)
 {
     const FastLock lock(instanceFwMapMonitor);
-    instanceFwMap.insert_or_assign(flag, this); // may run out of memory
-    writeShared(m_hasSetFlag, true);
+    instanceFwMap.insert({flag, this}).first->second = this; // may run out of memory
     writeShared(field, flag);
 }
 
@@ -428,8 +425,6 @@ void PAMHelper::leaveRegistries()
             instanceMap.erase(entry);
         m_wasRegistered = false;
     }
-    if (!readShared(m_hasSetFlag))
-        return;
     const FastLock lock(instanceFwMapMonitor);
     std::erase_if(instanceFwMap, [this](const auto& entry) { return entry.second == this; });
 }
@@ -454,6 +449,8 @@ void PAMHelper::hold()
 
 void PAMHelper::letGo(int holds)
 {
-    if (std::atomic_ref<int>(m_holds).fetch_sub(holds, std::memory_order_acq_rel) == holds)
-        delete this;
+    if (std::atomic_ref<int>(m_holds).fetch_sub(holds, std::memory_order_acq_rel) != holds)
+        return;
+    m_holds = 1; // the deletion's own: a derived class's destructor may stop the session
+    delete this;
 }

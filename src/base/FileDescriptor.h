@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/CancelBlock.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 #include <utility>
@@ -17,8 +19,10 @@ public:
     }
     ~FileDescriptor()
     {
-        if (isOpen())
-            ::close(m_number);
+        if (!isOpen())
+            return;
+        const CancelBlock block; // nothing may leave a destructor
+        ::close(m_number);
     }
 
     bool isOpen() const { return m_number >= 0; }

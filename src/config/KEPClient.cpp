@@ -61,17 +61,20 @@ void makeEmpty(char* buffer, int bufferSize)
         buffer[0] = '\0';
 }
 
-/// Let the service put a text into @p buffer, which holds one afterwards whatever it does.
-bool readText(const char* name, char* buffer, int bufferSize)
+/// Let the service put a text into @p buffer, or leave the one in there, which may be @p name: a failure is
+/// logged, unless @p log is null, before the buffer is emptied.
+bool readText(const char* name, char* buffer, int bufferSize, AComponentLog* log)
 {
-    makeEmpty(buffer, bufferSize);
-    const bool found = lowestBit(kep_config_get_str_n(name, buffer, bufferSize));
-    if (!found)
+    if (!lowestBit(kep_config_get_str_n(name, buffer, bufferSize))) {
+        if (log != nullptr)
+            log->logInfo("Failed to get a value for property: %s\n", name);
         makeEmpty(buffer, bufferSize);
-    else if (buffer != nullptr && bufferSize > 0 &&
-             std::memchr(buffer, '\0', static_cast<std::size_t>(bufferSize)) == nullptr)
+        return false;
+    }
+    if (buffer != nullptr && bufferSize > 0 &&
+        std::memchr(buffer, '\0', static_cast<std::size_t>(bufferSize)) == nullptr)
         buffer[bufferSize - 1] = '\0';
-    return found;
+    return true;
 }
 
 /// Put an empty string in an array of @p size bytes, but at least one, in the place of @p buffer. If there is
@@ -129,20 +132,16 @@ bool KEPClient::initialize()
 
 bool KEPClient::getProperty(const char* name, char* buffer)
 {
-    return readText(name, buffer, kStringSize);
+    return readText(name, buffer, kStringSize, nullptr);
 }
 
 bool KEPClient::getProperty(const char* name, char* buffer, int bufferSize)
 {
-    if (readText(name, buffer, bufferSize))
-        return true;
-    m_log.logInfo("Failed to get a value for property: %s\n", name);
-    return false;
+    return readText(name, buffer, bufferSize, &m_log);
 }
 
 bool KEPClient::getProperty(const char* name, std::string& value)
 {
-    value.clear();
     char* buffer = nullptr;
     int size = 0;
     bool found = false;
@@ -153,6 +152,8 @@ bool KEPClient::getProperty(const char* name, std::string& value)
     const std::unique_ptr<char[]> owner(buffer);
     if (found && buffer != nullptr)
         value = buffer;
+    else
+        value.clear();
     return found;
 }
 

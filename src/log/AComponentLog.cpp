@@ -148,12 +148,9 @@ ALog* AComponentLog::activeLog()
 /// Whether @p target is this component or one below it.
 bool AComponentLog::reaches(const AComponentLog& target) const
 {
-    std::vector<const AComponentLog*> found = {this};
-    for (std::size_t i = 0; i < found.size() && found[i] != &target; ++i) {
-        for (const AComponentLog* child : found[i]->m_children) {
-            if (std::find(found.begin(), found.end(), child) == found.end())
-                found.push_back(child);
-        }
+    for (const AComponentLog* child : m_children) {
+        if (child->reaches(target))
+            return true;
     }
-    return std::find(found.begin(), found.end(), &target) != found.end();
+    return this == &target;
 }

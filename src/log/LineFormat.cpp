@@ -1,30 +1,8 @@
 #include "LineFormat.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
 #include <cstring>
-
-namespace {
-
-constexpr int kDecimal = 10;
-constexpr int kHexadecimal = 16;
-
-/// The digits of one integer.
-class Digits {
-public:
-    template <typename Integer>
-    explicit Digits(Integer value, int base = kDecimal)
-        : m_end(std::to_chars(m_text, m_text + sizeof m_text, value, base).ptr)
-    {}
-    std::string_view text() const { return {m_text, static_cast<std::size_t>(m_end - m_text)}; }
-
-private:
-    char m_text[24]; // enough for 64 bits in decimal with their sign
-    const char* m_end;
-};
-
-} // namespace
 
 void LineFormat::append(std::string_view text)
 {
@@ -33,22 +11,30 @@ void LineFormat::append(std::string_view text)
     m_position += length;
 }
 
-const char* LineFormat::appendUpTo(char stop, const char* text)
-{
-    // Not the member, which each stored char could change for all that the compiler knows.
-    char* position = m_position;
-    char* const end = m_end;
-    for (; *text != stop && *text != '\0'; ++text) {
-        if (position != end)
-            *position++ = *text;
-    }
-    m_position = position;
-    return text;
-}
-
 void LineFormat::appendText(const char* text)
 {
-    appendUpTo('\0', text == nullptr ? "(null)" : text);
+    append(text == nullptr ? "(null)" : text);
+}
+
+template <unsigned base>
+void LineFormat::appendNumber(unsigned value)
+{
+    char digits[10]; // of 32 bits
+    char* const end = digits + sizeof digits;
+    char* first = end;
+    do {
+        *--first = "0123456789abcdef"[value % base];
+        value /= base;
+    } while (value != 0);
+    append({first, static_cast<std::size_t>(end - first)});
+}
+
+void LineFormat::appendSigned(int value)
+{
+    const auto magnitude = static_cast<unsigned>(value);
+    if (value < 0)
+        append("-");
+    appendNumber<10>(value < 0 ? 0 - magnitude : magnitude);
 }
 
 void LineFormat::appendMessage(const char* format, va_list args)
@@ -75,8 +61,10 @@ void LineFormat::appendMessage(const char* format, va_list args)
 bool LineFormat::appendPlain(const char* format, va_list& args)
 {
     while (true) {
-        format = appendUpTo('%', format);
-        if (*format != '%')
+        const char* const text = format;
+        format = ::strchrnul(format, '%');
+        append({text, static_cast<std::size_t>(format - text)});
+        if (*format == '\0')
             return true;
         format += 2;
         switch (format[-1]) {
@@ -85,13 +73,13 @@ bool LineFormat::appendPlain(const char* format, va_list& args)
             break;
         case 'd':
         case 'i':
-            append(Digits(va_arg(args, int)).text());
+            appendSigned(va_arg(args, int));
             break;
         case 'u':
-            append(Digits(va_arg(args, unsigned int)).text());
+            appendNumber<10>(va_arg(args, unsigned int));
             break;
         case 'x':
-            append(Digits(va_arg(args, unsigned int), kHexadecimal).text());
+            appendNumber<16>(va_arg(args, unsigned int));
             break;
         case '%':
             append("%");

@@ -22,8 +22,9 @@ public:
     void appendMessage(const char* format, va_list args) GORV_PRINTF(2, 0);
 
 private:
-    /// Returns where in @p text it stopped: at @p stop, at the end, or where the line was full.
-    const char* appendUpTo(char stop, const char* text);
+    template <unsigned base>
+    void appendNumber(unsigned value);
+    void appendSigned(int value);
     bool appendPlain(const char* format, va_list& args);
 
     char* m_position;

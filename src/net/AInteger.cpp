@@ -4,6 +4,8 @@
 #include "base/IntegerText.h"
 #include "net/BigEndian.h"
 
+#include <cstdio>
+
 AInteger::AInteger(int value) : m_value(value)
 {}
 
@@ -21,7 +23,9 @@ std::string AInteger::toString()
 
 std::string AInteger::toString(int value)
 {
-    return std::to_string(value);
+    char text[12]; // a sign and ten digits
+    std::snprintf(text, sizeof text, "%d", value);
+    return text;
 }
 
 int AInteger::parseInt(const char* text)

@@ -46,6 +46,9 @@ constexpr std::size_t kHostBufferSize = 1024;
 constexpr int kWaitRetries = 3;
 constexpr int kMilliseconds = 1000;
 constexpr unsigned int kLongestPoll = INT_MAX / kMilliseconds; // in seconds; poll is the cheaper system call
+// How much longer setStallLimit() lets sending wait, in microseconds: no time-out that a program sets itself
+// looks like that by chance, and the system keeps half a second exactly.
+constexpr suseconds_t kLimitMark = 500'000;
 constexpr const char* kConnectOperation = "createIPSocket";
 constexpr const char* kReceiveOperation = "socket_read";
 
@@ -128,19 +131,17 @@ int waitReadable(int descriptor, unsigned int timeout)
     return ready > 0 && (entry.revents & POLLNVAL) != 0 ? failWith(EBADF) : ready;
 }
 
-/// The limit of setStallLimit() on @p descriptor, in seconds; 0: none.
+/// The limit of setStallLimit() on @p descriptor, in seconds; 0: none, or a time-out that the program set.
 unsigned int stallLimit(int descriptor)
 {
-    timeval limit{};
-    socklen_t size = sizeof limit;
-    ::getsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &limit, &size);
-    return static_cast<unsigned int>(limit.tv_sec + (limit.tv_usec != 0));
-}
-
-bool limitWaits(int descriptor, int option, unsigned int seconds)
-{
-    const timeval limit{static_cast<std::time_t>(seconds), 0};
-    return ::setsockopt(descriptor, SOL_SOCKET, option, &limit, sizeof limit) == 0;
+    timeval receiving{};
+    timeval sending{};
+    socklen_t size = sizeof receiving;
+    ::getsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &receiving, &size);
+    ::getsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &sending, &size);
+    if (receiving.tv_usec != 0 || sending.tv_sec != receiving.tv_sec || sending.tv_usec != kLimitMark)
+        return 0;
+    return static_cast<unsigned int>(receiving.tv_sec);
 }
 
 ssize_t receiveOnce(int descriptor, unsigned char* data, int len, int flag)
@@ -273,10 +274,15 @@ int ASocket::getDescriptor()
 
 bool ASocket::setStallLimit(unsigned int seconds)
 {
-    return limitWaits(m_socket, SO_RCVTIMEO, seconds) && limitWaits(m_socket, SO_SNDTIMEO, seconds);
+    timeval limit{static_cast<std::time_t>(seconds), 0};
+    if (::setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0)
+        return false;
+    if (seconds != 0)
+        limit.tv_usec = kLimitMark;
+    return ::setsockopt(m_socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0;
 }
 
-bool ASocket::shutdown()
+bool ASocket::shutDown()
 {
     return ::shutdown(m_socket, SHUT_RDWR) == 0;
 }

@@ -6,6 +6,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -47,12 +48,6 @@ void makePseudoRandomWords(KeyWords& words)
     s_keyCounter.store(counter >= kLastKeyCounter ? 0 : counter + 1, std::memory_order_relaxed);
 }
 
-void appendHexadecimal(std::string& text, std::uint32_t word)
-{
-    for (int shift = 28; shift >= 0; shift -= 4)
-        text.push_back("0123456789abcdef"[word >> shift & 0xF]);
-}
-
 } // namespace
 
 char* AUtil::getEnv(const char* name, const char* defaultValue)
@@ -81,9 +76,7 @@ std::string AUtil::generateRandomKey()
     KeyWords words{};
     if (!readRandomWords(words))
         makePseudoRandomWords(words);
-    std::string key;
-    key.reserve(kKeyLength);
-    for (const std::uint32_t word : words)
-        appendHexadecimal(key, word);
+    char key[kKeyLength + 1];
+    std::snprintf(key, sizeof key, "%08x%08x%08x%08x", words[0], words[1], words[2], words[3]);
     return key;
 }

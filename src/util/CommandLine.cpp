@@ -2,7 +2,6 @@
 
 #include "base/IntegerText.h"
 
-#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -16,7 +15,7 @@ CommandLine::CommandLine(int argc, char** argv)
     for (int i = 0; argv != nullptr && i < argc && argv[i] != nullptr; ++i) {
         const char* argument = argv[i];
         if (argument[0] == '-')
-            m_args.push_back({argument + 1, {}});
+            m_args.emplace_back().name = argument + 1;
         else if (!m_args.empty())
             m_args.back().values.push_back(argument);
     }
@@ -51,8 +50,9 @@ const CommandLine::Option* CommandLine::find(const char* name) const
 {
     if (name == nullptr)
         return nullptr;
-    const auto option = std::find_if(m_args.begin(), m_args.end(), [&](const Option& candidate) {
-        return std::strcmp(candidate.name.c_str(), name) == 0;
-    });
-    return option == m_args.end() ? nullptr : &*option;
+    for (const Option& option : m_args) {
+        if (std::strcmp(option.name.c_str(), name) == 0)
+            return &option;
+    }
+    return nullptr;
 }

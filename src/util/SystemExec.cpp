@@ -1,5 +1,6 @@
 #include "SystemExec.h"
 
+#include "base/CancelBlock.h"
 #include "base/FileDescriptor.h"
 
 #include <algorithm>
@@ -228,6 +229,7 @@ void SystemExec::execute(const std::vector<std::string>& args)
 
 void SystemExec::start(char** args)
 {
+    const CancelBlock cancelBlock; // the child would act on it, too
     leaveLastChild();
     std::printf("SystemExec: Excecuting command: %s\n", m_command.c_str());
     std::fflush(stdout);
@@ -238,7 +240,8 @@ void SystemExec::start(char** args)
         return;
     }
 
-    // A child that is killed at once is not missed, and the handler never meets a half-stored runner.
+    // Where SIGCHLD is blocked in every thread, a child that is killed at once is not missed, and the handler
+    // never meets a half-stored runner.
     const SignalBlock block(childSignal());
     m_pid = forkWithoutHandlers();
     if (m_pid == -1) {
@@ -318,6 +321,7 @@ void signalHandler(int sig)
     if (runner == nullptr)
         return;
     const int error = errno;
+    const CancelBlock block; // or the pipes stay half closed
     SystemExec* outstanding = runner;
     if (s_outstanding.compare_exchange_strong(outstanding, nullptr))
         runner->closePipes();

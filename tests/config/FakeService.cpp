@@ -55,10 +55,11 @@ int kep_config_get(const char* name, char* buffer, int* size)
 
 int kep_config_get_str_n(const char* name, char* buffer, int size)
 {
+    const int result = answer(1, "kep_config_get_str_n %s %d", name, size);
     if (answeredText != nullptr)
         std::memcpy(buffer, answeredText,
                     std::min(std::strlen(answeredText) + 1, static_cast<std::size_t>(size)));
-    return answer(1, "kep_config_get_str_n %s %d", name, size);
+    return result;
 }
 
 int kep_config_get_int(const char* name, int* value)

@@ -73,15 +73,15 @@ TEST_F(KEPClientTest, LowestBitOrByteDecidesAndOnlyWhatChangesIsWritten)
     for (const auto& [reads, writes] : {std::pair{0, 0}, {2, 0x100}, {0x100, 0}, {1, 1}, {0x103, 2}}) {
         answers = {{"kep_config_get", reads}, {"kep_event_occurred", reads}, {"kep_config_set", writes}};
         const bool done = reads % 2 != 0;
-        const auto log = [&](const std::string& what) {
-            return done ? "" : " -Failed to get " + what + " for property: p\n";
+        const auto log = [&](const std::string& what, const std::string& name = "p") {
+            return done ? "" : " -Failed to get " + what + " for property: " + name + "\n";
         };
         const auto use = [&] {
-            char text[256], shortText[8], data[] = "data";
+            char text[256] = "p", shortText[8] = "p", data[] = "data"; // names that the texts replace
             int number = 99;
             bool truth = true;
             for (const bool result :
-                 {m_client.getProperty("p", text), m_client.getProperty("p", shortText, 8),
+                 {m_client.getProperty(text, text), m_client.getProperty(shortText, shortText, 8),
                   m_client.getProperty("p", number), m_client.getProperty("p", truth),
                   m_client.notifyEvent("e", 3, data), m_client.setProperty("p", "", false),
                   m_client.setProperty("p", 0, false), m_client.setProperty("p", false, true)})
@@ -89,7 +89,7 @@ TEST_F(KEPClientTest, LowestBitOrByteDecidesAndOnlyWhatChangesIsWritten)
             std::printf(" %s.%s. %d %d", text, shortText, number, truth);
         };
         EXPECT_EQ(outputOf(use),
-                  "kep_config_get_str_n p 256\nkep_config_get_str_n p 8\n" + log("a value") +
+                  "kep_config_get_str_n p 256\nkep_config_get_str_n p 8\n" + log("a value", "text") +
                       "kep_config_get_int p\n" + log("an int value") + "kep_config_get_bool p\n" +
                       log("an bpol value") + "kep_event_occurred e dat\n" +
                       (done ? "" : " -KEPClient: notifyEvent failed.\n") +
@@ -108,7 +108,7 @@ TEST_F(KEPClientTest, TextThatFillsTheBufferOrIsNoneIsReadInsideIt)
     const std::tuple<const char*, const char*, std::string> rows[] = {
         // what the service fills in; what is read of it into 8 bytes; a value that isn't known to be that
         {"text", "text", "texts"},
-        {nullptr, "", "x"},
+        {nullptr, "-------", "x"},
         {full.c_str(), "xxxxxxx", overfull},
         {overfull.c_str(), "xxxxxxx", full},
         {overfull.c_str(), "xxxxxxx", overfull},
@@ -131,10 +131,12 @@ TEST_F(KEPClientTest, TextThatFillsTheBufferOrIsNoneIsReadInsideIt)
 TEST_F(KEPClientTest, UpdateTellsFailureFromNoChangeForTextsOfAnyLength)
 {
     const std::string text(300, 'x');
-    std::string value;
+    std::string value = "p";
     answeredReads = {{-2, 300}, {0, 300}};
     EXPECT_EQ(outputOf([&] { EXPECT_EQ(m_client.updateProperty("p", text.c_str(), false), 1); }),
               "kep_config_get p 0\nkep_config_get p 300\nkep_config_set_str_n p " + text + " 1\n");
+    EXPECT_EQ(outputOf([&] { m_client.getProperty(value.c_str(), value); }),
+              "kep_config_get p 0\nkep_config_get p 5\n");
     outputOf([&] {
         answers = {{"kep_config_set", 0x100}}; // refused
         EXPECT_EQ(m_client.updateProperty("p", "xx", true), -1);
@@ -161,8 +163,12 @@ constexpr bool isWritten = requires(KEPClient& client, Value value)
     client.setProperty("p", value, true);
     client.updateProperty("p", value, true);
 };
+struct Flag {
+    operator bool() const;
+    operator void*() const;
+};
 static_assert(isWritten<char*> && isWritten<const char*> && isWritten<std::nullptr_t>);
-static_assert(isWritten<int> && isWritten<short> && isWritten<bool> && isWritten<std::true_type>);
+static_assert(isWritten<int> && isWritten<short> && isWritten<bool> && isWritten<Flag>);
 static_assert(!isWritten<const char8_t*> && !isWritten<unsigned char*> && !isWritten<const void*>);
 static_assert(!isWritten<void (*)()> && !isWritten<int KEPClientTest::*>);
 

@@ -5,7 +5,7 @@
 
 #include <climits>
 
-TEST(AInteger, ReadsTheNumberThatATextBeginsWithOrHandsTheTextOverAsData)
+TEST(AIntegerTest, ReadsTheNumberThatATextBeginsWithOrHandsTheTextOverAsData)
 {
     std::string numbers;
     for (const char* text :
@@ -21,7 +21,7 @@ TEST(AInteger, ReadsTheNumberThatATextBeginsWithOrHandsTheTextOverAsData)
     }
 }
 
-TEST(AInteger, WholeTextIsOneIntegerWithinItsLimits)
+TEST(AIntegerTest, WholeTextIsOneIntegerWithinItsLimits)
 {
     int value = 77;
     for (const auto& [text, expected] : {std::pair{"-0x10", -16}, {"+0b101", 5}, {"010", 8}, {"0", 0}}) {
@@ -34,7 +34,7 @@ TEST(AInteger, WholeTextIsOneIntegerWithinItsLimits)
     EXPECT_EQ(value, 0);
 }
 
-TEST(AInteger, FormatsDecimalAndPacksTheMostSignificantByteFirst)
+TEST(AIntegerTest, FormatsDecimalAndPacksTheMostSignificantByteFirst)
 {
     EXPECT_EQ(AInteger(7).toString() + AInteger::toString(AInteger(INT_MIN).getValue()), "7-2147483648");
     unsigned char data[] = "------------";
