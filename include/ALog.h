@@ -18,10 +18,11 @@ class StreamLocks;
 /// never write to one path: neither knows where the other's lines end. Not for signal handlers, nor for the
 /// child of a fork() in a process with threads: another thread may have held the log's lock.
 ///
-/// A line reads "MM/DD/YYYY HH:MM:SS NAME -MESSAGE": local time, day padded with a blank, the time of day in
-/// the form of the host's time locale. The log adds no line end: the format carries its own "\n". A line has
-/// at most 2047 characters and ends at a zero byte; the rest is cut off. So is, as in an Exception, what
-/// follows an argument that can't be formatted. Printing leaves errno alone, and "%m" shows the caller's.
+/// A line reads "MM/DD/YYYY HH:MM:SS NAME -MESSAGE": local time as TZ says, day padded with a blank, the time
+/// of day in the form of the host's time locale. The log adds no line end: the format carries its own "\n". A
+/// line has at most 2047 characters and ends at a zero byte; the rest is cut off. So is, as in an Exception,
+/// what follows an argument that can't be formatted. Printing leaves errno alone, and "%m" shows the
+/// caller's.
 ///
 /// The line and its flush are under the stream's own lock (flockfile()), which a program may hold around
 /// several prints to keep other lines out: with echo, together with standard output's or not at all, and
@@ -52,7 +53,7 @@ public:
     /// "".
     ALog(const char* name, FILE* file);
 
-    /// Neither flushes nor closes the stream.
+    /// Neither flushes nor closes the stream, not even one that the log opened.
     virtual ~ALog();
 
     ALog(const ALog&) = delete;
