@@ -67,7 +67,7 @@ public:
 
     /// Write to the file at @p path from now on, keeping what it holds, while other threads print and flush:
     /// move the file aside, then call this with its name. A new file has mode 0600. A symbolic link at the
-    /// end of the path is refused; opening a FIFO waits for its reader. The stream that the log opened keeps
+    /// end of the path is refused, and so is a FIFO that nobody reads. The stream that the log opened keeps
     /// its descriptor: a program that closes descriptors wholesale spares it. The previous stream is treated
     /// as by setOutputFile(), but prints under way may still use a stream that the caller handed in. Does not
     /// switch the log on.

@@ -64,7 +64,7 @@ public:
 
     /// Trace into the file at @p fileName, which is copied, from now on, keeping what it holds, while other
     /// threads trace: move the file aside, then call this with its name. A new file has mode 0600. A symbolic
-    /// link at the end of the name is refused; opening a FIFO waits for its reader. Before Init() nothing is
+    /// link at the end of the name is refused, and so is a FIFO that nobody reads. Before Init() nothing is
     /// written yet, but the file stays where Init() finds it, and isn't emptied.
     /// @return 0, or -1 with errno when the file can't be opened or the name is null: nothing changes then.
     int Reopen(const char* fileName);

@@ -78,7 +78,7 @@ bool showText(const char* text, FILE* stream)
         return true;
     std::fputs(text, stream);
     if (text[std::strlen(text) - 1] != '\n')
-        std::fputc('\n', stream);
+        std::fputs("\n", stream);
     return true;
 }
 

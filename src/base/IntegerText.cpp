@@ -19,23 +19,21 @@ bool isDecimalDigit(char c)
     return c >= '0' && c <= '9';
 }
 
-char lowerCase(char c)
-{
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
+constexpr int kLowerCase = 'a' - 'A'; // the bit that an upper-case letter lacks
 
 unsigned digitValue(char c)
 {
-    if (isDecimalDigit(c))
-        return static_cast<unsigned>(c - '0');
-    const char letter = lowerCase(c);
-    return letter >= 'a' && letter <= 'f' ? static_cast<unsigned>(letter - 'a') + 10 : kNoDigit;
+    const auto decimal = static_cast<unsigned>(c - '0');
+    if (decimal < 10)
+        return decimal;
+    const auto letter = static_cast<unsigned>((c | kLowerCase) - 'a');
+    return letter < 6 ? letter + 10 : kNoDigit;
 }
 
 /// Step over the prefix of a number that starts with "0" and tell its base. Without digits it is none.
 unsigned takePrefix(const char*& text)
 {
-    const char marker = lowerCase(text[1]);
+    const int marker = text[1] | kLowerCase;
     const unsigned base = marker == 'x' ? 16 : 2;
     if ((marker != 'x' && marker != 'b') || digitValue(text[2]) >= base)
         return 8;

@@ -43,7 +43,11 @@ FILE* openStream(const char* path, int flags, mode_t permissions, const char* mo
 
 FILE* openToAppend(const char* path)
 {
-    return openStream(path, O_WRONLY | O_APPEND | O_NOFOLLOW | O_NOCTTY, 0600, "a");
+    FILE* const stream =
+        openStream(path, O_WRONLY | O_APPEND | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK, 0600, "a");
+    if (stream != nullptr)
+        ::fcntl(::fileno(stream), F_SETFL, O_APPEND); // only the opening must not wait
+    return stream;
 }
 
 void StreamLocks::lock(FILE* first, FILE* second)

@@ -9,7 +9,8 @@
 /// into it. Returns null with errno on failure, as for a null path.
 FILE* openStream(const char* path, int flags, mode_t permissions, const char* mode);
 
-/// The same for appending. A new file has mode 0600; a symbolic link at the end of the path is refused.
+/// The same for appending. A new file has mode 0600; a symbolic link at the end of the path is refused, and
+/// so is a FIFO that nobody reads.
 FILE* openToAppend(const char* path);
 
 /// Holds the locks of the streams that one line goes to, so that nothing comes between the line and its

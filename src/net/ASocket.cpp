@@ -2,6 +2,7 @@
 
 #include "ALog.h"
 #include "GorvSocketException.h"
+#include "base/AtExit.h"
 #include "base/FileDescriptor.h"
 #include "net/BigEndian.h"
 
@@ -10,12 +11,11 @@
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
-#include <memory>
 #include <netdb.h>
-#include <new>
 #include <optional>
 #include <poll.h>
 #include <sys/select.h>
@@ -109,12 +109,13 @@ int selectReadable(int descriptor, unsigned int timeout)
     if (::fcntl(descriptor, F_GETFD) < 0)
         return -1; // select may overlook one that isn't open
     const int set = descriptor / FD_SETSIZE;
-    const std::unique_ptr<fd_set[]> sets(new (std::nothrow) fd_set[static_cast<std::size_t>(set) + 1]());
+    auto* const sets = static_cast<fd_set*>(std::calloc(static_cast<std::size_t>(set) + 1, sizeof(fd_set)));
     if (sets == nullptr)
-        return failWith(ENOMEM);
-    FD_SET(descriptor % FD_SETSIZE, &sets[static_cast<std::size_t>(set)]);
+        return -1;
+    const AtExit release([sets] { std::free(sets); });
+    FD_SET(descriptor % FD_SETSIZE, sets + set);
     timeval limit{static_cast<std::time_t>(timeout), 0};
-    return ::select(descriptor + 1, sets.get(), nullptr, nullptr, &limit);
+    return ::select(descriptor + 1, sets, nullptr, nullptr, &limit);
 }
 
 /// Wait as select does, but for any descriptor number. Returns -1 with errno, 0 after the time-out, or 1.
