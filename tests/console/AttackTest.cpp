@@ -200,32 +200,26 @@ TEST(ProgramsTest, NothingOfAProgramOutlivesItsTime)
     sigemptyset(&childEnded);
     sigaddset(&childEnded, SIGCHLD);
     pthread_sigmask(SIG_BLOCK, &childEnded, nullptr);
-    const TempDir dir;
-    const std::string stops = "kill -STOP $$", leaves = "sleep 1000 & echo $! >'" + dir.path("pid") + "'",
-                      mute = "exec >&- 2>&-; sleep 1000";
-    const auto shell = [](const std::string& script) {
-        return std::vector<std::string>{"/bin/sh", "-c", script};
-    };
-    Programs programs(
-        {{"stops", shell(stops)}, {"mute", shell(mute)}, {"leaves", shell(leaves)}, {"id", {"/usr/bin/id"}}},
-        3);
     const pid_t other = ::fork(); // of a PAM module, say
     if (other == 0)
         ::_exit(7);
     std::string output;
-    for (const char* name : {"stops", "mute", "leaves"})
-        EXPECT_NE(programs.run(
-                      name, 4096, [] { return false; }, output),
-                  Programs::Outcome::Busy)
-            << name;
-    const std::string left = "/proc/" + std::to_string(std::stoi(readFile(dir.path("pid")))) + "/cmdline";
-    for (int i = 0; i < 1000 && !readFile(left).empty(); ++i)
-        std::this_thread::sleep_for(10ms);
-    EXPECT_EQ(readFile(left), "");
-    EXPECT_EQ(programs.run(
-                  "id", 4096, [] { return false; }, output),
+    const auto run = [](int limitSeconds, const char* script, std::string& output) {
+        return Programs({{"it", std::vector<std::string>{"/bin/sh", "-c", script}}}, limitSeconds)
+            .run(
+                "it", 4096, [] { return false; }, output);
+    };
+    EXPECT_EQ(run(2, "exec >&- 2>&-; kill -STOP $$", output), Programs::Outcome::Failed);
+    EXPECT_EQ(run(30, "sleep 99 & echo $! $(setsid sh -c 'echo $$; exec sleep 99 >&2' &)", output),
               Programs::Outcome::Finished);
     int status = -1;
+    int left = 0, gone = 0;
+    ASSERT_EQ(std::sscanf(output.c_str(), "%d %d", &left, &gone), 2) << output;
+    const std::string leftOne = "/proc/" + std::to_string(left) + "/cmdline";
+    for (int i = 0; i < 1000 && !readFile(leftOne).empty(); ++i)
+        std::this_thread::sleep_for(10ms);
+    EXPECT_EQ(readFile(leftOne), "");
+    EXPECT_EQ(::kill(gone, SIGKILL), 0); // it has left the group, and lives on
     EXPECT_EQ(::waitpid(other, &status, 0), other); // nobody has taken it
     EXPECT_EQ(::waitpid(-1, &status, WNOHANG), -1);
 }
