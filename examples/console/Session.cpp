@@ -68,17 +68,15 @@ private:
 Session::Session(Descriptor descriptor, sockaddr_in peer, Services& services)
     : m_services(services), m_socket(descriptor.release(), peer), m_remote(textOf(peer)),
       m_interface(interfaceOf(m_socket.getDescriptor())),
-      m_label(m_remote + ":" + std::to_string(ntohs(peer.sin_port))), m_log(m_label.c_str()),
-      m_deadline(m_connected + kBeginTime)
+      m_label(m_remote + ":" + std::to_string(ntohs(peer.sin_port))),
+      m_log(m_label.c_str(), *services.log.getBaseLog()), m_deadline(m_connected + kBeginTime)
 {
-    m_services.log.addChildLog(m_log);
     m_services.admission.enter(m_socket.getDescriptor(), m_remote);
 }
 
 Session::~Session()
 {
     m_services.admission.leave(m_socket.getDescriptor());
-    m_services.log.removeChildLog(m_log);
 }
 
 void Session::run()
