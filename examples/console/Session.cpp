@@ -223,6 +223,9 @@ Session::Answer Session::logIn(std::string_view user, std::string_view password)
         return {protocol::Refused, "login refused", ++m_refusals < kMaxRefusals};
     login->setSessionId(AUtil::generateRandomKey());
     m_login = std::move(login);
+    static std::atomic<int> s_lastSession = 0;
+    if (login->getKEPSessionId() == 0) // no module has numbered it
+        login->setKEPSessionId(++s_lastSession);
     print("%s logged in, session %d", m_login->getUser().c_str(), m_login->getKEPSessionId());
     if (status == PAM_NEW_AUTHTOK_REQD)
         return {protocol::Done, "logged in; the password must be changed"};
