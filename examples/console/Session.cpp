@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <cerrno>
 #include <cstdarg>
 #include <exception>
 #include <openssl/crypto.h>
@@ -237,12 +238,12 @@ Session::Answer Session::logIn(std::string_view user, std::string_view password)
 bool Session::wait(short events, Clock::time_point end)
 {
     pollfd connection = {m_socket.getDescriptor(), events, 0};
-    int count = -1;
-    while (count < 0) {
+    int count = 0;
+    do {
         const auto rest = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
         count = ::poll(&connection, 1, static_cast<int>(std::max<std::int64_t>(rest.count(), 0)));
-    }
-    return count == 0 || (connection.revents & (POLLERR | POLLHUP)) == 0;
+    } while (count < 0 && errno == EINTR);
+    return count >= 0 && (connection.revents & (POLLERR | POLLHUP)) == 0;
 }
 
 Session::Answer Session::who()
