@@ -20,9 +20,9 @@ void Admission::enter(int, const std::string&)
 void Admission::leave(int)
 {}
 
-std::optional<Admission::Clock::time_point> Admission::beginLogin(int, const std::string& user)
+Admission::Turn Admission::beginLogin(int, const std::string& user)
 {
-    return user.size() % 8 == 7 ? std::nullopt : std::optional(Clock::now());
+    return {user.size() % 8 != 7, Clock::now()};
 }
 
 void Admission::endLogin(int, bool)
@@ -153,7 +153,7 @@ private:
         if (m_loggedIn)
             return {protocol::BadRequest};
         if (fields[0].size() % 8 == 7)
-            return {protocol::Busy};
+            return {protocol::Busy, ++m_refusals < 3};
         m_loggedIn = fields[0] == fields[1];
         if (m_loggedIn)
             return {protocol::Done};

@@ -207,10 +207,10 @@ Session::Answer Session::logIn(std::string_view user, std::string_view password)
     std::string secret(password);
     const WipeAtExit wipe(secret.data(), secret.size());
     const auto turn = m_services.admission.beginLogin(m_socket.getDescriptor(), name);
-    if (!turn)
-        return {protocol::Busy, "too many logins at a time"};
-    if (!wait(0, *turn))
+    if (!wait(0, turn.time))
         return {protocol::Failed, "the connection has ended", false};
+    if (!turn.isGranted)
+        return {protocol::Busy, "no room for another login", ++m_refusals < kMaxRefusals};
     bool skipAuth = false;
     std::unique_ptr<PAMHelper, Dispose> login(new PAMHelper(m_remote.c_str(), m_interface.c_str()));
     MonitorLock queue = PAMHelper::getMonitor()->acquireLock(); // logins wait here while another is slow
@@ -223,10 +223,10 @@ Session::Answer Session::logIn(std::string_view user, std::string_view password)
     if (!admitted) // nothing tells whether there is such a user
         return {protocol::Refused, "login refused", ++m_refusals < kMaxRefusals};
     login->setSessionId(AUtil::generateRandomKey());
-    m_login = std::move(login);
     static std::atomic<int> s_lastSession = 0;
     if (login->getKEPSessionId() == 0) // no module has numbered it
         login->setKEPSessionId(++s_lastSession);
+    m_login = std::move(login);
     print("%s logged in, session %d", m_login->getUser().c_str(), m_login->getKEPSessionId());
     if (status == PAM_NEW_AUTHTOK_REQD)
         return {protocol::Done, "logged in; the password must be changed"};
