@@ -13,10 +13,12 @@
 #include "EmbeddedPam.h"
 #include "Server.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <system_error>
 
 namespace {
 
@@ -138,9 +140,15 @@ int main(int argc, char** argv)
     useServiceFilesIn(options.confdir);
     ALog log("consoled", stderr);
     ATrace trace;
-    const auto openLogs = [&] {
-        return (options.log == nullptr || log.reopenOutputFile(options.log) == 0) &&
-               (options.trace == nullptr || trace.Reopen(options.trace) == 0);
+    const auto isOpen = [&](const char* file, int result) {
+        if (result != 0)
+            log.print(" cannot open %s: %s\n", file, std::generic_category().message(errno).c_str());
+        log.flush();
+        return result == 0;
+    };
+    const auto openLogs = [&] { // the one without regard to the other
+        const bool hasLog = options.log == nullptr || isOpen(options.log, log.reopenOutputFile(options.log));
+        return (options.trace == nullptr || isOpen(options.trace, trace.Reopen(options.trace))) && hasLog;
     };
     if (!openLogs()) {
         std::perror("consoled: cannot open the log or the trace");
@@ -150,10 +158,7 @@ int main(int argc, char** argv)
         gTrace = &trace;
         trace.Init(options.level, options.trace);
     }
-    const int status = serve(options, log, [&] {
-        if (!openLogs())
-            log.print(" cannot reopen the log or the trace\n");
-    });
+    const int status = serve(options, log, openLogs);
     gTrace = nullptr;
     return status;
 }
