@@ -234,7 +234,7 @@ void registerLogComparisons()
     compare({print, "write(2) of the same bytes, prebuilt", 1.20}, logPrint, writeBare);
     compare({print, "fprintf + fflush of the same line", 1.08}, logPrint, printAndFlush);
     compare({print, "spdlog basic_logger_mt, same stamp, flush_on", 0.88}, logPrint, spdlogFlushed);
-    compare({print, "POCO FileChannel with pattern, flush", 0.25}, logPrint, pocoFlushed);
+    compare({print, "POCO FileChannel with pattern, flush", 0.28}, logPrint, pocoFlushed);
     compare({"AComponentLog::print, buffered", "fprintf of the same line", 1.20}, componentBuffered,
             printBuffered);
     compare({"AComponentLog::print, buffered", "spdlog, buffered", 0.70}, componentBuffered, spdlogBuffered);

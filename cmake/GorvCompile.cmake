@@ -21,7 +21,7 @@ endfunction()
 # What stands between a fault and whoever would exploit it; script/hardening finds it again in the built files. A
 # sanitizer watches more closely, and is disturbed by it.
 function(gorv_harden target)
-    if(CMAKE_CXX_FLAGS MATCHES "-fsanitize")
+    if(NOT GORV_HARDEN OR CMAKE_CXX_FLAGS MATCHES "-fsanitize")
         return()
     endif()
     set(guards -fstack-protector-strong -fstack-clash-protection)

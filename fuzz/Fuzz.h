@@ -4,7 +4,6 @@
 #include <fuzzer/FuzzedDataProvider.h>
 #include <string>
 #include <string_view>
-#include <vector>
 
 /// What every fuzz target shares. A target is one function, run once for each input, that drives one class
 /// and compares what it does with a naive model of it.
@@ -13,18 +12,8 @@ namespace fuzz {
 /// Tell what was broken and end as a crash, so that the input is kept.
 [[noreturn]] void fail(const char* what, const char* file, int line);
 
-/// A stream that appends to @p text, or swallows everything. It has no descriptor: nothing reaches the
-/// system.
-FILE* streamInto(std::string* text);
-
-/// A stream that reads @p text as it stands at the time of reading, and takes what it reads out of it.
-FILE* streamFrom(std::string_view* text);
-
 /// Send both standard output streams into nothing.
 void silence();
-
-/// Split at zero bytes. There is always one text at least.
-std::vector<std::string> splitAtZero(std::string_view bytes);
 
 } // namespace fuzz
 

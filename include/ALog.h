@@ -18,13 +18,18 @@ class StreamLocks;
 /// never write to one path: neither knows where the other's lines end. Not for signal handlers, nor for the
 /// child of a fork() in a process with threads: another thread may have held the log's lock.
 ///
-/// A line reads "MM/DD/YYYY HH:MM:SS NAME -MESSAGE": local time, day padded with a blank, the time of day in
-/// the form of the host's time locale. The log adds no line end: the format carries its own "\n". A line has
-/// at most 2047 characters and ends at a zero byte; the rest is cut off. So is, as in an Exception, what
-/// follows an argument that can't be formatted. Printing leaves errno alone, and "%m" shows the caller's.
+/// A line reads "MM/DD/YYYY HH:MM:SS NAME -MESSAGE": local time as TZ says, day padded with a blank, the time
+/// of day in the form of the host's time locale. The log adds no line end: the format carries its own "\n". A
+/// line has at most 2047 characters and ends at a zero byte; the rest is cut off. So is, as in an Exception,
+/// what follows an argument that can't be formatted. Printing leaves errno alone, and "%m" shows the
+/// caller's.
 ///
 /// The line and its flush are under the stream's own lock (flockfile()), which a program may hold around
-/// several prints to keep other lines out.
+/// several prints to keep other lines out: with echo, together with standard output's or not at all, and
+/// while no thread calls fflush(nullptr), since a line may open the time zone's file.
+///
+/// A stream that fails, on a full disk for instance, may keep a part of a line, which the next one continues.
+/// A "%n" in a format that isn't constant ends the program.
 ///
 /// @code
 /// ALog log("consoled", stderr);
@@ -48,7 +53,7 @@ public:
     /// "".
     ALog(const char* name, FILE* file);
 
-    /// Neither flushes nor closes the stream.
+    /// Neither flushes nor closes the stream, not even one that the log opened.
     virtual ~ALog();
 
     ALog(const ALog&) = delete;
@@ -62,9 +67,12 @@ public:
 
     /// Write to the file at @p path from now on, keeping what it holds, while other threads print and flush:
     /// move the file aside, then call this with its name. A new file has mode 0600. A symbolic link at the
-    /// end of the path is refused. The previous stream is treated as by setOutputFile(), but prints under way
-    /// may still use a stream that the caller handed in. Does not switch the log on.
-    /// @return 0, or -1 with errno when the file can't be opened: lines then go where they went before.
+    /// end of the path is refused; opening a FIFO waits for its reader. The stream that the log opened keeps
+    /// its descriptor: a program that closes descriptors wholesale spares it. The previous stream is treated
+    /// as by setOutputFile(), but prints under way may still use a stream that the caller handed in. Does not
+    /// switch the log on.
+    /// @return 0, or -1 with errno when the file can't be opened or @p path is null: lines then go where they
+    /// went before.
     int reopenOutputFile(const char* path);
 
     /// Choose whether the log writes anything at all. Safe from any thread.
@@ -82,7 +90,8 @@ public:
     /// @return whether each line also goes to standard output.
     bool getEchoToConsole();
 
-    /// Write one line and flush the stream. Nothing is reported: a line that can't be written is dropped.
+    /// Write one line and flush the stream. Nothing is reported: where the file can't be opened the line is
+    /// dropped.
     void print(const char* format, ...) GORV_PRINTF(2, 3);
     /// The same; @p level changes nothing.
     void print(int level, const char* format, ...) GORV_PRINTF(3, 4);

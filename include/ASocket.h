@@ -105,9 +105,9 @@ public:
     bool setStallLimit(unsigned int seconds);
 
     /// End the connection in both directions, for copies as well. The one operation that another thread may
-    /// call while one reads or writes, though not while one connects, closes or destroys: the reader then
-    /// sees a closed peer, and the writer a failure with its SIGPIPE. The state is left to them, and the
-    /// descriptor stays open.
+    /// call while one reads or writes, though not while one connects, closes or destroys, so leave the end of
+    /// the object to whoever joins the thread that uses it: the reader then sees a closed peer, and the
+    /// writer a failure with its SIGPIPE. The state is left to them, and the descriptor stays open.
     /// @return false if the system refuses, as without a connection
     bool shutDown();
 

@@ -16,8 +16,10 @@
 /// life of the object and appended to afterwards. Neither copied nor moved.
 ///
 /// A line reads "YYYY/MM/DD HH:MM:SS_mmm MESSAGE", in local time. No line end is added: the format carries
-/// its own "\n". Lines that can't be written are dropped silently. Tracing leaves errno alone, and "%m" shows
-/// the caller's. Not for signal handlers, nor for the child of a fork() in a process with threads.
+/// its own "\n". Where the file can't be opened, lines are dropped silently; a full disk may keep a part of
+/// one. Tracing leaves errno alone, and "%m" shows the caller's. A "%n" in a format that isn't constant ends
+/// the program. Not for signal handlers, nor for the child of a fork() in a process with threads. Point
+/// ::gTrace at a trace before threads trace.
 ///
 /// @code
 /// ATrace trace;
@@ -62,8 +64,9 @@ public:
 
     /// Trace into the file at @p fileName, which is copied, from now on, keeping what it holds, while other
     /// threads trace: move the file aside, then call this with its name. A new file has mode 0600. A symbolic
-    /// link at the end of the name is refused. Neither the threshold nor a trace before its Init() changes.
-    /// @return 0, or -1 with errno when the file can't be opened: nothing changes then.
+    /// link at the end of the name is refused; opening a FIFO waits for its reader. Before Init() nothing is
+    /// written yet, but the file stays where Init() finds it, and isn't emptied.
+    /// @return 0, or -1 with errno when the file can't be opened or the name is null: nothing changes then.
     int Reopen(const char* fileName);
 
 private:

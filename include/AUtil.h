@@ -13,7 +13,8 @@ class GORV_API AUtil {
 public:
     AUtil() = delete;
 
-    /// Look @p name up in the environment. A null name is never set.
+    /// Look @p name up in the environment, which no other thread may change meanwhile. A null name is never
+    /// set.
     /// @return the environment's own string if the variable is set. Otherwise a copy of @p defaultValue that
     /// the caller releases with free(), or null if there is no default or no memory. It is the environment's
     /// own exactly if getenv(@p name) returns that very pointer.

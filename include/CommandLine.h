@@ -41,8 +41,9 @@ public:
     const char* getArg(const char* name, const char* defaultValue);
 
     /// Read the first value of the option @p name into @p value: decimal, "0x" hexadecimal, "0b" base-2 or
-    /// "0" octal, from @p least to @p most, and nothing around it. Without the option, or a value of it, @p
-    /// value keeps what it held, so put the default there.
+    /// "0" octal, with a "+" at most (an argument with a dash is an option), from @p least to @p most, and
+    /// nothing around it. Without the option, or a value of it, @p value keeps what it held, so put the
+    /// default there.
     /// @return false, with @p value unchanged, if there is a value and it is no such number.
     bool getInt(const char* name, int least, int most, int& value);
 

@@ -22,9 +22,10 @@
 /// dispose of it at any time: hold getMonitor() while you use one that isn't yours. When the program exits
 /// nobody may use the class any more.
 ///
-/// PAM modules may start programs and wait for them. While a program of SystemExec runs, its SIGCHLD handler
-/// may take such a child away or wait for it, and the login fails or hangs: SystemExec says what a host that
-/// uses both does.
+/// Give a daemon a PAM service file of its own: "login" prints the message of the day, and a stack with
+/// pam_loginuid opens sessions from the main thread only. PAM modules may start programs and wait for them.
+/// While a program of SystemExec runs, its SIGCHLD handler may take such a child away or wait for it, and the
+/// login fails or hangs: SystemExec says what a host that uses both does.
 ///
 /// @code
 /// auto* login = new PAMHelper("::ffff:192.168.1.20", "192.168.1.1");
@@ -137,6 +138,7 @@ public:
     /// Call it right after a form with a service has returned 0 or 12: such a status that something else left
     /// behind, see getAuthResult(), says nothing about this user.
     /// @return whether the session is open; false, without a call to PAM, unless the last status is 0 or 12.
+    ///   The status of a session that PAM doesn't open isn't kept.
     bool startSession();
     /// Close the PAM session if it is open, store PAM's status for getAuthResult(), and remove the registry
     /// entry under this helper's session id, whichever helper has registered under it last. The helper keeps

@@ -38,7 +38,9 @@
 /// PAMHelper::getMonitor(), and not beside the end of a session or a transaction, which run without it.)
 ///
 /// A child that doesn't end by itself is ended with kill(runner.getPid(), SIGKILL) while SIGCHLD is blocked
-/// in every thread: once a child has been reaped, its id may be a stranger's.
+/// in every thread: once a child has been reaped, its id may be a stranger's. Only if getPid() is above 0:
+/// -1 would be everybody. What the child has started lives on and keeps the pipes open, so don't read to
+/// their end after that.
 ///
 /// The child stays in the caller's process group and inherits what a program inherits over exec, with SIGCHLD
 /// and SIGPIPE back at their defaults and SIGCHLD not blocked. Signal handlers of the caller never run in it.
@@ -80,9 +82,9 @@ public:
     /// streams on "/dev/null" and every other descriptor closed.
     void execute();
 
-    /// The same with these arguments instead of those of setArgList(): @p args[0] is the child's name as it
-    /// sees it. With none, the command is the only argument. Throws std::bad_alloc when memory runs out,
-    /// before anything is done.
+    /// The same, the program being that of setCommand(), with these arguments instead of those of
+    /// setArgList(): @p args[0] is the child's name as it sees it. With none, the command is the only
+    /// argument. Throws std::bad_alloc when memory runs out, before anything is done.
     void execute(const std::vector<std::string>& args);
 
     /// @return where to read the child's output, or -1 before execute(), after one that failed, and after the

@@ -49,12 +49,12 @@ void AComponentLog::removeChildLog(AComponentLog& child)
 
 ALog* AComponentLog::getBaseLog()
 {
-    return m_baseLog;
+    return readShared(m_baseLog);
 }
 
 ALog* AComponentLog::getParentLog()
 {
-    return m_baseLog;
+    return readShared(m_baseLog);
 }
 
 void AComponentLog::setEnabled(bool enabled)

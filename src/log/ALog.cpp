@@ -22,7 +22,12 @@ namespace {
 constexpr int kLineSize = 2048;
 constexpr const char* kDefaultFile = "debug.log";
 constexpr const char* kStampFormat = "%m/%e/%Y %X ";
-constexpr const char* kOpenMode = "w+e"; // "e": close-on-exec
+constexpr mode_t kPermissions = 0666; // less what the umask takes
+
+FILE* openEmptied(const char* path)
+{
+    return openStream(path, O_RDWR | O_TRUNC, kPermissions, "w+");
+}
 
 std::unique_ptr<char[]> copyText(const char* text)
 {
@@ -31,9 +36,6 @@ std::unique_ptr<char[]> copyText(const char* text)
     source.copy(copy.get(), source.size());
     return copy;
 }
-
-// How often a line is stamped anew because the second ended while it waited.
-constexpr int kStampAttempts = 3;
 
 /// Whether the time by @p timeFormat shows nothing that the locale says elsewhere: no "%p", no "%r".
 bool hasNumbersOnly(std::string_view timeFormat)
@@ -49,6 +51,9 @@ bool hasNumbersOnly(std::string_view timeFormat)
 /// The stamp that a thread formatted last, and what it depended on.
 class Stamp {
 public:
+    /// May open the zone file.
+    void followZone() { m_time.followZone(); }
+
     /// Bring it up to now.
     void refresh()
     {
@@ -63,7 +68,6 @@ public:
             std::memcpy(m_timeFormat, timeFormat, length + 1);
     }
 
-    bool isOfThisSecond() const { return std::time(nullptr) == m_time.second(); }
     std::string_view text() const { return {m_text, m_length}; }
 
 private:
@@ -110,7 +114,7 @@ int ALog::setOutputFile(const char* path)
     if (m_ownsFile && m_file != nullptr)
         std::fclose(m_file);
     m_ownsFile = true;
-    writeShared(m_file, path == nullptr ? nullptr : std::fopen(path, kOpenMode));
+    writeShared(m_file, openEmptied(path));
     return m_file == nullptr ? -1 : 0;
 }
 
@@ -211,29 +215,26 @@ FILE* ALog::writeLine(StreamLocks& streams, const KeptErrno& callersErrno, const
 {
     if (!readShared(m_enabled))
         return nullptr;
+    FILE* const file = outputFile();
+    if (file == nullptr)
+        return nullptr;
+    const bool isStamped = readShared(m_showTimestamp);
+    const bool isEchoed = readShared(m_echoToConsole);
     Stamp& stamp = stampOfThread();
-    for (int attempt = 1; FILE* const file = outputFile(); ++attempt) {
-        const bool isStamped = readShared(m_showTimestamp);
-        const bool isEchoed = readShared(m_echoToConsole);
-        if (isStamped)
-            stamp.refresh(); // may read the zone file, which StreamLocks forbids
-        streams.lock(file, isEchoed ? stdout : nullptr);
-        const MonitorLock lock = m_monitor.acquireLock();
-        // Lines may go elsewhere by now, and they stand in the order of their stamps.
-        const bool isLate = isStamped && attempt < kStampAttempts && !stamp.isOfThisSecond();
-        if (m_file == file && !isLate) {
-            callersErrno.restore();
-            composeLine(isStamped ? stamp.text() : "", format, args);
-            ::fputs_unlocked(m_buffer, file);
-            if (isEchoed) {
-                ::fputs_unlocked(m_buffer, stdout);
-                ::fflush_unlocked(stdout);
-            }
-            return file;
-        }
-        streams.unlock();
+    if (isStamped)
+        stamp.followZone(); // before the streams are locked: see StreamLocks
+    streams.lock(file, isEchoed ? stdout : nullptr);
+    const MonitorLock lock = m_monitor.acquireLock();
+    if (isStamped)
+        stamp.refresh();
+    callersErrno.restore();
+    composeLine(isStamped ? stamp.text() : "", format, args);
+    ::fputs_unlocked(m_buffer, file);
+    if (isEchoed) {
+        ::fputs_unlocked(m_buffer, stdout);
+        ::fflush_unlocked(stdout);
     }
-    return nullptr;
+    return file;
 }
 
 /// Returns the stream that lines go to, the default file if there is none; null if that can't be opened.
@@ -244,7 +245,7 @@ FILE* ALog::outputFile()
     const MonitorLock lock = m_monitor.acquireLock();
     if (m_file == nullptr) {
         m_ownsFile = true;
-        writeShared(m_file, std::fopen(kDefaultFile, kOpenMode));
+        writeShared(m_file, openEmptied(kDefaultFile));
     }
     return m_file;
 }

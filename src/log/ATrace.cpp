@@ -1,5 +1,6 @@
 #include "ATrace.h"
 
+#include "base/FileDescriptor.h"
 #include "base/SharedField.h"
 #include "log/KeptErrno.h"
 #include "log/LocalSecond.h"
@@ -15,8 +16,7 @@ ATrace* gTrace = nullptr;
 namespace {
 
 constexpr int kMicrosecondsPerMillisecond = 1000;
-constexpr const char* kEmptyMode = "we"; // "e": close-on-exec
-constexpr const char* kAppendMode = "ae";
+constexpr mode_t kPermissions = 0666; // less what the umask takes
 
 /// The stamp that the thread made last, and the time of its text up to the seconds.
 struct Stamp {
@@ -30,6 +30,7 @@ const char* currentStamp()
     static constinit thread_local Stamp s_stamp;
     timeval now{};
     gettimeofday(&now, nullptr);
+    s_stamp.time.followZone();
     if (s_stamp.time.moveTo(now.tv_sec)) {
         const std::tm& fields = s_stamp.time.fields();
         s_stamp.secondsLength = std::snprintf(
@@ -138,10 +139,10 @@ bool ATrace::openFile()
 {
     if (m_firstOpen) {
         m_firstOpen = false;
-        if (FILE* emptied = std::fopen(m_fileName, kEmptyMode))
-            std::fclose(emptied);
+        const FileDescriptor emptied(
+            ::open(m_fileName, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kPermissions));
     }
-    m_file = std::fopen(m_fileName, kAppendMode);
+    m_file = openStream(m_fileName, O_WRONLY | O_APPEND, kPermissions, "a");
     return m_file != nullptr;
 }
 

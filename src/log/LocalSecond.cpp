@@ -19,15 +19,26 @@ class ZoneLock {
 
 } // namespace
 
-bool LocalSecond::moveTo(std::time_t second)
+void LocalSecond::followZone()
 {
     const char* const zone = std::getenv("TZ");
-    if (m_isKept && second == m_second && isZone(zone))
-        return false;
-    m_second = second;
+    const std::time_t now = std::time(nullptr);
+    if (m_isKept && now == m_zoneSecond && isZone(zone))
+        return;
     keepZone(zone);
+    m_zoneSecond = now;
+    m_isConverted = false;
     [[maybe_unused]] const ZoneLock lock{};
     tzset(); // localtime_r alone need not notice that TZ or the zone file changed
+}
+
+bool LocalSecond::moveTo(std::time_t second)
+{
+    if (m_isConverted && second == m_second)
+        return false;
+    m_second = second;
+    m_isConverted = true;
+    [[maybe_unused]] const ZoneLock lock{};
     localtime_r(&second, &m_fields);
     return true;
 }

@@ -28,20 +28,22 @@ void take(FILE* stream)
 
 } // namespace
 
-FILE* openToAppend(const char* path)
+FILE* openStream(const char* path, int flags, mode_t permissions, const char* mode)
 {
     if (path == nullptr) {
         errno = EINVAL;
         return nullptr;
     }
-    FileDescriptor file(
-        ::open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC, 0600));
-    if (file.isOpen() && file.get() <= STDERR_FILENO)
-        file = FileDescriptor(::fcntl(file.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
-    FILE* const stream = file.isOpen() ? ::fdopen(file.get(), "a") : nullptr;
+    FileDescriptor file(::open(path, flags | O_CREAT | O_CLOEXEC, permissions));
+    FILE* const stream = leaveStandardNumbers(file) ? ::fdopen(file.get(), mode) : nullptr;
     if (stream != nullptr)
         file.release();
     return stream;
+}
+
+FILE* openToAppend(const char* path)
+{
+    return openStream(path, O_WRONLY | O_APPEND | O_NOFOLLOW | O_NOCTTY, 0600, "a");
 }
 
 void StreamLocks::lock(FILE* first, FILE* second)

@@ -1,10 +1,15 @@
 #pragma once
 
 #include <cstdio>
-#include <utility>
+#include <sys/types.h>
 
-/// Opens the file at @p path for appending, close-on-exec, on none of the three standard descriptors. A new
-/// file has mode 0600; a symbolic link at the end of the path is refused. Returns null with errno on failure.
+/// Opens the file at @p path, made if need be, as open() does with @p flags and @p permissions and fdopen()
+/// with
+/// @p mode: close-on-exec, and on none of the three standard descriptors, where the host's lines would go
+/// into it. Returns null with errno on failure, as for a null path.
+FILE* openStream(const char* path, int flags, mode_t permissions, const char* mode);
+
+/// The same for appending. A new file has mode 0600; a symbolic link at the end of the path is refused.
 FILE* openToAppend(const char* path);
 
 /// Holds the locks of the streams that one line goes to, so that nothing comes between the line and its
@@ -15,24 +20,23 @@ FILE* openToAppend(const char* path);
 class StreamLocks {
 public:
     StreamLocks() = default;
-    ~StreamLocks() { unlock(); }
+    ~StreamLocks()
+    {
+        giveBack(m_first);
+        giveBack(m_second);
+    }
 
     StreamLocks(const StreamLocks&) = delete;
     StreamLocks& operator=(const StreamLocks&) = delete;
 
     /// @p second may be null, and both may be the same. Nothing may be locked yet.
     void lock(FILE* first, FILE* second = nullptr);
-    void unlock()
-    {
-        giveBack(m_first);
-        giveBack(m_second);
-    }
 
 private:
-    static void giveBack(FILE*& stream)
+    static void giveBack(FILE* stream)
     {
         if (stream != nullptr)
-            ::funlockfile(std::exchange(stream, nullptr));
+            ::funlockfile(stream);
     }
 
     FILE* m_first = nullptr;

@@ -4,7 +4,7 @@
 
 #pragma GCC diagnostic ignored "-Wformat" // a format that can't be checked
 
-TEST(Exceptions, CarryTheirMessageToTheHandlerOfTheRootAndCutItBeyond4095Characters)
+TEST(ExceptionTest, CarryTheirMessageToTheHandlerOfTheRootAndCutItBeyond4095Characters)
 {
     const std::string longest(4095, 'm');
     EXPECT_EQ(Exception().getMessage(), "");
@@ -17,7 +17,7 @@ TEST(Exceptions, CarryTheirMessageToTheHandlerOfTheRootAndCutItBeyond4095Charact
     }
 }
 
-TEST(Exceptions, EndAtAnArgumentThatCannotBeFormatted)
+TEST(ExceptionTest, EndAtAnArgumentThatCannotBeFormatted)
 {
     const wchar_t none[] = {0x7FFFFFFF, 0};
     EXPECT_EQ(Exception("before %ls after", none).getMessage(), "before ");

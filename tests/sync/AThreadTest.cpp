@@ -1,19 +1,16 @@
 #include "AThread.h"
+#include "support/Interposed.h"
 
 #include <atomic>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 static bool s_creationFails = false;
 
 // The library's call ends here.
-extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* thread,
-                                                                     const pthread_attr_t* attributes,
-                                                                     void* (*body)(void*),
-                                                                     void* object) noexcept
+INTERPOSED int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                              void* object) noexcept
 {
-    static const auto s_create =
-        reinterpret_cast<decltype(&pthread_create)>(::dlsym(RTLD_NEXT, "pthread_create"));
+    static const auto s_create = nextDefinition<decltype(::pthread_create)>("pthread_create");
     *thread = 1; // a failed creation may leave anything
     return s_creationFails ? EAGAIN : s_create(thread, attributes, body, object);
 }

@@ -9,13 +9,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(MonitorTest, FirstMonitorOfAProgramFollowsTheTwoOfTheLibrary)
-{
-    EXPECT_EQ(NextMonitorId, 3);
-    const Monitor first;
-    EXPECT_EQ(NextMonitorId, 4);
-}
-
 TEST(MonitorTest, LockIsFreeOnlyAfterAsManyReleasesAsLocksAndAGuardReleasesOnce)
 {
     Monitor monitor, other;

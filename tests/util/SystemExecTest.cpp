@@ -1,5 +1,6 @@
 #include "SystemExec.h"
 #include "support/Files.h"
+#include "support/Interposed.h"
 
 #include <array>
 #include <csignal>
@@ -11,16 +12,30 @@
 
 static int s_signalInFork = 0;
 static int s_signalInDelay = 0;
+static bool s_writesInFork = false;
 static bool s_waitsAtExit = false;
 
 // The library's calls end here. The child's delay is only announced.
-extern "C" __attribute__((visibility("default"))) unsigned sleep(unsigned seconds)
+INTERPOSED unsigned sleep(unsigned seconds)
 {
     ::dprintf(STDOUT_FILENO, "sleep %u\n", seconds);
     return static_cast<unsigned>(::raise(s_signalInDelay));
 }
 
 namespace {
+
+// As by another thread, by a parent that is late, and by whoever signals a child at once. Once set, they
+// stay.
+const int s_forkHandlers = ::pthread_atfork(
+    [] {
+        if (s_writesInFork)
+            std::fputs("other line\n", stdout);
+    },
+    [] {
+        if (s_writesInFork)
+            ::usleep(10'000);
+    },
+    [] { ::raise(s_signalInFork); });
 
 using Texts = std::pair<std::string, std::string>;
 using Words = std::vector<std::string>;
@@ -122,9 +137,9 @@ TEST_F(SystemExecTest, ChildRunsOnThreePipesUntilTheHandlerClosesThemAndKeepsIts
 TEST_F(SystemExecTest, ProgressLinesArriveOnceAndWholeAndTheChildWaitsASecond)
 {
     CapturedStream output(stdout);
-    // As by another thread, and by a parent that is late.
-    ::pthread_atfork([] { std::fputs("other line\n", stdout); }, [] { ::usleep(10'000); }, nullptr);
+    s_writesInFork = true;
     start("true");
+    s_writesInFork = false;
     talk();
     const std::string pid = std::to_string(::waitpid(-1, nullptr, 0));
     const std::string parent = "other line\nSystemExec parent process.  Command: true: fork pid : " + pid +
@@ -170,7 +185,6 @@ TEST_F(SystemExecTest, SignalMeetsNoHandlerOfTheCallerInTheChildAndABrokenPipeDo
 {
     for (const int signal : {SIGTERM, SIGPIPE})
         std::signal(signal, [](int) {});
-    ::pthread_atfork(nullptr, nullptr, [] { ::raise(s_signalInFork); });
     const std::tuple<int, int, int> cases[] = {{SIGTERM, 0, SIGTERM}, {0, SIGTERM, SIGTERM}, {0, SIGPIPE, 0}};
     for (const auto& [inFork, inDelay, expectedStatus] : cases) {
         s_signalInFork = inFork;

@@ -1,13 +1,13 @@
-#include "AComponentLog.h"
 #include "ALog.h"
+#include "AComponentLog.h"
 #include "support/Files.h"
+#include "support/Interposed.h"
 
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <langinfo.h>
@@ -22,20 +22,20 @@ static char s_timeFormat[16] = "%H:%M:%S";          // of the time locale
 static std::string s_timeOfDay = s_timeFormat;      // what that comes down to
 
 // These take the place of the C library's clock and time locale for the log.
-extern "C" __attribute__((visibility("default"))) std::time_t time(std::time_t*) noexcept
+INTERPOSED std::time_t time(std::time_t*) noexcept
 {
     return s_now;
 }
 
-extern "C" __attribute__((visibility("default"))) char* nl_langinfo(nl_item) noexcept
+INTERPOSED char* nl_langinfo(nl_item) noexcept
 {
     return s_timeFormat;
 }
 
-extern "C" __attribute__((visibility("default"))) std::size_t
-strftime(char* text, std::size_t size, const char* format, const std::tm* fields) noexcept
+INTERPOSED std::size_t strftime(char* text, std::size_t size, const char* format,
+                                const std::tm* fields) noexcept
 {
-    static const auto s_real = reinterpret_cast<decltype(&strftime)>(::dlsym(RTLD_NEXT, "strftime"));
+    static const auto s_real = nextDefinition<decltype(::strftime)>("strftime");
     std::string whole = format;
     if (const auto position = whole.find("%X"); position != std::string::npos)
         whole.replace(position, 2, s_timeOfDay);
@@ -43,7 +43,7 @@ strftime(char* text, std::size_t size, const char* format, const std::tm* fields
 }
 
 // One buffer for all threads: the log must not call it.
-extern "C" __attribute__((visibility("default"))) std::tm* localtime(const std::time_t*) noexcept
+INTERPOSED std::tm* localtime(const std::time_t*) noexcept
 {
     std::abort();
 }
@@ -53,14 +53,14 @@ namespace {
 const std::string kStamp = "11/ 6/2026 23:59:59 ";
 
 /// A log into a file, without stamps, in a scratch folder of its own: there "debug.log" lands.
-struct LogTest : testing::Test {
-    LogTest()
+struct ALogTest : testing::Test {
+    ALogTest()
     {
         std::filesystem::current_path(m_dir.path());
         setenv("TZ", "UTC", 1);
         m_log.setShowTimestamp(false);
     }
-    ~LogTest() override
+    ~ALogTest() override
     {
         std::filesystem::current_path("/");
         std::fclose(m_file);
@@ -74,7 +74,7 @@ struct LogTest : testing::Test {
     va_list m_noArguments{};
 };
 
-TEST_F(LogTest, StampFollowsClockZoneAndLocaleFromLineToLineAndErrnoIsTheCallers)
+TEST_F(ALogTest, StampFollowsClockZoneAndLocaleFromLineToLineAndErrnoIsTheCallers)
 {
     struct Line {
         const char* stamp;
@@ -115,18 +115,18 @@ TEST_F(LogTest, StampFollowsClockZoneAndLocaleFromLineToLineAndErrnoIsTheCallers
     EXPECT_EQ(written(), expected);
 }
 
-TEST_F(LogTest, LineIsCutAt2047CharactersAndAtAZeroByte)
+TEST_F(ALogTest, LineIsCutAt2047CharactersAndAtAZeroByte)
 {
     const std::string longText(3000, 'm');
     m_log.setShowTimestamp(true);
     int length = 0;
-    m_log.print((longText + "%n\n").c_str(), &length);
+    m_log.print("%s%n\n", longText.c_str(), &length);
     EXPECT_EQ(length, 3000); // as printf counts
     m_log.print("a%cb\n", 0);
     EXPECT_EQ(written(), (kStamp + "box -" + longText).substr(0, 2047) + kStamp + "box -a");
 }
 
-TEST_F(LogTest, OpenFailuresDropTheLineAndTheNextLineTriesAgain)
+TEST_F(ALogTest, OpenFailuresDropTheLineAndTheNextLineTriesAgain)
 {
     ALog("off").print("no line, no file\n");
     EXPECT_FALSE(std::filesystem::exists("debug.log"));
@@ -143,7 +143,7 @@ TEST_F(LogTest, OpenFailuresDropTheLineAndTheNextLineTriesAgain)
     EXPECT_EQ(fcntl(next, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC); // no program inherits it
 }
 
-TEST_F(LogTest, NewOutputFileClosesTheLogsOwnStreamAndNoOther)
+TEST_F(ALogTest, NewOutputFileClosesTheLogsOwnStreamAndNoOther)
 {
     const int before = openDescriptors();
     ASSERT_EQ(m_log.setOutputFile("night.log"), 0);
@@ -155,7 +155,7 @@ TEST_F(LogTest, NewOutputFileClosesTheLogsOwnStreamAndNoOther)
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST_F(LogTest, ReopenedFileKeepsWhatItHoldsAndAFailureKeepsTheStream)
+TEST_F(ALogTest, ReopenedFileKeepsWhatItHoldsAndAFailureKeepsTheStream)
 {
     std::ofstream("kept.log") << "earlier\n";
     std::filesystem::create_symlink("kept.log", "link.log");
@@ -174,7 +174,7 @@ TEST_F(LogTest, ReopenedFileKeepsWhatItHoldsAndAFailureKeepsTheStream)
     EXPECT_EQ(std::filesystem::status("new.log").permissions(), std::filesystem::perms{0600});
 }
 
-TEST_F(LogTest, EchoedLineAlsoReachesStandardOutputAndAFullDiskStopsNothing)
+TEST_F(ALogTest, EchoedLineAlsoReachesStandardOutputAndAFullDiskStopsNothing)
 {
     CapturedStream output(stdout);
     EXPECT_FALSE(m_log.getEchoToConsole());
@@ -191,7 +191,7 @@ TEST_F(LogTest, EchoedLineAlsoReachesStandardOutputAndAFullDiskStopsNothing)
     EXPECT_EQ(written(), "box -100% %d\n");
 }
 
-TEST_F(LogTest, LinesOfManyThreadsStayWholeWhileFilesMoveAndAHostHoldsTheStream)
+TEST_F(ALogTest, LinesOfManyThreadsStayWholeWhileFilesMoveAndAHostHoldsTheStream)
 {
     constexpr int kThreads = 8, kLines = 200;
     ALog unnamed(nullptr, nullptr);
@@ -221,7 +221,7 @@ TEST_F(LogTest, LinesOfManyThreadsStayWholeWhileFilesMoveAndAHostHoldsTheStream)
     EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), kThreads * kLines);
 }
 
-struct ComponentLogTest : LogTest {};
+struct AComponentLogTest : ALogTest {};
 
 void useEveryOperation(AComponentLog& log)
 {
@@ -236,7 +236,7 @@ void useEveryOperation(AComponentLog& log)
     log.vprint(AComponentLog::TRACE, "m 1\n", none);
 }
 
-TEST_F(ComponentLogTest, OperationsWriteTheBaseLogsLineUnlessThereIsNoneOrTheyAreSwitchedOff)
+TEST_F(AComponentLogTest, OperationsWriteTheBaseLogsLineUnlessThereIsNoneOrTheyAreSwitchedOff)
 {
     AComponentLog component(nullptr);
     useEveryOperation(component);
@@ -259,7 +259,7 @@ TEST_F(ComponentLogTest, OperationsWriteTheBaseLogsLineUnlessThereIsNoneOrTheyAr
     EXPECT_EQ(written(), expected);
 }
 
-TEST_F(ComponentLogTest, BaseLogIsHandedDownToWhatIsStillListed)
+TEST_F(AComponentLogTest, BaseLogIsHandedDownToWhatIsStillListed)
 {
     ALog other("other", m_file);
     AComponentLog root("root"), child("child", other), grandchild("grandchild");
@@ -278,7 +278,7 @@ TEST_F(ComponentLogTest, BaseLogIsHandedDownToWhatIsStillListed)
     EXPECT_EQ(child.getBaseLog(), &m_log);
 }
 
-TEST_F(ComponentLogTest, ChildThatWouldCloseACycleIsRefused)
+TEST_F(AComponentLogTest, ChildThatWouldCloseACycleIsRefused)
 {
     AComponentLog top("top"), middle("middle"), bottom("bottom");
     top.addChildLog(middle);

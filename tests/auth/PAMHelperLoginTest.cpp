@@ -9,9 +9,9 @@
 
 namespace {
 
-struct LoginTest : testing::Test {
-    LoginTest() { useServiceFilesIn(m_stack.path().c_str()); }
-    ~LoginTest() override
+struct PAMHelperLoginTest : testing::Test {
+    PAMHelperLoginTest() { useServiceFilesIn(m_stack.path().c_str()); }
+    ~PAMHelperLoginTest() override
     {
         useServiceFilesIn(nullptr);
         EXPECT_TRUE(PAMHelper::instanceMap.empty());
@@ -28,7 +28,7 @@ struct LoginTest : testing::Test {
     const PamStack m_stack{GORV_DEMO_MODULE, "test", {{"alice", "7"}, {"minus", "-1"}, {"crowd", "auto"}}};
 };
 
-TEST_F(LoginTest, HelperIsFoundByTextAndNumberUntilItsSessionStops)
+TEST_F(PAMHelperLoginTest, HelperIsFoundByTextAndNumberUntilItsSessionStops)
 {
     PAMHelper *first = loggedIn("alice"), *second = loggedIn("alice"), *minus = loggedIn("minus");
     for (PAMHelper* helper : {first, second, minus})
@@ -55,7 +55,7 @@ TEST_F(LoginTest, HelperIsFoundByTextAndNumberUntilItsSessionStops)
         helper->dispose();
 }
 
-TEST_F(LoginTest, ManyThreadsLogInFindAndDisposeWhileOthersLook)
+TEST_F(PAMHelperLoginTest, ManyThreadsLogInFindAndDisposeWhileOthersLook)
 {
     std::atomic<int> working = 8;
     PAMHelper* const watched = loggedIn("crowd");

@@ -1,5 +1,6 @@
 #include "ALog.h"
 #include "support/Files.h"
+#include "support/Interposed.h"
 
 #include <cerrno>
 #include <gtest/gtest.h>
@@ -10,14 +11,13 @@ static timeval s_now{};
 static timespec s_deadline{};
 
 // The system's wait and clock, as the monitor sees them.
-extern "C" __attribute__((visibility("default"))) int
-pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*, const timespec* deadline)
+INTERPOSED int pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*, const timespec* deadline)
 {
     s_deadline = *deadline;
     return s_result;
 }
 
-extern "C" __attribute__((visibility("default"))) int gettimeofday(timeval* now, void*) noexcept
+INTERPOSED int gettimeofday(timeval* now, void*) noexcept
 {
     *now = s_now;
     return 0;
@@ -25,7 +25,7 @@ extern "C" __attribute__((visibility("default"))) int gettimeofday(timeval* now,
 
 namespace {
 
-TEST(TimedWaitTest, OnlyUnexpectedResultsAreLogged)
+TEST(MonitorTimedWaitTest, OnlyUnexpectedResultsAreLogged)
 {
     CapturedStream output(stdout);
     ALog log("box", stdout);
@@ -42,7 +42,7 @@ TEST(TimedWaitTest, OnlyUnexpectedResultsAreLogged)
                              "box - pthread_cond_timedwait returned: 1\n");
 }
 
-TEST(TimedWaitTest, DeadlineCarriesNanosecondsIntoSeconds)
+TEST(MonitorTimedWaitTest, DeadlineCarriesNanosecondsIntoSeconds)
 {
     const std::tuple<timeval, int, timespec> cases[] = {
         {{100, 500'000}, 1500, {102, 0}},

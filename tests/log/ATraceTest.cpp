@@ -1,5 +1,6 @@
 #include "ATrace.h"
 #include "support/Files.h"
+#include "support/Interposed.h"
 
 #include <cerrno>
 #include <gtest/gtest.h>
@@ -12,7 +13,7 @@
 static timeval s_now = {1700000000, 123456};
 
 // The library's clock.
-extern "C" __attribute__((visibility("default"))) int gettimeofday(timeval* now, void*) noexcept
+INTERPOSED int gettimeofday(timeval* now, void*) noexcept
 {
     *now = s_now;
     return 0;
@@ -23,16 +24,16 @@ namespace {
 const std::string kStamp = "2023/11/15 03:43:20_123 ";
 const std::string kStartLine = kStamp + "ATrace::Init: Trace Starting\n";
 
-struct TraceTest : testing::Test {
-    TraceTest() { ::setenv("TZ", "EAST-5:30", 1); }
-    ~TraceTest() override { gTrace = nullptr; }
+struct ATraceTest : testing::Test {
+    ATraceTest() { ::setenv("TZ", "EAST-5:30", 1); }
+    ~ATraceTest() override { gTrace = nullptr; }
 
     TempDir m_dir;
     const std::string m_path = m_dir.path("trace"), m_other = m_dir.path("other");
     ATrace m_trace;
 };
 
-TEST_F(TraceTest, LinesAreFilteredAndStampedInLocalTime)
+TEST_F(ATraceTest, LinesAreFilteredAndStampedInLocalTime)
 {
     CapturedStream console(stdout);
     m_trace.Init(3, nullptr);
@@ -59,7 +60,7 @@ TEST_F(TraceTest, LinesAreFilteredAndStampedInLocalTime)
               expected + "2023/11/15 03:43:20_999 \n2023/11/15 03:43:20_000 \n" + kStamp + "\n");
 }
 
-TEST_F(TraceTest, FileIsEmptiedAtTheFirstOpeningOfAnObjectOnly)
+TEST_F(ATraceTest, FileIsEmptiedAtTheFirstOpeningOfAnObjectOnly)
 {
     std::ofstream(m_path) << "old\n";
     std::ofstream(m_other) << "kept\n";
@@ -82,7 +83,7 @@ TEST_F(TraceTest, FileIsEmptiedAtTheFirstOpeningOfAnObjectOnly)
     EXPECT_EQ(readFile(m_other), "kept\n" + kStamp + "last\n" + kStamp + "Not a directory\n");
 }
 
-TEST_F(TraceTest, LinesThatCannotBeWrittenAreDropped)
+TEST_F(ATraceTest, LinesThatCannotBeWrittenAreDropped)
 {
     m_trace.Init(0, "/dev/full");
     errno = 0;
@@ -97,7 +98,7 @@ TEST_F(TraceTest, LinesThatCannotBeWrittenAreDropped)
     EXPECT_EQ(readFile(m_other + "/trace"), "kept\n" + kStamp + "written\n");
 }
 
-TEST_F(TraceTest, LinesStayWholeWhileTheFileMovesAndAllStreamsAreFlushed)
+TEST_F(ATraceTest, LinesStayWholeWhileTheFileMovesAndAllStreamsAreFlushed)
 {
     m_trace.Init(1, m_path.c_str());
     std::vector<std::thread> threads;
