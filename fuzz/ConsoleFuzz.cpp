@@ -19,9 +19,9 @@ void Admission::enter(int, const std::string&)
 void Admission::leave(int)
 {}
 
-std::optional<Admission::Clock::time_point> Admission::beginLogin(int, const std::string& user)
+Admission::Turn Admission::beginLogin(int, const std::string& user)
 {
-    return user.size() % 8 == 7 ? std::nullopt : std::optional(Clock::now());
+    return {user.size() % 8 != 7, Clock::now()};
 }
 
 void Admission::endLogin(int, bool)
@@ -147,7 +147,7 @@ private:
         if (m_loggedIn)
             return {protocol::BadRequest};
         if (user.size() % 8 == 7)
-            return {protocol::Busy};
+            return {protocol::Busy, ++m_refusals < 3};
         m_loggedIn = user == password;
         if (m_loggedIn)
             return {protocol::Done};

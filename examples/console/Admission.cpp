@@ -24,12 +24,21 @@ std::string oneAddress(const std::string& address)
     return address.starts_with("127.") ? "127.0.0.1" : address;
 }
 
+/// A stranger chose the name: it must not look like another part of the line.
+std::string quoted(const std::string& name)
+{
+    std::string text = name.substr(0, kNameShown);
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return c < ' ' || c > '~' || c == '"'; }, '?');
+    return '"' + text + '"';
+}
+
 } // namespace
 
 void Admission::enter(int connection, const std::string& address)
 {
     const MonitorLock lock = m_monitor.acquireLock();
-    const Guest guest{oneAddress(address), ""};
+    const Guest guest{oneAddress(address), {}};
     const auto all = guests(Phase::Stranger), ofAddress = guests(Phase::Stranger, guest.address);
     if (ofAddress.size() >= kStrangers / 2)
         hangUpOneOf(ofAddress);
@@ -53,25 +62,26 @@ void Admission::leave(int connection)
     m_guests.erase(guest);
 }
 
-std::optional<Admission::Clock::time_point> Admission::beginLogin(int connection, const std::string& user)
+Admission::Turn Admission::beginLogin(int connection, const std::string& user)
 {
     const MonitorLock lock = m_monitor.acquireLock();
+    const auto now = Clock::now();
     const auto guest = m_guests.find(connection);
     const std::size_t trying = guests(Phase::Trying).size();
     if (guest == m_guests.end() || trying >= kLogins || s_users + trying >= kUsers ||
         guests(Phase::Trying, guest->second.address).size() >= kLogins / 2) {
         ++m_turnedAway;
-        return std::nullopt;
+        return {false, now + kPace};
+    }
+    guest->second.sources = {"from " + guest->second.address, "as " + quoted(user)};
+    auto turn = now;
+    for (const std::string& name : guest->second.sources) {
+        Source& source = m_sources[name];
+        turn = std::max(turn, source.due - kUnhurried * kPace);
+        source.due = std::max(source.due, now) + kPace; // taken back unless the login is refused
     }
     guest->second.phase = Phase::Trying;
-    guest->second.user = user.substr(0, kNameShown);
-    const auto now = Clock::now();
-    auto turn = now;
-    for (Source* source : sourcesOf(guest->second)) {
-        turn = std::max(turn, source->due - kUnhurried * kPace);
-        source->due = std::max(source->due, now) + kPace; // taken back unless the login is refused
-    }
-    return turn;
+    return {true, turn};
 }
 
 void Admission::endLogin(int connection, bool succeeded)
@@ -113,17 +123,14 @@ std::vector<int> Admission::guests(Phase phase, const std::string& address) cons
     return found;
 }
 
-/// What slows down the guest's login, in the words of the log.
-std::array<Admission::Source*, 2> Admission::sourcesOf(const Guest& guest)
-{
-    return {&m_sources["from " + guest.address], &m_sources["as " + guest.user]};
-}
-
+/// Allocates nothing for a guest who leaves.
 void Admission::settle(const Guest& guest, bool refused)
 {
-    for (Source* source : sourcesOf(guest)) {
-        source->due -= refused ? 0s : kPace;
-        source->refusals += refused ? 1 : 0;
+    for (const std::string& name : guest.sources) {
+        if (refused)
+            ++m_sources[name].refusals;
+        else if (const auto source = m_sources.find(name); source != m_sources.end())
+            source->second.due -= kPace;
     }
 }
 

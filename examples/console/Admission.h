@@ -6,7 +6,6 @@
 #include <atomic>
 #include <chrono>
 #include <map>
-#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -18,8 +17,9 @@ class AComponentLog;
 ///
 /// There are few places for strangers, and half of them at most for one address. Another one is let in all
 /// the same, and one of those before it, by chance, is hung up. Fewer still may try to log in at a time; one
-/// more is turned away. Each login that is refused slows down the later ones from its address, and those with
-/// its user name, whether there is such a user or not. All that strangers do is one line a period in the log.
+/// more is turned away, a second later. Each login that is refused slows down the later ones from its
+/// address, and those with its user name, whether there is such a user or not. All that strangers do is one
+/// line a period in the log.
 ///
 /// Safe from any thread. A connection goes by its descriptor, which is open from enter() to leave().
 class Admission {
@@ -33,8 +33,11 @@ public:
     void enter(int connection, const std::string& address);
     void leave(int connection);
 
-    /// Returns when to check the password, or nothing when the login is turned away.
-    std::optional<Clock::time_point> beginLogin(int connection, const std::string& user);
+    struct Turn {
+        bool isGranted;         ///< False when the login is turned away.
+        Clock::time_point time; ///< When to check the password, or to answer.
+    };
+    Turn beginLogin(int connection, const std::string& user);
     void endLogin(int connection, bool succeeded);
 
     /// How many users there are. Waits for nobody.
@@ -47,16 +50,15 @@ private:
     enum class Phase { Stranger, Trying, User };
     struct Guest {
         std::string address;
-        std::string user; // of the last login that was begun
+        std::array<std::string, 2> sources; // of the last login that was begun
         Phase phase = Phase::Stranger;
     };
-    struct Source { // an address or a user name
+    struct Source { // an address or a user name, in the words of the log
         Clock::time_point due;
         int refusals = 0; // to be reported
     };
 
     std::vector<int> guests(Phase phase, const std::string& address = "") const;
-    std::array<Source*, 2> sourcesOf(const Guest& guest);
     void settle(const Guest& guest, bool refused);
     void hangUpOneOf(const std::vector<int>& strangers);
     std::string mostRefused() const;

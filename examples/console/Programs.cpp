@@ -7,8 +7,6 @@
 #include <array>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
-#include <dirent.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/stat.h>
@@ -20,23 +18,18 @@ using Clock = std::chrono::steady_clock;
 using Condition = std::function<bool()>;
 
 constexpr int kPollMs = 50;
+constexpr int kDescriptors = 1024; // more than the daemon ever has
 
 thread_local bool s_startsProgram = false;
 
-/// The program's own pipes are the only ones of the process.
+/// The program's own pipes are the only ones of the process. Async-signal-safe.
 void closeAllButPipes()
 {
-    DIR* const folder = ::opendir("/proc/self/fd");
-    if (folder == nullptr)
-        return;
-    while (const dirent* entry = ::readdir(folder)) {
-        const int number = std::atoi(entry->d_name);
+    for (int number = STDERR_FILENO + 1; number < kDescriptors; ++number) {
         struct stat file {};
-        if (number > STDERR_FILENO && number != ::dirfd(folder) && ::fstat(number, &file) == 0 &&
-            !S_ISFIFO(file.st_mode))
+        if (::fstat(number, &file) == 0 && !S_ISFIFO(file.st_mode))
             ::close(number);
     }
-    ::closedir(folder);
 }
 
 /// In the child of a fork. The program starts a second later: till then the child must not keep the port, or
@@ -70,21 +63,6 @@ bool readSome(int descriptor, std::size_t limit, std::string& text)
     return count > 0;
 }
 
-/// Read both outputs of the child until both end, or its time.
-void drain(SystemExec& runner, const Condition& isOver, std::size_t size, std::string& text)
-{
-    const Descriptor input(runner.getStdIn()), output(runner.getStdOut()), error(runner.getStdErr());
-    std::array<pollfd, 2> ends = {{{output.get(), POLLIN, 0}, {error.get(), POLLIN, 0}}};
-    while ((ends[0].fd >= 0 || ends[1].fd >= 0) && !isOver()) {
-        if (::poll(ends.data(), ends.size(), kPollMs) <= 0)
-            continue;
-        for (pollfd& end : ends) {
-            if (end.revents != 0 && !readSome(end.fd, size, text))
-                end.fd = -1;
-        }
-    }
-}
-
 bool hasEnded(pid_t child)
 {
     siginfo_t ended{};
@@ -92,11 +70,28 @@ bool hasEnded(pid_t child)
            ended.si_pid == child;
 }
 
-/// Wait for the child, or end it, stopped or not. Nothing of its group is left. Returns whether it succeeded.
-bool finish(pid_t child, const Condition& isOver)
+/// Read both outputs of the child until it has ended: others may keep them open. Returns false when its time
+/// was over before.
+bool drain(SystemExec& runner, const Condition& isOver, std::size_t size, std::string& text)
 {
-    while (!hasEnded(child) && !isOver())
-        ::poll(nullptr, 0, kPollMs);
+    const Descriptor input(runner.getStdIn()), output(runner.getStdOut()), error(runner.getStdErr());
+    std::array<pollfd, 2> ends = {{{output.get(), POLLIN, 0}, {error.get(), POLLIN, 0}}};
+    while (!isOver()) {
+        const bool ended = hasEnded(runner.getPid()); // and all that it printed is there
+        const int ready = ::poll(ends.data(), ends.size(), ended ? 0 : kPollMs);
+        if (ready <= 0 && ended)
+            return true;
+        for (pollfd& end : ends) {
+            if (ready > 0 && end.revents != 0 && !readSome(end.fd, size, text))
+                end.fd = -1;
+        }
+    }
+    return false;
+}
+
+/// End the child, stopped or not, and its group. Returns whether it had succeeded.
+bool reap(pid_t child)
+{
     ::kill(-child, SIGKILL);
     ::kill(child, SIGKILL); // one that has no group of its own yet
     int status = -1;
@@ -127,6 +122,6 @@ Programs::Outcome Programs::run(std::string_view name, std::size_t limit,
         return Outcome::Failed;
     const auto end = Clock::now() + std::chrono::seconds(m_limitSeconds);
     const auto isOver = [&] { return isCancelled() || Clock::now() > end; };
-    drain(runner, isOver, limit, output);
-    return finish(runner.getPid(), isOver) ? Outcome::Finished : Outcome::Failed;
+    const bool inTime = drain(runner, isOver, limit, output);
+    return reap(runner.getPid()) && inTime ? Outcome::Finished : Outcome::Failed;
 }

@@ -20,7 +20,8 @@ public:
     Programs(std::vector<Program> programs, int limitSeconds);
 
     /// Run the program of that name to its end and append what it printed, at most @p limit bytes, to @p
-    /// output. When its time is over or @p isCancelled, it is killed with all that it has started.
+    /// output. When its time is over or @p isCancelled, it has failed. It ends
+    /// with its process group; what has left that lives on, and isn't read any more.
     Outcome run(std::string_view name, std::size_t limit, const std::function<bool()>& isCancelled,
                 std::string& output);
 

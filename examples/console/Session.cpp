@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <cerrno>
 #include <cstdarg>
 #include <exception>
 #include <openssl/crypto.h>
@@ -68,17 +69,15 @@ private:
 Session::Session(Descriptor descriptor, sockaddr_in peer, Services& services)
     : m_services(services), m_socket(descriptor.release(), peer), m_remote(textOf(peer)),
       m_interface(interfaceOf(m_socket.getDescriptor())),
-      m_label(m_remote + ":" + std::to_string(ntohs(peer.sin_port))), m_log(m_label.c_str()),
-      m_deadline(m_connected + kBeginTime)
+      m_label(m_remote + ":" + std::to_string(ntohs(peer.sin_port))),
+      m_log(m_label.c_str(), *services.log.getBaseLog()), m_deadline(m_connected + kBeginTime)
 {
-    m_services.log.addChildLog(m_log);
     m_services.admission.enter(m_socket.getDescriptor(), m_remote);
 }
 
 Session::~Session()
 {
     m_services.admission.leave(m_socket.getDescriptor());
-    m_services.log.removeChildLog(m_log);
 }
 
 void Session::run()
@@ -208,10 +207,10 @@ Session::Answer Session::logIn(std::string_view user, std::string_view password)
     std::string secret(password);
     const WipeAtExit wipe(secret.data(), secret.size());
     const auto turn = m_services.admission.beginLogin(m_socket.getDescriptor(), name);
-    if (!turn)
-        return {protocol::Busy, "too many logins at a time"};
-    if (!wait(0, *turn))
+    if (!wait(0, turn.time))
         return {protocol::Failed, "the connection has ended", false};
+    if (!turn.isGranted)
+        return {protocol::Busy, "no room for another login", ++m_refusals < kMaxRefusals};
     bool skipAuth = false;
     std::unique_ptr<PAMHelper, Dispose> login(new PAMHelper(m_remote.c_str(), m_interface.c_str()));
     MonitorLock queue = PAMHelper::getMonitor()->acquireLock(); // logins wait here while another is slow
@@ -224,6 +223,9 @@ Session::Answer Session::logIn(std::string_view user, std::string_view password)
     if (!admitted) // nothing tells whether there is such a user
         return {protocol::Refused, "login refused", ++m_refusals < kMaxRefusals};
     login->setSessionId(AUtil::generateRandomKey());
+    static std::atomic<int> s_lastSession = 0;
+    if (login->getKEPSessionId() == 0) // no module has numbered it
+        login->setKEPSessionId(++s_lastSession);
     m_login = std::move(login);
     print("%s logged in, session %d", m_login->getUser().c_str(), m_login->getKEPSessionId());
     if (status == PAM_NEW_AUTHTOK_REQD)
@@ -236,12 +238,12 @@ Session::Answer Session::logIn(std::string_view user, std::string_view password)
 bool Session::wait(short events, Clock::time_point end)
 {
     pollfd connection = {m_socket.getDescriptor(), events, 0};
-    int count = -1;
-    while (count < 0) {
+    int count = 0;
+    do {
         const auto rest = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
         count = ::poll(&connection, 1, static_cast<int>(std::max<std::int64_t>(rest.count(), 0)));
-    }
-    return count == 0 || (connection.revents & (POLLERR | POLLHUP)) == 0;
+    } while (count < 0 && errno == EINTR);
+    return count >= 0 && (connection.revents & (POLLERR | POLLHUP)) == 0;
 }
 
 Session::Answer Session::who()

@@ -23,7 +23,7 @@
 struct Services {
     std::string pamService;
     int idleSeconds = 0;
-    AComponentLog& log; ///< The parent of each connection's own component.
+    AComponentLog& log; ///< Its base log is that of each connection.
     Admission& admission;
     Configuration& configuration;
     Programs& programs;

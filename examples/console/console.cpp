@@ -87,6 +87,18 @@ std::string_view takeWord(std::string_view& text)
     return word;
 }
 
+/// A terminal obeys control characters, those of UTF-8 too, and anybody may have set a property.
+void disarm(std::string& text)
+{
+    unsigned char before = 0;
+    for (char& c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if ((byte < 0x20 && c != '\n' && c != '\t') || byte == 0x7f || (before == 0xc2 && byte < 0xa0))
+            c = '?';
+        before = byte;
+    }
+}
+
 /// What the user typed, command by command.
 class Console {
 public:
@@ -160,7 +172,7 @@ private:
             complain("the request is too long");
             return;
         }
-        const Client::Answer answer = m_client.ask(operation, fields);
+        Client::Answer answer = m_client.ask(operation, fields);
         if (!answer.arrived) {
             std::fputs("console: the daemon closed the connection\n", stderr);
             m_connected = false;
@@ -169,8 +181,9 @@ private:
         }
         const bool done = answer.result == protocol::Done;
         std::FILE* const stream = done ? stdout : stderr;
+        disarm(answer.text);
         std::fprintf(stream, "%s%s%s", done ? "" : "console: ", answer.text.c_str(),
-                     !answer.text.empty() && answer.text.back() == '\n' ? "" : "\n");
+                     answer.text.ends_with('\n') ? "" : "\n");
         std::fflush(stream);
         m_failed = m_failed || !done;
     }

@@ -13,10 +13,12 @@
 #include "EmbeddedPam.h"
 #include "Server.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <system_error>
 
 namespace {
 
@@ -67,7 +69,8 @@ void neverBlock(int stream)
     struct stat file {};
     if (::fstat(stream, &file) != 0 || S_ISREG(file.st_mode))
         return;
-    const Descriptor own(::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    const int access = S_ISFIFO(file.st_mode) ? O_RDWR : O_WRONLY; // there may be no reader yet
+    const Descriptor own(::open(path.c_str(), access | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!own.isOpen() || ::dup2(own.get(), stream) < 0) // a socket
         ::fcntl(stream, F_SETFL, ::fcntl(stream, F_GETFL) | O_NONBLOCK);
 }
@@ -75,16 +78,19 @@ void neverBlock(int stream)
 /// Before there is any other thread, those of the service library included.
 void setUpProcess()
 {
+    sigset_t all; // until the handlers are there
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, nullptr);
+    // Who prints must not print to whatever takes the number of a stream that isn't there.
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(stream, F_GETFD) < 0)
+            ::open("/dev/null", O_RDWR); // takes the lowest number
+    }
     // A PAM module that asks on standard input must not make all logins wait for a terminal.
     if (std::freopen("/dev/null", "r", stdin) == nullptr)
         std::fclose(stdin);
     neverBlock(STDOUT_FILENO);
     neverBlock(STDERR_FILENO);
-    // Programs waits for its children itself, so no thread may take the signal by chance.
-    sigset_t childEnded;
-    sigemptyset(&childEnded);
-    sigaddset(&childEnded, SIGCHLD);
-    pthread_sigmask(SIG_BLOCK, &childEnded, nullptr);
     std::signal(SIGPIPE, SIG_IGN); // a vanished client is a failed write, not the end of the daemon
 }
 
@@ -92,6 +98,11 @@ void handleSignals(void (*handler)(int))
 {
     for (const int signal : {SIGTERM, SIGINT, SIGHUP})
         std::signal(signal, handler);
+    // Programs waits for its children itself, so no thread may take this one by chance.
+    sigset_t childEnded;
+    sigemptyset(&childEnded);
+    sigaddset(&childEnded, SIGCHLD);
+    pthread_sigmask(SIG_SETMASK, &childEnded, nullptr);
 }
 
 int serve(const Options& options, ALog& log, std::function<void()> reopen)
@@ -127,6 +138,7 @@ int serve(const Options& options, ALog& log, std::function<void()> reopen)
 
 int main(int argc, char** argv)
 {
+    setUpProcess();
     Options options;
     if (!parse(argc, argv, options)) {
         std::fputs("usage: consoled -port N -service S [-log FILE] [-trace FILE -level N] [-confdir DIR] "
@@ -134,13 +146,18 @@ int main(int argc, char** argv)
                    stderr);
         return 2;
     }
-    setUpProcess();
     useServiceFilesIn(options.confdir);
     ALog log("consoled", stderr);
     ATrace trace;
-    const auto openLogs = [&] {
-        return (options.log == nullptr || log.reopenOutputFile(options.log) == 0) &&
-               (options.trace == nullptr || trace.Reopen(options.trace) == 0);
+    const auto isOpen = [&](const char* file, int result) {
+        if (result != 0)
+            log.print(" cannot open %s: %s\n", file, std::generic_category().message(errno).c_str());
+        log.flush();
+        return result == 0;
+    };
+    const auto openLogs = [&] { // the one without regard to the other
+        const bool hasLog = options.log == nullptr || isOpen(options.log, log.reopenOutputFile(options.log));
+        return (options.trace == nullptr || isOpen(options.trace, trace.Reopen(options.trace))) && hasLog;
     };
     if (!openLogs()) {
         std::perror("consoled: cannot open the log or the trace");
@@ -150,10 +167,7 @@ int main(int argc, char** argv)
         gTrace = &trace;
         trace.Init(options.level, options.trace);
     }
-    const int status = serve(options, log, [&] {
-        if (!openLogs())
-            log.print(" cannot reopen the log or the trace\n");
-    });
+    const int status = serve(options, log, openLogs);
     gTrace = nullptr;
     return status;
 }

@@ -12,8 +12,8 @@ TEST_F(ConsoleTest, ClientWalksThroughASession)
     const std::tuple<const char*, std::string, const char*> runs[] = {
         {"-user alice -c 'set hostname box-17; set hostname box-17; get hostname; event "
          "gui_event_config_changed now; "
-         "call console_sessions; run system; logout; get hostname'",
-         kPassword, "logged in\nset\nset\nbox-17\nraised\n1\nLinux .*\nlogged out\n0\n"},
+         "call console_sessions; run system; set j a\033\u009b; get j; logout; get hostname'",
+         kPassword, "logged in\nset\nset\nbox-17\nraised\n1\nLinux .*\nset\na\\?.\\?\nlogged out\n0\n"},
         {"-user alice -c 'get missing'", kPassword, "logged in\n1\n"},
         {"-user alice -c 'run rm'", kPassword, "logged in\n1\n"},
         {"-user alice -c who", "wrong", "1\n"},
