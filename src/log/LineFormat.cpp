@@ -11,9 +11,22 @@ void LineFormat::append(std::string_view text)
     m_position += length;
 }
 
+const char* LineFormat::appendUpTo(char stop, const char* text)
+{
+    // Not the member, which each stored char could change for all that the compiler knows.
+    char* position = m_position;
+    char* const end = m_end;
+    for (; *text != stop && *text != '\0'; ++text) {
+        if (position != end)
+            *position++ = *text;
+    }
+    m_position = position;
+    return text;
+}
+
 void LineFormat::appendText(const char* text)
 {
-    append(text == nullptr ? "(null)" : text);
+    appendUpTo('\0', text == nullptr ? "(null)" : text);
 }
 
 template <unsigned base>
@@ -61,9 +74,7 @@ void LineFormat::appendMessage(const char* format, va_list args)
 bool LineFormat::appendPlain(const char* format, va_list& args)
 {
     while (true) {
-        const char* const text = format;
-        format = ::strchrnul(format, '%');
-        append({text, static_cast<std::size_t>(format - text)});
+        format = appendUpTo('%', format);
         if (*format == '\0')
             return true;
         format += 2;

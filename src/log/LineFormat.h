@@ -22,6 +22,8 @@ public:
     void appendMessage(const char* format, va_list args) GORV_PRINTF(2, 0);
 
 private:
+    /// Returns where in @p text it stopped: at @p stop or at the end.
+    const char* appendUpTo(char stop, const char* text);
     template <unsigned base>
     void appendNumber(unsigned value);
     void appendSigned(int value);
