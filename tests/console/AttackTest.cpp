@@ -184,7 +184,7 @@ TEST_F(ConsoleTestAttack, PasswordIsNowhereAfterTheLogin)
                     "w");
         std::fprintf(client, "%s\nset motto motto is no secret, and kept\n", password.c_str());
         std::fflush(client);
-        EXPECT_TRUE(eventually([&] { return countIn("client", outcome) > 0; })) << user;
+        EXPECT_TRUE(eventually([&, text = outcome] { return countIn("client", text) > 0; })) << user;
         EXPECT_EQ(piecesIn(std::to_string(std::stoi(written("pid"))), password), 0) << "client, " << user;
         EXPECT_EQ(piecesIn(daemon, password), 0) << "daemon, " << user;
         ::pclose(client);
