@@ -3,6 +3,7 @@
 #include "AInteger.h"
 #include "Descriptor.h"
 #include "Protocol.h"
+#include "support/Emulated.h"
 #include "support/PamStack.h"
 #include "support/ProcessMemory.h"
 
