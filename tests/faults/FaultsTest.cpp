@@ -143,6 +143,7 @@ TEST(FaultsTest, NoFaultOfAConnectionLosesADescriptorOrMixesUpBytes)
     const Road talk = [&](Faults::Kind kind, int number) {
         CapturedStream output(stdout), errors(stderr);
         ALog log("talk", stdout);
+        log.setShowTimestamp(false); // once a second a stamp asks for more than other lines
         std::string outcome;
         outcome.reserve(100); // only what is watched shall allocate
         int peer = -1;
@@ -188,8 +189,8 @@ TEST(FaultsTest, NoFaultOfAConnectionLosesADescriptorOrMixesUpBytes)
         {"socket",
          "Failed to open socket" + target + ", state 4, Failed to open socket\n: Too many.*\n, 0 arrived"},
         {"setsockopt", undisturbed},
-        {"malloc", "host info.*\n, state 2, host info not found: Cannot allocate memory\n, 0 arrived|" +
-                       noMemory + "|" + undisturbed}, // by the buffer of a stream
+        {"malloc",
+         "host info.*\n, state 2, host info not found: Cannot allocate memory\n, 0 arrived|" + noMemory},
         {"new", noMemory},
         {"connect",
          "Unable to connect socket" + target + ", state 2, Unable to.*: Connection refused\n, 0 arrived"},
