@@ -24,6 +24,9 @@ constexpr const char* kDefaultFile = "debug.log";
 constexpr const char* kStampFormat = "%m/%e/%Y %X ";
 constexpr mode_t kPermissions = 0666; // less what the umask takes
 
+// To sleep and be woken costs more than several buffered lines take, but less than a flushed one.
+constexpr int kTriesToBuffer = 12;
+
 FILE* openEmptied(const char* path)
 {
     return openStream(path, O_RDWR | O_TRUNC, kPermissions, "w+");
@@ -199,7 +202,7 @@ void ALog::vprint(const char* format, va_list args)
 void ALog::vprint([[maybe_unused]] int level, const char* format, va_list args)
 {
     const KeptErrno callersErrno;
-    StreamLocks streams;
+    StreamLocks streams(kTriesToBuffer);
     writeLine(streams, callersErrno, format, args);
 }
 

@@ -6,8 +6,10 @@
 #include "log/LocalSecond.h"
 #include "log/OutputFile.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/time.h>
 #include <utility>
 

@@ -2,6 +2,7 @@
 
 #include "base/FileDescriptor.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/single_threaded.h>
@@ -9,19 +10,31 @@
 
 namespace {
 
-// About as long as another thread's line takes. To sleep and be woken costs several times that.
-constexpr int kTries = 100;
+constexpr int kLongestPause = 32;
+
+/// For as long as the processor takes to note that this thread waits for another.
+void relax()
+{
+#if defined(__x86_64__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    asm volatile("isb"); // "yield" does nothing on most of them
+#endif
+}
 
 bool tryToTake(FILE* stream)
 {
     return stream == nullptr || ::ftrylockfile(stream) == 0;
 }
 
-void take(FILE* stream)
+void take(FILE* stream, int tries)
 {
-    for (int i = 0; i < kTries; ++i) {
+    // Ever less often: a try takes the lock's cache line away from the thread that is about to free it.
+    for (int pause = 1; tries > 0; --tries, pause = std::min(2 * pause, kLongestPause)) {
         if (tryToTake(stream))
             return;
+        for (int i = 0; i < pause; ++i)
+            relax();
     }
     ::flockfile(stream);
 }
@@ -58,7 +71,7 @@ void StreamLocks::lock(FILE* first, FILE* second)
     m_first = first;
     m_second = second;
     while (true) {
-        take(first);
+        take(first, m_tries);
         if (tryToTake(second))
             return;
         if (first != nullptr)

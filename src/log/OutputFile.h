@@ -4,9 +4,8 @@
 #include <sys/types.h>
 
 /// Opens the file at @p path, made if need be, as open() does with @p flags and @p permissions and fdopen()
-/// with
-/// @p mode: close-on-exec, and on none of the three standard descriptors, where the host's lines would go
-/// into it. Returns null with errno on failure, as for a null path.
+/// with @p mode: close-on-exec, and on none of the three standard descriptors, where the host's lines would
+/// go into it. Returns null with errno on failure, as for a null path.
 FILE* openStream(const char* path, int flags, mode_t permissions, const char* mode);
 
 /// The same for appending. A new file has mode 0600; a symbolic link at the end of the path is refused, and
@@ -20,7 +19,8 @@ FILE* openToAppend(const char* path);
 /// time zone does, waits for a thread in fflush(nullptr), and that one for us.
 class StreamLocks {
 public:
-    StreamLocks() = default;
+    /// A stream that another thread has is tried for @p tries times, with pauses, before it is slept for.
+    explicit StreamLocks(int tries = 0) : m_tries(tries) {}
     ~StreamLocks()
     {
         giveBack(m_first);
@@ -40,6 +40,7 @@ private:
             ::funlockfile(stream);
     }
 
+    const int m_tries;
     FILE* m_first = nullptr;
     FILE* m_second = nullptr;
 };
