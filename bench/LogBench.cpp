@@ -2,6 +2,7 @@
 #include "ALog.h"
 #include "ATrace.h"
 #include "Compare.h"
+#include "ReadyLine.h"
 
 #include <Poco/FileChannel.h>
 #include <Poco/FormattingChannel.h>
@@ -41,6 +42,16 @@ void writeBare(benchmark::State& state)
     const std::size_t length = std::char_traits<char>::length(kLine);
     for (auto _ : state)
         benchmark::DoNotOptimize(::write(scratch.descriptor(), kLine, length));
+}
+
+void readyLineFlushed(benchmark::State& state)
+{
+    const Scratch scratch;
+    ReadyLine ready(scratch.stream());
+    for (auto _ : state) {
+        ready.put(kLine);
+        std::fflush(scratch.stream());
+    }
 }
 
 void logPrint(benchmark::State& state)
@@ -206,6 +217,19 @@ void componentShared(benchmark::State& state)
     onThreads<SharedLog>(state, [](SharedLog& s) { s.component.print(kFormat, 17, "alice", "hostname"); });
 }
 
+struct SharedReadyLine {
+    const Scratch scratch;
+    ReadyLine ready{scratch.stream()};
+};
+
+void readyLineShared(benchmark::State& state)
+{
+    onThreads<SharedReadyLine>(state, [](SharedReadyLine& s) {
+        s.ready.put(kLine);
+        std::fflush(s.scratch.stream());
+    });
+}
+
 template <typename Shared>
 void spdlogShared(benchmark::State& state)
 {
@@ -232,6 +256,8 @@ void registerLogComparisons()
 {
     const char* print = "ALog::print, in the kernel";
     compare({print, "write(2) of the same bytes, prebuilt", 1.20}, logPrint, writeBare);
+    const char* ready = "a ready line and what the C library does";
+    compare({print, ready, 1.15}, logPrint, readyLineFlushed);
     compare({print, "fprintf + fflush of the same line", 1.08}, logPrint, printAndFlush);
     compare({print, "spdlog basic_logger_mt, same stamp, flush_on", 0.88}, logPrint, spdlogFlushed);
     compare({print, "POCO FileChannel with pattern, flush", 0.28}, logPrint, pocoFlushed);
@@ -245,5 +271,6 @@ void registerLogComparisons()
     compare({"ATrace::TraceLog, filtered out", "spdlog below its level, inline", 1.0}, traceFilteredOut,
             spdlogBelowLevel);
     compareThreads({"ALog::print", {0.95, 0.80, 0.80}}, logPrintShared, spdlogShared<SharedSpdlogFlushed>);
+    compare({"ALog::print, 8 threads", ready, 1.20}, logPrintShared, readyLineShared, 8);
     compareThreads({"AComponentLog::print", {0.60, 1.0, 1.0}}, componentShared, spdlogShared<SharedSpdlog>);
 }

@@ -2,6 +2,7 @@
 #include "ALog.h"
 #include "ASocket.h"
 #include "Compare.h"
+#include "ReadyLine.h"
 
 #include <arpa/inet.h>
 #include <cstdlib>
@@ -110,20 +111,41 @@ void loggedTrips(benchmark::State& state)
     std::fclose(file);
 }
 
-void bareTrips(benchmark::State& state)
+/// @p putLines is called with the number of lines that a log gets before each step.
+template <typename PutLines>
+void bareTripsWith(benchmark::State& state, PutLines putLines)
 {
     const OneCore core;
     Connection connection;
     const Echo echo(connection);
     for (auto _ : state) {
         std::uint32_t value = htonl(4711);
+        putLines(2);
         benchmark::DoNotOptimize(::write(connection.sender, &value, sizeof value));
+        putLines(4);
         pollfd entry{connection.sender, POLLIN, 0};
         benchmark::DoNotOptimize(::poll(&entry, 1, kTimeout * 1000));
         benchmark::DoNotOptimize(::recv(connection.sender, &value, sizeof value, MSG_WAITALL));
         benchmark::DoNotOptimize(ntohl(value));
+        putLines(4);
     }
     ::close(connection.sender);
+}
+
+void bareTrips(benchmark::State& state)
+{
+    bareTripsWith(state, [](int) {});
+}
+
+void bareTripsWithReadyLines(benchmark::State& state)
+{
+    FILE* file = std::tmpfile();
+    ReadyLine ready(file);
+    bareTripsWith(state, [&](int lines) {
+        for (int i = 0; i < lines; ++i)
+            ready.put("11/24/2026 12:34:56 consoled -ASocket::socket_read:429 data=<0> len=<4> flag=<0>\n");
+    });
+    std::fclose(file);
 }
 
 constexpr std::size_t kBlockSize = 64 * 1024;
@@ -180,6 +202,8 @@ void registerStreamComparisons()
     const char* bare = "write + poll + recv";
     compare({"writeInt + readInt round trip, no log", bare, 1.05}, silentTrips, bareTrips);
     compare({"the same, its log attached", bare, 1.10}, loggedTrips, bareTrips);
+    compare({"the same, its log attached", "the same and ten ready lines", 1.08}, loggedTrips,
+            bareTripsWithReadyLines);
     compare({"64 KiB blocks one way", bare, 1.03}, streamBlocks, bareBlocks);
     compare({"AInteger::parseInt", "strtol of the same text", 1.50}, parseInt, strtolOfTheSame);
 }
