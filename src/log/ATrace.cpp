@@ -3,6 +3,7 @@
 #include "base/FileDescriptor.h"
 #include "base/SharedField.h"
 #include "log/KeptErrno.h"
+#include "log/LineFormat.h"
 #include "log/LocalSecond.h"
 #include "log/OutputFile.h"
 
@@ -10,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <string_view>
 #include <sys/time.h>
 #include <utility>
 
@@ -19,6 +21,7 @@ namespace {
 
 constexpr int kMicrosecondsPerMillisecond = 1000;
 constexpr mode_t kPermissions = 0666; // less what the umask takes
+constexpr int kPlainSize = 256;       // of most lines; others go to the file piece by piece
 
 /// The stamp that the thread made last, and the time of its text up to the seconds.
 struct Stamp {
@@ -27,7 +30,8 @@ struct Stamp {
     char text[96] = {};
 };
 
-const char* currentStamp()
+/// Terminated, too.
+std::string_view currentStamp()
 {
     static constinit thread_local Stamp s_stamp;
     timeval now{};
@@ -46,7 +50,7 @@ const char* currentStamp()
     *position++ = static_cast<char>('0' + milliseconds % 10);
     *position++ = ' ';
     *position = '\0';
-    return s_stamp.text;
+    return {s_stamp.text, static_cast<std::size_t>(position - s_stamp.text)};
 }
 
 } // namespace
@@ -126,10 +130,18 @@ void ATrace::vTraceLog(const char* format, va_list args)
     const MonitorLock lock = m_monitor.acquireLock();
     if (m_file == nullptr && !openFile())
         return;
-    std::fputs(currentStamp(), m_file);
+    const std::string_view stamp = currentStamp(); // before the stream is locked: see StreamLocks
+    char text[kPlainSize];
+    LineFormat line(text, sizeof text);
+    line.append(stamp);
+    const bool isPlain = line.appendIfPlain(format, args);
+    StreamLocks stream;
+    stream.lock(m_file);
+    ::fputs_unlocked(isPlain ? text : stamp.data(), m_file);
     callersErrno.restore();
-    std::vfprintf(m_file, format, args);
-    std::fflush(m_file);
+    if (!isPlain)
+        std::vfprintf(m_file, format, args);
+    ::fflush_unlocked(m_file);
 }
 
 void ATrace::replaceFileName(char* name)

@@ -52,21 +52,23 @@ void LineFormat::appendSigned(int value)
 
 void LineFormat::appendMessage(const char* format, va_list args)
 {
-    if (format == nullptr)
-        format = "";
     char* const begin = m_position;
-    va_list copy;
-    va_copy(copy, args);
-    const bool complete = appendPlain(format, copy);
-    va_end(copy);
-    if (complete) {
-        *m_position = '\0';
+    if (appendIfPlain(format, args))
         return;
-    }
     m_position = begin;
     const auto room = static_cast<std::size_t>(m_end - begin) + 1;
     std::vsnprintf(begin, room, format, args);
     *m_end = '\0'; // a message that printf can't finish keeps what it has written of it
+}
+
+bool LineFormat::appendIfPlain(const char* format, va_list args)
+{
+    va_list copy;
+    va_copy(copy, args);
+    const bool isComplete = format == nullptr || (appendPlain(format, copy) && m_position != m_end);
+    va_end(copy);
+    *m_position = '\0';
+    return isComplete;
 }
 
 /// Most messages hold nothing but plain conversions, which cost a fraction of vsnprintf here. Returns false

@@ -18,8 +18,11 @@ public:
     void append(std::string_view text);
     /// Append @p text, "(null)" for a null pointer.
     void appendText(const char* text);
-    /// Append a message by the printf conventions, exactly as vsnprintf would.
+    /// Append a message by the printf conventions, exactly as vsnprintf would; nothing for a null format.
     void appendMessage(const char* format, va_list args) GORV_PRINTF(2, 0);
+    /// The same for a message of plain conversions that leaves room. Returns false for any other, of which
+    /// the line then holds a part.
+    bool appendIfPlain(const char* format, va_list args) GORV_PRINTF(2, 0);
 
 private:
     /// Returns where in @p text it stopped: at @p stop or at the end.

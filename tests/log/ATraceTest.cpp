@@ -83,6 +83,22 @@ TEST_F(ATraceTest, FileIsEmptiedAtTheFirstOpeningOfAnObjectOnly)
     EXPECT_EQ(readFile(m_other), "kept\n" + kStamp + "last\n" + kStamp + "Not a directory\n");
 }
 
+TEST_F(ATraceTest, MessagesAreWholeWhateverTheirFormAndLength)
+{
+    m_trace.Init(0, m_path.c_str());
+    std::string expected;
+    for (const std::size_t length : {0, 228, 229, 230, 231, 5000}) {
+        const std::string text(length, 'x');
+        for (const char* format : {"%s|%u\n", "%s|%1u\n"}) {
+            m_trace.TraceLog(0, format, text.c_str(), 7U);
+            expected += kStamp;
+            expected += text + "|7\n";
+        }
+    }
+    m_trace.TraceLog(0, static_cast<char*>(nullptr));
+    EXPECT_EQ(readFile(m_path), expected + kStamp);
+}
+
 TEST_F(ATraceTest, LinesThatCannotBeWrittenAreDropped)
 {
     m_trace.Init(0, "/dev/full");
