@@ -228,7 +228,7 @@ void PAMHelper::setSessionId(const std::string& sessionId)
     if (earlier != instanceMap.end() && earlier != entry)
         instanceMap.erase(earlier);
     m_wasRegistered = true;
-    m_sessionId.swap(newId);
+    m_sessionId = std::move(newId);
 }
 
 std::string& PAMHelper::getSessionId()
@@ -339,10 +339,10 @@ int PAMHelper::checkOwnUser(const std::string& user, const std::string& password
 
 int PAMHelper::checkOtherUser(const std::string& user, const std::string& password, bool skipAuth)
 {
-    std::string otherUser = user;
+    std::string ownUser = m_user;
     m_password = password;
-    m_user.swap(otherUser);
-    const AtExit restore([&] { m_user.swap(otherUser); });
+    m_user = user;
+    const AtExit restore([&] { m_user = std::move(ownUser); });
     pam_handle_t* temporary = nullptr;
     int status = PAM_AUTH_ERR;
     const AtExit end([&] { endTransaction(temporary, status); });
