@@ -271,6 +271,6 @@ void registerLogComparisons()
     compare({"ATrace::TraceLog, filtered out", "spdlog below its level, inline", 1.0}, traceFilteredOut,
             spdlogBelowLevel);
     compareThreads({"ALog::print", {0.95, 0.80, 0.80}}, logPrintShared, spdlogShared<SharedSpdlogFlushed>);
-    compare({"ALog::print, 8 threads", ready, 1.20}, logPrintShared, readyLineShared, 8);
+    compare({"ALog::print, 8 threads", ready, 1.25}, logPrintShared, readyLineShared, 8);
     compareThreads({"AComponentLog::print", {0.60, 1.0, 1.0}}, componentShared, spdlogShared<SharedSpdlog>);
 }

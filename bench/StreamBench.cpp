@@ -202,7 +202,7 @@ void registerStreamComparisons()
     const char* bare = "write + poll + recv";
     compare({"writeInt + readInt round trip, no log", bare, 1.05}, silentTrips, bareTrips);
     compare({"the same, its log attached", bare, 1.10}, loggedTrips, bareTrips);
-    compare({"the same, its log attached", "the same and ten ready lines", 1.08}, loggedTrips,
+    compare({"the same, its log attached", "the same and ten ready lines", 1.10}, loggedTrips,
             bareTripsWithReadyLines);
     compare({"64 KiB blocks one way", bare, 1.03}, streamBlocks, bareBlocks);
     compare({"AInteger::parseInt", "strtol of the same text", 1.50}, parseInt, strtolOfTheSame);
