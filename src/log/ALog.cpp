@@ -24,7 +24,7 @@ constexpr const char* kDefaultFile = "debug.log";
 constexpr const char* kStampFormat = "%m/%e/%Y %X ";
 constexpr mode_t kPermissions = 0666; // less what the umask takes
 
-// To sleep and be woken costs more than several buffered lines take, but less than a flushed one.
+// To sleep and be woken costs what several buffered lines take. Who waits to flush one gains nothing by that.
 constexpr int kTriesToBuffer = 12;
 
 FILE* openEmptied(const char* path)

@@ -21,7 +21,7 @@ namespace {
 
 constexpr int kMicrosecondsPerMillisecond = 1000;
 constexpr mode_t kPermissions = 0666; // less what the umask takes
-constexpr int kPlainSize = 256;       // of most lines; others go to the file piece by piece
+constexpr int kPlainSize = 160;       // of most lines
 
 /// The stamp that the thread made last, and the time of its text up to the seconds.
 struct Stamp {
@@ -134,7 +134,7 @@ void ATrace::vTraceLog(const char* format, va_list args)
     char text[kPlainSize];
     LineFormat line(text, sizeof text);
     line.append(stamp);
-    const bool isPlain = line.appendIfPlain(format, args);
+    const bool isPlain = line.appendIfPlain(format, args) && !line.isFull();
     StreamLocks stream;
     stream.lock(m_file);
     ::fputs_unlocked(isPlain ? text : stamp.data(), m_file);

@@ -13,12 +13,15 @@ void LineFormat::append(std::string_view text)
 
 const char* LineFormat::appendUpTo(char stop, const char* text)
 {
-    // Not the member, which each stored char could change for all that the compiler knows.
+    // Not the members, which each stored char could change for all that the compiler knows.
     char* position = m_position;
     char* const end = m_end;
     for (; *text != stop && *text != '\0'; ++text) {
-        if (position != end)
-            *position++ = *text;
+        if (position == end) {
+            text = ::strchrnul(text, stop);
+            break;
+        }
+        *position++ = *text;
     }
     m_position = position;
     return text;
@@ -65,10 +68,10 @@ bool LineFormat::appendIfPlain(const char* format, va_list args)
 {
     va_list copy;
     va_copy(copy, args);
-    const bool isComplete = format == nullptr || (appendPlain(format, copy) && m_position != m_end);
+    const bool isPlain = format == nullptr || appendPlain(format, copy);
     va_end(copy);
     *m_position = '\0';
-    return isComplete;
+    return isPlain;
 }
 
 /// Most messages hold nothing but plain conversions, which cost a fraction of vsnprintf here. Returns false

@@ -20,12 +20,14 @@ public:
     void appendText(const char* text);
     /// Append a message by the printf conventions, exactly as vsnprintf would; nothing for a null format.
     void appendMessage(const char* format, va_list args) GORV_PRINTF(2, 0);
-    /// The same for a message of plain conversions that leaves room. Returns false for any other, of which
-    /// the line then holds a part.
+    /// The same for a message of plain conversions. Returns false for any other, of which the line then holds
+    /// a part.
     bool appendIfPlain(const char* format, va_list args) GORV_PRINTF(2, 0);
+    /// Whether something may have been cut off.
+    bool isFull() const { return m_position == m_end; }
 
 private:
-    /// Returns where in @p text it stopped: at @p stop or at the end.
+    /// Append @p text up to @p stop or its end, and return where that is.
     const char* appendUpTo(char stop, const char* text);
     template <unsigned base>
     void appendNumber(unsigned value);

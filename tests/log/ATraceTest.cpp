@@ -87,7 +87,7 @@ TEST_F(ATraceTest, MessagesAreWholeWhateverTheirFormAndLength)
 {
     m_trace.Init(0, m_path.c_str());
     std::string expected;
-    for (const std::size_t length : {0, 228, 229, 230, 231, 5000}) {
+    for (const std::size_t length : {0, 130, 131, 132, 133, 5000}) {
         const std::string text(length, 'x');
         for (const char* format : {"%s|%u\n", "%s|%1u\n"}) {
             m_trace.TraceLog(0, format, text.c_str(), 7U);
