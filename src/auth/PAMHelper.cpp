@@ -339,9 +339,10 @@ int PAMHelper::checkOwnUser(const std::string& user, const std::string& password
 
 int PAMHelper::checkOtherUser(const std::string& user, const std::string& password, bool skipAuth)
 {
-    std::string ownUser = m_user;
+    std::string otherUser = user;
     m_password = password;
-    m_user = user;
+    std::string ownUser = std::move(m_user); // with its memory, which hosts may hold a pointer into
+    m_user = std::move(otherUser);
     const AtExit restore([&] { m_user = std::move(ownUser); });
     pam_handle_t* temporary = nullptr;
     int status = PAM_AUTH_ERR;
