@@ -210,8 +210,9 @@ bool KEPClient::setProperty(const char* name, char* value, bool /*flag*/)
         return false;
     char current[kStringSize] = {};
     const bool found = lowestBit(kep_config_get_str_n(name, current, kStringSize));
+    const std::size_t length = std::strlen(value);
     // Without a terminator in there the property isn't known in full, and equals no value.
-    if (found && std::strlen(value) < kStringSize && std::strncmp(current, value, kStringSize) == 0)
+    if (found && length < kStringSize && std::memcmp(current, value, length + 1) == 0)
         return false;
     return lowestByte(kep_config_set_str_n(name, value, kWriteStringFlag));
 }
