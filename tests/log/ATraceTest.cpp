@@ -89,11 +89,9 @@ TEST_F(ATraceTest, MessagesAreWholeWhateverTheirFormAndLength)
     std::string expected;
     for (const std::size_t length : {0, 130, 131, 132, 133, 5000}) {
         const std::string text(length, 'x');
-        for (const char* format : {"%s|%u\n", "%s|%1u\n"}) {
-            m_trace.TraceLog(0, format, text.c_str(), 7U);
-            expected += kStamp;
-            expected += text + "|7\n";
-        }
+        m_trace.TraceLog(0, "%s|%u\n", text.c_str(), 7U);
+        m_trace.TraceLog(0, "%s|%1u\n", text.c_str(), 7U);
+        expected += kStamp + text + "|7\n" + kStamp + text + "|7\n";
     }
     m_trace.TraceLog(0, static_cast<char*>(nullptr));
     EXPECT_EQ(readFile(m_path), expected + kStamp);
