@@ -24,7 +24,8 @@ constexpr const char* kDefaultFile = "debug.log";
 constexpr const char* kStampFormat = "%m/%e/%Y %X ";
 constexpr mode_t kPermissions = 0666; // less what the umask takes
 
-// To sleep and be woken costs what several buffered lines take. Who waits to flush one gains nothing by that.
+// To sleep and be woken costs what several buffered lines take, so one that waits for those stays awake a
+// while. For the flush of a line, which is a system call, that gains nothing.
 constexpr int kTriesToBuffer = 12;
 
 FILE* openEmptied(const char* path)
