@@ -8,7 +8,7 @@
 #include <mutex>
 
 /// What the C library does for a line of a log when nothing is left to be put together: the time zone, the
-/// clock, the locale, a recursive mutex and the stream. Less no line can cost that keeps to them all.
+/// clock, the locale, a recursive mutex and the stream. A line that keeps to them all costs hardly less.
 class ReadyLine {
 public:
     explicit ReadyLine(FILE* stream) : m_stream(stream) {}

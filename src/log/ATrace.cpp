@@ -21,7 +21,7 @@ namespace {
 
 constexpr int kMicrosecondsPerMillisecond = 1000;
 constexpr mode_t kPermissions = 0666; // less what the umask takes
-constexpr int kPlainSize = 160;       // of most lines
+constexpr int kPlainSize = 160;       // most lines fit
 
 /// The stamp that the thread made last, and the time of its text up to the seconds.
 struct Stamp {

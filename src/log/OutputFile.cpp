@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr int kLongestPause = 32;
+constexpr int kLongestPause = 32; // in calls of relax()
 
 /// For as long as the processor takes to note that this thread waits for another.
 void relax()
