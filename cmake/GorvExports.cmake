@@ -1,10 +1,10 @@
 # What may leave the library: all of the public classes, of which each header has one and its name, and a few globals.
-set(GORV_EXPORTED_GLOBALS NextMonitorId gTrace se "ShowLastError(char*)" "signalHandler(int)")
+set(GORV_EXPORTED_GLOBALS NextMonitorId gTrace se "ShowLastError(char*)" "gorvVersion()" "signalHandler(int)")
 
 file(GLOB GORV_HEADERS CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/include/*.h")
 set(GORV_EXPORTED_CLASSES "${GORV_HEADERS}")
 list(TRANSFORM GORV_EXPORTED_CLASSES REPLACE ".*/(.*)\\.h$" "\\1")
-list(REMOVE_ITEM GORV_EXPORTED_CLASSES GorvApi)
+list(REMOVE_ITEM GORV_EXPORTED_CLASSES GorvApi GorvVersion)
 
 set(exports "")
 # Operations and fields, templates, tables and type information, thunks.

@@ -3,6 +3,7 @@
 
 #include <AInteger.h>
 #include <ALog.h>
+#include <GorvVersion.h>
 #include <KEPClient.h>
 #include <NumberFormatException.h>
 #include <PAMHelper.h>
@@ -19,6 +20,7 @@ int main()
         log.print("bad port \"%s\"\n", failure.getMessage().c_str());
     }
     int port = 0;
-    if (client.getProperty("host.port", port) && PAMHelper::instanceForKEPId(1) == nullptr)
+    if (gorvVersion() == GORV_VERSION && client.getProperty("host.port", port) &&
+        PAMHelper::instanceForKEPId(1) == nullptr)
         log.print("port %d\n", port);
 }

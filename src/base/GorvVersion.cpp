@@ -1,0 +1,6 @@
+#include "GorvVersion.h"
+
+int gorvVersion() noexcept
+{
+    return GORV_VERSION;
+}
