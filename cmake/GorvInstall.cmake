@@ -6,9 +6,11 @@ set(package_folder "${CMAKE_INSTALL_LIBDIR}/cmake/gorvUtil")
 
 install(TARGETS gorvUtil
     LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT libgorvutil1 NAMELINK_COMPONENT libgorvutil-dev)
-install(FILES README.md CONTRIBUTING.md DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT libgorvutil-dev)
+install(FILES README.md CHANGELOG.md CONTRIBUTING.md SECURITY.md LICENSE DESTINATION "${CMAKE_INSTALL_DOCDIR}"
+    COMPONENT libgorvutil-dev)
 install(DIRECTORY docs examples DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT libgorvutil-dev
-    PATTERN Doxyfile EXCLUDE PATTERN CMakeLists.txt EXCLUDE)
+    PATTERN Doxyfile EXCLUDE PATTERN narrow.css EXCLUDE)
+install(FILES platform/kep/kep.h DESTINATION "${CMAKE_INSTALL_DOCDIR}/platform/kep" COMPONENT libgorvutil-dev)
 install(FILES ${GORV_HEADERS} DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/gorvUtil" COMPONENT libgorvutil-dev)
 if(GORV_KEP STREQUAL "bundled")
     install(TARGETS kep
@@ -27,6 +29,9 @@ install(FILES "${CMAKE_CURRENT_BINARY_DIR}/gorvUtilConfig.cmake"
 
 file(RELATIVE_PATH prefix "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
 string(REGEX REPLACE "/$" "" prefix_of_pc "\${pcfiledir}/${prefix}")
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr") # whose library folder the linker knows: pkg-config then leaves it out
+    set(prefix_of_pc /usr)
+endif()
 configure_file(cmake/gorvUtil.pc.in gorvUtil.pc @ONLY)
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/gorvUtil.pc"
     DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT libgorvutil-dev)
