@@ -31,6 +31,6 @@ public:
     /// Without the device, or a descriptor left to open it, the key comes from srand() and rand(), seeded
     /// with process id, time and a counter. Such a key can be guessed, changes the program's rand() sequence,
     /// and two threads may get the same one. Nothing tells the caller: where a key protects something, make
-    /// sure that the device is there and that descriptors are.
+    /// sure that the device is there and that descriptors are. Throws std::bad_alloc when memory runs out.
     static std::string generateRandomKey();
 };

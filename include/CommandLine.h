@@ -2,6 +2,7 @@
 
 #include "GorvApi.h"
 
+#include <initializer_list>
 #include <vector>
 
 /// The options of a program's command line and their values.
@@ -15,6 +16,7 @@
 /// CommandLine options(argc, argv); // serverd -port 7578 --verbose
 /// const char* port = options.getArg("port");
 /// bool verbose = options.hasArg("-verbose"); // only one dash is taken off
+/// const char* unknown = options.getUnknown({"port", "-verbose"}); // null: there is no other option
 /// @endcode
 ///
 /// @include examples/reference/CommandLine.cpp
@@ -46,6 +48,12 @@ public:
     /// default there.
     /// @return false, with @p value unchanged, if there is a value and it is no such number.
     bool getInt(const char* name, int least, int most, int& value);
+
+    /// Find an option that is given by mistake. Nothing else tells of one: it is as good as absent.
+    /// @param known the options that the program has, each written without its dash; null is none.
+    /// @return the first option on the command line that is none of @p known, without its dash, or null.
+    /// Belongs to the object. A negative number is such an option, too.
+    const char* getUnknown(std::initializer_list<const char*> known) const;
 
 private:
     struct Option;

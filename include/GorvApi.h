@@ -1,7 +1,14 @@
 #pragma once
 
 /// @file
-/// Visibility and compiler-check attributes that the public headers of this library use.
+/// Visibility and compiler-check attributes that the public headers of this library use. A host whose
+/// std::string is another one doesn't compile.
+
+#include <cstddef> // and with it which std::string this is
+
+#if !_GLIBCXX_USE_CXX11_ABI
+#error "gorvUtil passes std::string as g++ 5 and later have it: leave _GLIBCXX_USE_CXX11_ABI at 1"
+#endif
 
 /// Marks what the library exports.
 #define GORV_API __attribute__((visibility("default")))

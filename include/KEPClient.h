@@ -12,8 +12,12 @@
 /// parallel is up to the service. All reports go to the component log getLog() and are dropped until setLog()
 /// connects it; the lines on standard output that some operations name appear in any case.
 ///
-/// The service may be used before initialize() and after it failed. Operations throw only where they say so.
-/// Where the argument is `char*`, a `const char*` does as well; the text is only read.
+/// The service may be used before initialize() and after it failed. Operations throw only where they say so,
+/// or what the service throws. A cancellation of the thread waits until the operation has returned. Where the
+/// argument is `char*`, a `const char*` does as well; the text is only read.
+///
+/// What is handed to the service as it is has its meaning there: the id of the program, the @p flag of a
+/// write, the data of an event. The service library that comes with this one ignores all three.
 ///
 /// @code
 /// KEPClient client("consoled", 17);
@@ -41,7 +45,9 @@ public:
     /// size of the request and then of the reply, the room for the reply, the request, and the reply.
     using Callback = int(int*, int, void*, void*);
 
-    /// Sends nothing. @p name is copied; null counts as "". Throws std::bad_alloc when memory runs out.
+    /// Sends nothing. @p name is copied; null counts as "". @p id is what initialize() names
+    /// the program by besides; which ids there are is the service's affair. Throws std::bad_alloc when memory
+    /// runs out.
     KEPClient(char* name, int id);
     /// The same for constant text.
     template <typename Text, IfConstText<Text> = 0>
@@ -67,8 +73,14 @@ public:
     AComponentLog& getLog();
 
     /// Attach to the service, unless an earlier call succeeded in full, and register for the six
-    /// configuration events, stopping at the first failure. The failure is logged; that of the second to
-    /// sixth event goes to standard output too. May be called again, after success as well as after failure.
+    /// configuration events, stopping at the first failure: "event_certificate_updated",
+    /// "gui_event_config_changed", "pm_event_telnet_config_changed", "tolvex_event_config_changed",
+    /// "pm_event_snmp_config_changed", "pm_event_asra_config_changed". The failure is logged; that of the
+    /// second to sixth event goes to standard output too. May be called again, after success as well as after
+    /// failure.
+    ///
+    /// Registering tells the service of the program's interest, and no more: the client has no operation that
+    /// receives an event. How the service delivers those that others raise is up to it.
     /// @return always true.
     bool initialize();
 
@@ -97,12 +109,13 @@ public:
     ///   on return, also when an exception leaves the call, is the caller's to release with `delete[]`. It
     ///   doesn't hold @p name.
     /// @param size the size of the array; if it is 0 or less, not a byte of it is touched. On success the
-    /// size of the
-    ///   value, its terminator included, which is never more than the array holds. After any other outcome it
-    ///   is what the service left there: don't take it for the size of the array.
-    /// @return 0, or the service's code: then a line is logged. Throws `const char*` and logs a line when the
-    ///   service finds the size that it asked for too small. Either way the array, if there is one, holds "".
-    ///   Throws std::bad_alloc when memory runs out: then there is no array and @p size is 0.
+    /// size
+    ///   of the value, its terminator included, which is never more than the array holds. After any other
+    ///   outcome it is what the service left there: don't take it for the size of the array.
+    /// @return 0, or the service's code and a line is logged: any but -2, and all that is known of it is that
+    ///   there is no value. Throws `const char*` and logs a line when the service finds the size that it
+    ///   asked for too small. Either way the array, if there is one, holds "". Throws std::bad_alloc when
+    ///   memory runs out: then there is no array and @p size is 0.
     int getProperty(const char* name, char** buffer, int& size);
 
     /// @name Writing
@@ -144,8 +157,8 @@ public:
     int updateProperty(const char* name, Value value, bool flag) = delete;
     /// @}
 
-    /// Raise @p event with @p size bytes of @p data. A failure is logged.
-    /// @return whether the service took the event.
+    /// Raise @p event, of those above or any other, with @p size bytes of @p data. A failure is logged.
+    /// @return whether the service took the event, which may depend on somebody being registered for it.
     bool notifyEvent(char* event, int size, void* data);
     /// The same for constant text.
     template <typename Text, IfConstText<Text> = 0>
@@ -157,8 +170,10 @@ public:
     /// Call the remote function @p name with the @p size bytes at @p sendBuffer. Its reply goes to
     /// @p receiveBuffer, which has room for @p maxReceiveSize bytes, and its size to @p receivedSize, which a
     /// failure leaves alone: the service's word, to be checked against the room before it is used. A null
-    /// buffer goes with a size of 0. Writes one line to standard output before the call and one after it.
-    /// @return 0, or the service's code, which is logged: -2 if the reply doesn't fit, -8 if the call failed.
+    /// buffer goes with a size of 0. @p name lies outside @p receiveBuffer. Writes one line to standard
+    /// output before the call and one after it.
+    /// @return 0, or the service's code, which is logged: -2 if the reply doesn't fit, -8 if the call itself
+    ///   failed, or any other, among them what the function called answers with.
     int callFunction(const char* name, int size, void* sendBuffer, int maxReceiveSize, int& receivedSize,
                      void* receiveBuffer);
 

@@ -16,4 +16,6 @@ int main()
     std::printf("trace: %d, level: %s\n", options.hasArg("trace"), options.getArg("trace", "none"));
     std::printf("verbose: %d\n", options.hasArg("-verbose")); // only one dash is taken off
     std::printf("ignored: %d, help: %d\n", options.hasArg("ignored"), options.hasArg("help"));
+    if (const char* unknown = options.getUnknown({"port", "trace", "help"})) // a program would end here
+        std::printf("no such option: -%s\n", unknown);
 }

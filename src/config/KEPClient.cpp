@@ -1,12 +1,13 @@
 #include "KEPClient.h"
 
+#include "base/CancelBlock.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <kep.h>
-#include <memory>
 #include <new>
 
 namespace {
@@ -61,18 +62,32 @@ void makeEmpty(char* buffer, int bufferSize)
         buffer[0] = '\0';
 }
 
+/// An array that a growing read may replace.
+struct OwnedArray {
+    OwnedArray() = default;
+    ~OwnedArray() { delete[] data; }
+    OwnedArray(const OwnedArray&) = delete;
+    OwnedArray& operator=(const OwnedArray&) = delete;
+
+    char* data = nullptr;
+};
+
 /// Let the service put a text into @p buffer, or leave the one in there, which may be @p name: a failure is
 /// logged, unless @p log is null, before the buffer is emptied.
 bool readText(const char* name, char* buffer, int bufferSize, AComponentLog* log)
 {
+    const CancelBlock block;
+    const bool hasRoom = buffer != nullptr && bufferSize > 0;
     if (!lowestBit(kep_config_get_str_n(name, buffer, bufferSize))) {
-        if (log != nullptr)
+        if (log != nullptr) {
+            if (hasRoom)
+                buffer[bufferSize - 1] = '\0'; // whatever the service left in there, the name has an end
             log->logInfo("Failed to get a value for property: %s\n", name);
+        }
         makeEmpty(buffer, bufferSize);
         return false;
     }
-    if (buffer != nullptr && bufferSize > 0 &&
-        std::memchr(buffer, '\0', static_cast<std::size_t>(bufferSize)) == nullptr)
+    if (hasRoom && std::memchr(buffer, '\0', static_cast<std::size_t>(bufferSize)) == nullptr)
         buffer[bufferSize - 1] = '\0';
     return true;
 }
@@ -123,6 +138,7 @@ AComponentLog& KEPClient::getLog()
 
 bool KEPClient::initialize()
 {
+    const CancelBlock block;
     m_log.logTrace("Calling kep_init\n");
     if (attach() && registerEvents())
         m_initialized = true;
@@ -142,16 +158,15 @@ bool KEPClient::getProperty(const char* name, char* buffer, int bufferSize)
 
 bool KEPClient::getProperty(const char* name, std::string& value)
 {
-    char* buffer = nullptr;
+    OwnedArray buffer;
     int size = 0;
     bool found = false;
     try {
-        found = getProperty(name, &buffer, size) == 0;
+        found = getProperty(name, &buffer.data, size) == 0;
     } catch (const char*) { // is logged
     }
-    const std::unique_ptr<char[]> owner(buffer);
-    if (found && buffer != nullptr)
-        value = buffer;
+    if (found && buffer.data != nullptr)
+        value = buffer.data;
     else
         value.clear();
     return found;
@@ -159,6 +174,7 @@ bool KEPClient::getProperty(const char* name, std::string& value)
 
 bool KEPClient::getProperty(const char* name, int& value)
 {
+    const CancelBlock block;
     if (lowestBit(kep_config_get_int(name, &value)))
         return true;
     m_log.logInfo("Failed to get an int value for property: %s\n", name);
@@ -168,6 +184,7 @@ bool KEPClient::getProperty(const char* name, int& value)
 
 bool KEPClient::getProperty(const char* name, bool& value)
 {
+    const CancelBlock block;
     bool answer = false;
     const bool found = lowestBit(kep_config_get_bool(name, &answer));
     if (!found)
@@ -178,6 +195,7 @@ bool KEPClient::getProperty(const char* name, bool& value)
 
 int KEPClient::getProperty(const char* name, char** buffer, int& size)
 {
+    const CancelBlock block;
     int capacity = *buffer == nullptr ? 0 : std::max(size, 0);
     int rc = kep_config_get(name, *buffer, &size);
     if (rc == KEP_ERROR_MAXCNT_SIZE) {
@@ -206,6 +224,7 @@ int KEPClient::getProperty(const char* name, char** buffer, int& size)
 
 bool KEPClient::setProperty(const char* name, char* value, bool /*flag*/)
 {
+    const CancelBlock block;
     if (value == nullptr)
         return false;
     char current[kStringSize] = {};
@@ -229,6 +248,7 @@ bool KEPClient::setProperty(const char* name, bool value, bool flag)
 
 int KEPClient::updateProperty(const char* name, const char* value, bool /*flag*/)
 {
+    const CancelBlock block;
     if (value == nullptr)
         return kFailed;
     std::string current;
@@ -239,6 +259,7 @@ int KEPClient::updateProperty(const char* name, const char* value, bool /*flag*/
 
 int KEPClient::updateProperty(const char* name, int value, bool flag)
 {
+    const CancelBlock block;
     int current = 0;
     if (getProperty(name, current) && current == value)
         return kUnchanged;
@@ -247,6 +268,7 @@ int KEPClient::updateProperty(const char* name, int value, bool flag)
 
 int KEPClient::updateProperty(const char* name, bool value, bool flag)
 {
+    const CancelBlock block;
     bool current = false;
     if (getProperty(name, current) && current == value)
         return kUnchanged;
@@ -255,6 +277,7 @@ int KEPClient::updateProperty(const char* name, bool value, bool flag)
 
 bool KEPClient::notifyEvent(char* event, int size, void* data)
 {
+    const CancelBlock block;
     if (lowestBit(kep_event_occurred(event, size, data)))
         return true;
     m_log.print("KEPClient: notifyEvent failed.\n");
@@ -264,6 +287,7 @@ bool KEPClient::notifyEvent(char* event, int size, void* data)
 int KEPClient::callFunction(const char* name, int size, void* sendBuffer, int maxReceiveSize,
                             int& receivedSize, void* receiveBuffer)
 {
+    const CancelBlock block;
     printCall(name, size, maxReceiveSize);
     m_log.print("KEPClient: invoking function %s\n", name);
     int n = size;
@@ -282,6 +306,7 @@ int KEPClient::callFunction(const char* name, int size, void* sendBuffer, int ma
 
 void KEPClient::registerCallback(char* name, Callback** callback)
 {
+    const CancelBlock block;
     const int rc = kep_function_register(name, callback);
     if (rc != 0)
         ::logInfo("%s() - kep_function_register failed, error code: %d, exiting program\n",

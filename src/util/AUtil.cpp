@@ -1,5 +1,6 @@
 #include "AUtil.h"
 
+#include "base/CancelBlock.h"
 #include "base/FileDescriptor.h"
 
 #include <algorithm>
@@ -73,6 +74,7 @@ void AUtil::clearStringArray(std::vector<const char*>& strings)
 
 std::string AUtil::generateRandomKey()
 {
+    const CancelBlock block;
     KeyWords words{};
     if (!readRandomWords(words))
         makePseudoRandomWords(words);

@@ -6,6 +6,11 @@
 #include <string>
 
 struct CommandLine::Option {
+    bool isCalled(const char* asked) const
+    {
+        return asked != nullptr && std::strcmp(name.c_str(), asked) == 0;
+    }
+
     std::string name;                // without its dash
     std::vector<const char*> values; // point into the caller's arguments
 };
@@ -46,12 +51,22 @@ bool CommandLine::getInt(const char* name, int least, int most, int& value)
     return text == nullptr || parseWholeInteger(text, least, most, value);
 }
 
+const char* CommandLine::getUnknown(std::initializer_list<const char*> known) const
+{
+    for (const Option& option : m_args) {
+        bool isKnown = false;
+        for (const char* name : known)
+            isKnown = isKnown || option.isCalled(name);
+        if (!isKnown)
+            return option.name.c_str();
+    }
+    return nullptr;
+}
+
 const CommandLine::Option* CommandLine::find(const char* name) const
 {
-    if (name == nullptr)
-        return nullptr;
     for (const Option& option : m_args) {
-        if (std::strcmp(option.name.c_str(), name) == 0)
+        if (option.isCalled(name))
             return &option;
     }
     return nullptr;

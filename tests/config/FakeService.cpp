@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <kep.h>
+#include <pthread.h>
 
 std::map<std::string, int> answers;
 std::deque<std::pair<int, int>> answeredReads;
@@ -12,6 +13,7 @@ const char* answeredText = "text";
 
 __attribute__((format(printf, 2, 3))) static int answer(int success, const char* format, ...)
 {
+    pthread_testcancel();
     char call[512];
     va_list args;
     va_start(args, format);
@@ -50,7 +52,7 @@ int kep_config_get(const char* name, char* buffer, int* size)
     *size = answeredReads.front().second;
     const int code = answeredReads.front().first;
     answeredReads.pop_front();
-    return code;
+    return code != kThrown ? code : throw kThrown;
 }
 
 int kep_config_get_str_n(const char* name, char* buffer, int size)

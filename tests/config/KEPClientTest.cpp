@@ -9,20 +9,25 @@
 #include <gtest/gtest.h>
 #include <new>
 
+static int s_arrays = 0; // not released so far
+
 // An array of the largest size runs out of memory at once, under every sanitizer.
 void* operator new[](std::size_t size)
 {
-    return size < INT_MAX ? ::operator new(size) : throw std::bad_alloc();
+    void* array = size < INT_MAX ? ::operator new(size) : throw std::bad_alloc();
+    ++s_arrays;
+    return array;
 }
 
 void operator delete[](void* array) noexcept
 {
+    s_arrays -= array != nullptr;
     ::operator delete(array);
 }
 
 void operator delete[](void* array, std::size_t) noexcept
 {
-    ::operator delete(array);
+    operator delete[](array);
 }
 
 namespace {
@@ -125,6 +130,13 @@ TEST_F(KEPClientTest, TextThatFillsTheBufferOrIsNoneIsReadInsideIt)
         answeredText = answer;
         outputOf([&, same = value] { EXPECT_FALSE(m_client.setProperty("p", same, true)); });
     }
+    // A name that a refused text without an end has taken the place of.
+    answeredText = full.c_str();
+    answers = {{"kep_config_get", 0}};
+    std::vector<char> name{'p', 0, '-', '-'};
+    EXPECT_EQ(outputOf([&] { m_client.getProperty(name.data(), name.data(), 4); }),
+              "kep_config_get_str_n p 4\n -Failed to get a value for property: xxx\n");
+    answers.clear();
     answeredText = "text";
 }
 
@@ -155,6 +167,52 @@ TEST_F(KEPClientTest, UpdateTellsFailureFromNoChangeForTextsOfAnyLength)
             EXPECT_EQ(value, "");
         }
     });
+}
+
+TEST_F(KEPClientTest, NothingIsLeftBehindWhenTheServiceThrows)
+{
+    const int before = s_arrays;
+    std::string value = "earlier";
+    outputOf([&] {
+        answeredReads = {{-2, 5}, {kThrown, 5}, {-2, 5}, {kThrown, 5}};
+        EXPECT_THROW(m_client.getProperty("p", value), int);
+        EXPECT_THROW(m_client.updateProperty("p", "x", true), int);
+    });
+    EXPECT_EQ(s_arrays, before);
+}
+
+TEST_F(KEPClientTest, CancellationWaitsUntilTheOperationHasReturned)
+{
+    const auto use = [](void* argument) -> void* {
+        auto& client = *static_cast<KEPClient*>(argument);
+        char buffer[256] = "p";
+        std::string text;
+        int number = 0;
+        bool truth = false;
+        KEPClient::Callback* callback = nullptr;
+        ::pthread_cancel(::pthread_self()); // acts in the first call of the service that lets it
+        client.initialize();
+        client.getProperty("p", buffer);
+        client.getProperty("p", text);
+        client.getProperty("p", number);
+        client.getProperty("p", truth);
+        client.setProperty("p", "x", true);
+        client.updateProperty("p", "x", true);
+        client.updateProperty("p", 1, true);
+        client.updateProperty("p", true, true);
+        client.notifyEvent("e", 0, nullptr);
+        client.callFunction("f", 1, buffer, 256, number, buffer);
+        client.registerCallback("f", &callback);
+        return argument;
+    };
+    answers = {{"kep_config_get", 0}}; // so that all is written
+    void* result = nullptr;
+    const std::string calls = outputOf([&] {
+        pthread_t thread;
+        ::pthread_create(&thread, nullptr, use, &m_client);
+        ::pthread_join(thread, &result);
+    });
+    EXPECT_EQ(result, &m_client) << "cancelled behind:\n" << calls;
 }
 
 template <typename Value>

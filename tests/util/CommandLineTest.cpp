@@ -25,6 +25,17 @@ TEST(CommandLineTest, OptionsAnswerWithTheirFirstValue)
     }
 }
 
+TEST(CommandLineTest, FirstOptionThatNobodyKnowsIsTold)
+{
+    const char* words[] = {"program", "early", "-port", "value", "-", "-5", "-port"};
+    const CommandLine line(std::size(words), const_cast<char**>(words));
+    EXPECT_STREQ(line.getUnknown({}), "port");
+    EXPECT_STREQ(line.getUnknown({"por", "ports", "5", "", "-port", nullptr}), "port");
+    EXPECT_STREQ(line.getUnknown({"5", nullptr, "port"}), "");
+    EXPECT_STREQ(line.getUnknown({"port", ""}), "5");
+    EXPECT_STREQ(line.getUnknown({"", "5", "port", "more"}), nullptr);
+}
+
 TEST(CommandLineTest, ArgumentsEndWithTheCountOrANullPointer)
 {
     const char* words[] = {"-first", nullptr, "-second"};
