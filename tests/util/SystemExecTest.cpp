@@ -196,6 +196,30 @@ TEST_F(SystemExecTest, SignalMeetsNoHandlerOfTheCallerInTheChildAndABrokenPipeDo
     std::signal(SIGTERM, SIG_DFL);
 }
 
+TEST_F(SystemExecTest, ChildThatIsKilledAtOnceIsReapedWhileTheOutputBlocks)
+{
+    pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
+    const auto holdUp = [](void* runner, const char* text, std::size_t size) {
+        int status = -1;
+        const bool waits = std::string_view(text, size).find("parent process") != std::string_view::npos;
+        for (int i = 0; waits && i < 500 && !static_cast<SystemExec*>(runner)->getStatus(status); ++i)
+            ::usleep(10'000);
+        return static_cast<ssize_t>(size);
+    };
+    FILE* const output =
+        std::exchange(stdout, ::fopencookie(&m_runner, "w", {nullptr, holdUp, nullptr, nullptr}));
+    s_signalInFork = SIGKILL;
+    s_writesInFork = true; // the fork returns late
+    start("true");
+    s_writesInFork = false;
+    s_signalInFork = 0;
+    std::fclose(std::exchange(stdout, output));
+    expectHeld(0);
+    int status = -1;
+    EXPECT_TRUE(m_runner.getStatus(status));
+    EXPECT_EQ(status, SIGKILL);
+}
+
 TEST_F(SystemExecTest, RunsInARowLeaveNoPipeAndNoZombie)
 {
     for (int run = 0; run < 50; ++run, letHandlerRun())
@@ -212,24 +236,25 @@ TEST_F(SystemExecTest, RunsInARowLeaveNoPipeAndNoZombie)
     EXPECT_EQ(::wait(nullptr), -1);
 }
 
-TEST_F(SystemExecTest, HandlerLeavesARunnerThatItHandledOrThatFailedAndTheRestOfTheProcessAlone)
+TEST_F(SystemExecTest, HandlerLeavesARunnerThatIsGoneAndTheRestOfTheProcessAlone)
 {
     rlimit limit{};
     ::getrlimit(RLIMIT_NOFILE, &limit);
     const rlimit none{0, limit.rlim_max};
-    for (const bool fails : {false, true}) {
+    for (const std::string last : {"handled", "failed", "under way"}) {
+        SCOPED_TRACE(last);
         alignas(SystemExec) std::array<int, sizeof(SystemExec) / sizeof(int)> memory{};
         auto* runner = new (memory.data()) SystemExec;
         start(*runner, "true");
-        if (fails) {
+        if (last == "failed") {
             ::setrlimit(RLIMIT_NOFILE, &none);
             start(*runner, "true");
             ::setrlimit(RLIMIT_NOFILE, &limit);
             EXPECT_EQ(runner->getPid(), -1);
-        } else {
-            letHandlerRun();
         }
-        EXPECT_EQ(runner->getStdOut(), -1);
+        if (last == "handled")
+            letHandlerRun();
+        const int ends[] = {runner->getStdErr(), runner->getStdIn(), runner->getStdOut()};
         runner->~SystemExec();
         const int number = ::dup(STDIN_FILENO);
         memory.fill(number);
@@ -239,6 +264,8 @@ TEST_F(SystemExecTest, HandlerLeavesARunnerThatItHandledOrThatFailedAndTheRestOf
         EXPECT_EQ(errno, EXDEV);
         EXPECT_EQ(memory, before);
         EXPECT_EQ(::close(number), 0);
+        for (const int end : ends)
+            EXPECT_EQ(::close(end), last == "under way" ? 0 : -1);
     }
     struct sigaction action {};
     sigaction(SIGCHLD, nullptr, &action);
