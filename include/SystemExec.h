@@ -75,7 +75,8 @@ public:
     ///
     /// First closes the pipe ends that this runner still holds if ::se is this runner, and forgets them if it
     /// isn't. Writes its progress to standard output and flushes it; the child is looked after while that
-    /// output is held up. Replaces the process's SIGCHLD handler with signalHandler(). dlclose() leaves the library loaded.
+    /// output is held up. Replaces the process's SIGCHLD handler with signalHandler(), also where the program
+    /// has a function of that name itself. dlclose() leaves the library loaded.
     ///
     /// No result: when a pipe or the child can't be made, a line on standard error tells so and the pipe ends
     /// are -1. When the program can't be run, the child says so on its two output pipes, which then end, and

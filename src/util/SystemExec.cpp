@@ -11,7 +11,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <link.h>
 #include <sys/wait.h>
 
 SystemExec* se = nullptr;
@@ -157,12 +159,30 @@ void restoreSignals()
     reportFailure(command, errno, pipes);
 }
 
+using Handler = void (*)(int);
+
+/// A function of the program's own that has the handler's name goes before it wherever that name is looked
+/// up.
+extern "C" GORV_LOCAL void gorvSignalHandler(int sig) __attribute__((alias("_Z13signalHandleri")));
+
+/// The handler at the address that the program knows, too. One that isn't position-independent knows a stub
+/// of its own, whose symbol is without a definition.
+Handler handlerOfThisLibrary()
+{
+    const Handler known = signalHandler;
+    Dl_info object{};
+    void* entry = nullptr;
+    ::dladdr1(reinterpret_cast<const void*>(known), &object, &entry, RTLD_DL_SYMENT);
+    const auto* symbol = static_cast<const ElfW(Sym)*>(entry);
+    return symbol != nullptr && symbol->st_shndx == SHN_UNDEF ? known : gorvSignalHandler;
+}
+
 /// As signal() does, but not for a child that is merely stopped: the handler would close its pipes and wait
 /// for its end.
 void installHandler()
 {
     struct sigaction action {};
-    action.sa_handler = signalHandler;
+    action.sa_handler = handlerOfThisLibrary();
     action.sa_flags = SA_RESTART | SA_NOCLDSTOP;
     sigaction(SIGCHLD, &action, nullptr);
 }

@@ -271,6 +271,7 @@ TEST_F(SystemExecTest, HandlerLeavesARunnerThatIsGoneAndTheRestOfTheProcessAlone
     sigaction(SIGCHLD, nullptr, &action);
     EXPECT_TRUE(action.sa_flags & SA_NOCLDSTOP); // or it would wait for the end of a child that is stopped
     EXPECT_TRUE(action.sa_flags & SA_RESTART);
+    EXPECT_EQ(action.sa_handler, signalHandler);
 }
 
 TEST_F(SystemExecTest, PipesOfARunnerThatIsNotNamedAnyMoreAreTheCallers)

@@ -6,7 +6,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-// This program loads the library when it is running.
+// This program loads the library when it is running, and has a function with the name of its handler.
+
+static bool s_called = false;
+
+__attribute__((visibility("default"))) void signalHandler(int)
+{
+    s_called = true;
+}
 
 INTERPOSED unsigned sleep(unsigned)
 {
@@ -21,7 +28,7 @@ Result call(void* library, const char* name, Arguments... arguments)
     return reinterpret_cast<Result (*)(Arguments...)>(::dlsym(library, name))(arguments...);
 }
 
-TEST(SystemExecUnloadTest, HandlerOutlivesTheUnloadingOfTheLibrary)
+TEST(SystemExecUnloadTest, HandlerIsTheLibrarysAndOutlivesItsUnloading)
 {
     void* const library = ::dlopen(GORV_LIBRARY, RTLD_NOW);
     ASSERT_NE(library, nullptr) << ::dlerror();
@@ -39,6 +46,7 @@ TEST(SystemExecUnloadTest, HandlerOutlivesTheUnloadingOfTheLibrary)
     for (int i = 0; i < 500 && ::kill(child, 0) == 0; ++i)
         ::usleep(10'000);
     EXPECT_EQ(::close(output), -1);
+    EXPECT_FALSE(s_called);
 }
 
 } // namespace
