@@ -41,7 +41,8 @@ endfunction()
 
 # The library itself: its calls to its own functions skip the symbol table, only the listed symbols leave it, and libssl
 # stays a dependency although nothing in it is called. The new dynamic tags let LD_LIBRARY_PATH put another libkep.so.1
-# in front of the build tree's. What makes code smaller differs between the processors.
+# in front of the build tree's. It stays loaded: its signal handler and what it leaves in threads would be gone. What
+# makes code smaller differs between the processors.
 function(gorv_library_options target)
     include(CheckIPOSupported)
     check_ipo_supported(RESULT supported OUTPUT ignored LANGUAGES CXX)
@@ -61,7 +62,8 @@ function(gorv_library_options target)
     list(APPEND lean $<$<CONFIG:Release>:-Os>)
     target_compile_options(${target} PRIVATE ${lean})
     target_link_options(${target} PRIVATE ${lean}) # link-time optimisation asks again
-    target_link_options(${target} PRIVATE "LINKER:--version-script=${GORV_VERSION_SCRIPT}" LINKER:--enable-new-dtags)
+    target_link_options(${target} PRIVATE "LINKER:--version-script=${GORV_VERSION_SCRIPT}" LINKER:--enable-new-dtags
+        "LINKER:-z,nodelete")
     if(GORV_PAGE_SIZE)
         target_link_options(${target} PRIVATE "LINKER:-z,max-page-size=${GORV_PAGE_SIZE}")
     endif()

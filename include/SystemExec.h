@@ -32,10 +32,10 @@
 /// SIGPIPE if the child may end before it has read its input.
 ///
 /// PAM modules start children as well, which the handler would take for the runner's, and a login fails or
-/// waits for the program. A program that has logins blocks SIGCHLD in every thread for good. Right after
-/// execute() it sets ::se to null, and then reads and closes the three ends and waits with waitpid(getPid())
-/// itself. (One that calls signalHandler() itself does so only while no module can run: under
-/// PAMHelper::getMonitor(), and not beside the end of a session or a transaction, which run without it.)
+/// waits for the program. A program that has logins blocks SIGCHLD in every thread for good and never calls
+/// signalHandler(). Right after execute() it sets ::se to null, and then reads and closes the three ends and
+/// waits with waitpid(getPid()) itself. Setting ::se takes SIGCHLD blocked in every thread, and where several
+/// threads have runners one lock of the program's round execute() and it.
 ///
 /// A child that doesn't end by itself is ended with kill(runner.getPid(), SIGKILL) while SIGCHLD is blocked
 /// in every thread: once a child has been reaped, its id may be a stranger's. Only if getPid() is above 0:
@@ -54,14 +54,15 @@ public:
     /// A runner without a command; all three pipe ends are -1.
     SystemExec();
 
-    /// Closes no descriptor, and leaves ::se as it is.
+    /// Closes no descriptor, and leaves ::se as it is. With a child that has not ended nobody closes the pipe
+    /// ends any more. May not run beside signalHandler() in another thread.
     ~SystemExec();
 
     SystemExec(const SystemExec&) = delete;
     SystemExec& operator=(const SystemExec&) = delete;
 
     /// Choose the program, as a path or a name that is looked up on the search path. It is one file name and
-    /// is not split at blanks. Copied.
+    /// is not split at blanks. Copied. Throws std::bad_alloc when memory runs out.
     void setCommand(std::string& command);
 
     /// Choose the child's arguments for execute(): @p args[0] is its name as it sees it, a null pointer ends
@@ -73,8 +74,9 @@ public:
     /// with SIGCHLD blocked in every thread. A cancellation of the thread waits.
     ///
     /// First closes the pipe ends that this runner still holds if ::se is this runner, and forgets them if it
-    /// isn't. Writes its progress to standard output and flushes it. Replaces the process's SIGCHLD handler
-    /// with signalHandler().
+    /// isn't. Writes its progress to standard output and flushes it; the child is looked after while that
+    /// output is held up. Replaces the process's SIGCHLD handler with signalHandler(), also where the program
+    /// has a function of that name itself. dlclose() leaves the library loaded.
     ///
     /// No result: when a pipe or the child can't be made, a line on standard error tells so and the pipe ends
     /// are -1. When the program can't be run, the child says so on its two output pipes, which then end, and
@@ -102,9 +104,10 @@ public:
     /// @return the id of the child, also when it has ended, or -1 before execute() and after one that failed.
     int getPid();
 
-    /// Tell how the child ended, as waitpid() does, in @p status.
-    /// @return whether signalHandler() has reaped it. False, with @p status unchanged, before that, for a
-    /// child that the program waited for itself, and once another runner has started a child.
+    /// Tell how the child of execute() ended, as waitpid() does, in @p status.
+    /// @return whether signalHandler() has reaped it, which may come a moment after getStdOut() is -1. False,
+    /// with @p status unchanged, before that, for a child that the program waited for itself, and once
+    /// another runner has started a child: unless the system gave that one the same id.
     bool getStatus(int& status);
 
 private:
@@ -112,6 +115,8 @@ private:
 
     GORV_LOCAL void start(char** args);
     GORV_LOCAL void leaveLastChild();
+    GORV_LOCAL void enterHandler();
+    GORV_LOCAL void leaveHandler();
     GORV_LOCAL void closePipes();
 
     std::string m_command;

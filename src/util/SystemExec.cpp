@@ -11,7 +11,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <link.h>
 #include <sys/wait.h>
 
 SystemExec* se = nullptr;
@@ -157,12 +159,30 @@ void restoreSignals()
     reportFailure(command, errno, pipes);
 }
 
+using Handler = void (*)(int);
+
+/// A function of the program's own that has the handler's name goes before it wherever that name is looked
+/// up.
+extern "C" GORV_LOCAL void gorvSignalHandler(int sig) __attribute__((alias("_Z13signalHandleri")));
+
+/// The handler at the address that the program knows, too. One that isn't position-independent knows a stub
+/// of its own, whose symbol is without a definition.
+Handler handlerOfThisLibrary()
+{
+    const Handler known = signalHandler;
+    Dl_info object{};
+    void* entry = nullptr;
+    ::dladdr1(reinterpret_cast<const void*>(known), &object, &entry, RTLD_DL_SYMENT);
+    const auto* symbol = static_cast<const ElfW(Sym)*>(entry);
+    return symbol != nullptr && symbol->st_shndx == SHN_UNDEF ? known : gorvSignalHandler;
+}
+
 /// As signal() does, but not for a child that is merely stopped: the handler would close its pipes and wait
 /// for its end.
 void installHandler()
 {
     struct sigaction action {};
-    action.sa_handler = signalHandler;
+    action.sa_handler = handlerOfThisLibrary();
     action.sa_flags = SA_RESTART | SA_NOCLDSTOP;
     sigaction(SIGCHLD, &action, nullptr);
 }
@@ -202,7 +222,10 @@ void reapOneChild()
 SystemExec::SystemExec() : m_stdOut(-1), m_stdIn(-1), m_stdErr(-1), m_pid(-1), m_argList(nullptr)
 {}
 
-SystemExec::~SystemExec() = default;
+SystemExec::~SystemExec()
+{
+    leaveHandler();
+}
 
 void SystemExec::setCommand(std::string& command)
 {
@@ -240,29 +263,30 @@ void SystemExec::start(char** args)
         return;
     }
 
-    // Where SIGCHLD is blocked in every thread, a child that is killed at once is not missed, and the handler
-    // never meets a half-stored runner.
-    const SignalBlock block(childSignal());
-    m_pid = forkWithoutHandlers();
+    {
+        // Where SIGCHLD is blocked in every thread, a child that is killed at once is not missed, and the
+        // handler never meets a half-stored runner.
+        const SignalBlock block(childSignal());
+        m_pid = forkWithoutHandlers();
+        if (m_pid == 0) {
+            char* const commandOnly[] = {m_command.data(), nullptr};
+            runChild(m_command.c_str(), args == nullptr ? commandOnly : args, pipes);
+        }
+        if (m_pid > 0) {
+            keep(pipes.output.readEnd, m_stdOut);
+            keep(pipes.input.writeEnd, m_stdIn);
+            keep(pipes.error.readEnd, m_stdErr);
+            enterHandler();
+        }
+    }
     if (m_pid == -1) {
         std::fprintf(stderr, " SystemExec: %s - Fork error. Exiting.\n", m_command.c_str());
         return;
     }
-    if (m_pid == 0) {
-        char* const commandOnly[] = {m_command.data(), nullptr};
-        runChild(m_command.c_str(), args == nullptr ? commandOnly : args, pipes);
-    }
-
-    s_lastChild.store(childWithStatus(m_pid, kRunning));
+    // Whoever holds up the output doesn't hold up the end of the child.
     std::printf("SystemExec parent process.  Command: %s: fork pid : %i (getpid=%i)\n", m_command.c_str(),
                 m_pid, ::getpid());
     std::fflush(stdout);
-    keep(pipes.output.readEnd, m_stdOut);
-    keep(pipes.input.writeEnd, m_stdIn);
-    keep(pipes.error.readEnd, m_stdErr);
-    s_outstanding.store(this);
-    std::atomic_ref<SystemExec*>(se).store(this);
-    installHandler();
 }
 
 int SystemExec::getStdOut()
@@ -298,12 +322,25 @@ bool SystemExec::getStatus(int& status)
 void SystemExec::leaveLastChild()
 {
     m_pid = -1;
-    SystemExec* self = this;
-    s_outstanding.compare_exchange_strong(self, nullptr);
+    leaveHandler();
     if (std::atomic_ref<SystemExec*>(se).load() == this)
         return closePipes();
     for (int* descriptor : {&m_stdErr, &m_stdIn, &m_stdOut}) // the caller's by now
         std::atomic_ref<int>(*descriptor).store(-1);
+}
+
+void SystemExec::enterHandler()
+{
+    s_lastChild.store(childWithStatus(m_pid, kRunning));
+    s_outstanding.store(this);
+    std::atomic_ref<SystemExec*>(se).store(this);
+    installHandler();
+}
+
+void SystemExec::leaveHandler()
+{
+    SystemExec* self = this;
+    s_outstanding.compare_exchange_strong(self, nullptr);
 }
 
 void SystemExec::closePipes()

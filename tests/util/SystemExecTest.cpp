@@ -13,13 +13,21 @@
 static int s_signalInFork = 0;
 static int s_signalInDelay = 0;
 static bool s_writesInFork = false;
-static bool s_waitsAtExit = false;
+static bool s_stopsAtExit = false;
+static std::array<int, 3> s_closed{}; // last
+static std::size_t s_closings = 0;
 
 // The library's calls end here. The child's delay is only announced.
 INTERPOSED unsigned sleep(unsigned seconds)
 {
     ::dprintf(STDOUT_FILENO, "sleep %u\n", seconds);
     return static_cast<unsigned>(::raise(s_signalInDelay));
+}
+
+INTERPOSED int close(int number)
+{
+    s_closed[s_closings++ % s_closed.size()] = number;
+    return nextDefinition<decltype(::close)>("close")(number);
 }
 
 namespace {
@@ -87,7 +95,7 @@ struct SystemExecTest : testing::Test {
     {
         EXPECT_EQ(openDescriptors(), m_descriptors + pipes);
         for (const int end : {m_runner.getStdOut(), m_runner.getStdIn(), m_runner.getStdErr()})
-            EXPECT_EQ(end == -1, pipes == 0);
+            EXPECT_EQ(::fcntl(end, F_GETFD), pipes == 0 ? -1 : FD_CLOEXEC);
     }
 
     sigset_t m_before{};
@@ -98,16 +106,17 @@ struct SystemExecTest : testing::Test {
 TEST_F(SystemExecTest, ChildRunsOnThreePipesUntilTheHandlerClosesThemAndKeepsItsStatus)
 {
     std::signal(SIGCHLD, SIG_IGN);
+    std::signal(SIGUSR2, SIG_IGN);
     char text[] = "text";
     char* list[] = {text, text, nullptr};
     m_runner.setArgList(list); // which a list of strings leaves aside
     expectHeld(0);
     EXPECT_EQ(m_runner.getPid(), -1);
     const std::tuple<std::string, Words, Texts, int> cases[] = {
-        // What the caller does to these two signals stays out of the child, which must not end before its
-        // input.
+        // What the caller does to SIGCHLD and SIGPIPE stays out of the child, which must not end before its
+        // input, and another signal that it ignores stays ignored.
         {"grep",
-         {"", "-chE", "^Sig(Blk:.0*|Ign:.*[02468ace].{4})$", "/proc/self/status", "-"},
+         {"", "-chE", "^Sig(Blk:.0*|Ign:.*[02468ace].[89a-f]..)$", "/proc/self/status", "-"},
          {"2\n0\n", ""},
          0},
         {"sh", {"", "-c", "kill -PIPE $$"}, {"", ""}, SIGPIPE},
@@ -155,9 +164,12 @@ TEST_F(SystemExecTest, ProgressLinesArriveOnceAndWholeAndTheChildWaitsASecond)
 
 TEST_F(SystemExecTest, FailedChildWritesNothingOfTheCallersAndItsPipesEndBeforeAnExitHandlerThatWaits)
 {
-    std::atexit([] {
-        while (s_waitsAtExit && ::raise(SIGPIPE) == 0 && ::write(STDOUT_FILENO, "mine", 4) > 0)
-            ::pause();
+    std::atexit([] { // of the child; it stops if all is well
+        int written = 0;
+        for (int stream = STDIN_FILENO; s_stopsAtExit && stream <= STDERR_FILENO; ++stream)
+            written += ::write(stream, "mine", 4) > 0 ? 1 : 0;
+        if (written == 3 && ::raise(SIGPIPE) == 0)
+            ::raise(SIGSTOP);
     });
     CapturedStream errors(stderr);
     char buffer[BUFSIZ];
@@ -166,15 +178,18 @@ TEST_F(SystemExecTest, FailedChildWritesNothingOfTheCallersAndItsPipesEndBeforeA
     for (FILE* stream : {stderr, log})
         std::fputs("mine", stream);
     std::thread([=] { ::flockfile(log); }).join(); // as by a thread that reads it; nobody may wait for that
-    for (const int expectedStatus : {W_EXITCODE(1, 0), SIGKILL}) {
-        s_waitsAtExit = expectedStatus == SIGKILL;
-        start("ls -l");
-        EXPECT_EQ(talk(), kFailure);
-        if (s_waitsAtExit)
-            ::kill(m_runner.getPid(), SIGKILL);
-        EXPECT_EQ(statusAfterHandler(), expectedStatus);
-    }
-    s_waitsAtExit = false;
+    start("ls -l");
+    EXPECT_EQ(talk(), kFailure);
+    EXPECT_EQ(statusAfterHandler(), W_EXITCODE(1, 0));
+    s_stopsAtExit = true;
+    start("ls -l");
+    s_stopsAtExit = false;
+    EXPECT_EQ(talk(), kFailure);
+    siginfo_t child{};
+    ::waitid(P_ALL, 0, &child, WSTOPPED | WEXITED | WNOWAIT);
+    EXPECT_EQ(child.si_code, CLD_STOPPED);
+    ::kill(m_runner.getPid(), SIGKILL);
+    EXPECT_EQ(statusAfterHandler(), SIGKILL);
     ::funlockfile(log);
     EXPECT_EQ(::lseek(::fileno(log), 0, SEEK_END), 0);
     std::fclose(log);
@@ -196,6 +211,47 @@ TEST_F(SystemExecTest, SignalMeetsNoHandlerOfTheCallerInTheChildAndABrokenPipeDo
     std::signal(SIGTERM, SIG_DFL);
 }
 
+TEST_F(SystemExecTest, ChildThatIsKilledAtOnceIsReapedWhileTheOutputBlocks)
+{
+    pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
+    const auto holdUp = [](void* runner, const char* text, std::size_t size) {
+        int status = -1;
+        const bool waits = std::string_view(text, size).find("parent process") != std::string_view::npos;
+        for (int i = 0; waits && i < 500 && !static_cast<SystemExec*>(runner)->getStatus(status); ++i)
+            ::usleep(10'000);
+        return static_cast<ssize_t>(size);
+    };
+    FILE* const output =
+        std::exchange(stdout, ::fopencookie(&m_runner, "w", {nullptr, holdUp, nullptr, nullptr}));
+    s_signalInFork = SIGKILL;
+    s_writesInFork = true; // the fork returns late
+    start("true");
+    s_writesInFork = false;
+    s_signalInFork = 0;
+    std::fclose(std::exchange(stdout, output));
+    expectHeld(0);
+    int status = -1;
+    EXPECT_TRUE(m_runner.getStatus(status));
+    EXPECT_EQ(status, SIGKILL);
+}
+
+TEST_F(SystemExecTest, CancellationWaitsForTheStartAndForTheHandler)
+{
+    int steps = 0;
+    std::thread([&] {
+        ::pthread_cancel(::pthread_self());
+        start("true");
+        ++steps;
+        signalHandler(SIGCHLD);
+        ++steps;
+        ::pthread_testcancel();
+        ++steps;
+    }).join();
+    EXPECT_EQ(steps, 2);
+    expectHeld(0);
+    EXPECT_EQ(::wait(nullptr), -1);
+}
+
 TEST_F(SystemExecTest, RunsInARowLeaveNoPipeAndNoZombie)
 {
     for (int run = 0; run < 50; ++run, letHandlerRun())
@@ -206,30 +262,36 @@ TEST_F(SystemExecTest, RunsInARowLeaveNoPipeAndNoZombie)
     letHandlerRun();
     EXPECT_EQ(statusAfterHandler(), 0);
     expectHeld(0);
+    start("true");
+    const std::array<int, 3> ends = {m_runner.getStdErr(), m_runner.getStdIn(), m_runner.getStdOut()};
+    s_closings = 0;
+    EXPECT_EQ(statusAfterHandler(), 0);
+    EXPECT_EQ(s_closed, ends); // whoever reads -1 for the last may destroy the runner
     if (::fork() == 0)
         ::_exit(1);
     EXPECT_EQ(statusAfterHandler(), 0); // not the stranger's
     EXPECT_EQ(::wait(nullptr), -1);
 }
 
-TEST_F(SystemExecTest, HandlerLeavesARunnerThatItHandledOrThatFailedAndTheRestOfTheProcessAlone)
+TEST_F(SystemExecTest, HandlerLeavesARunnerThatIsGoneAndTheRestOfTheProcessAlone)
 {
     rlimit limit{};
     ::getrlimit(RLIMIT_NOFILE, &limit);
     const rlimit none{0, limit.rlim_max};
-    for (const bool fails : {false, true}) {
+    for (const std::string last : {"handled", "failed", "under way"}) {
+        SCOPED_TRACE(last);
         alignas(SystemExec) std::array<int, sizeof(SystemExec) / sizeof(int)> memory{};
         auto* runner = new (memory.data()) SystemExec;
         start(*runner, "true");
-        if (fails) {
+        if (last == "failed") {
             ::setrlimit(RLIMIT_NOFILE, &none);
             start(*runner, "true");
             ::setrlimit(RLIMIT_NOFILE, &limit);
             EXPECT_EQ(runner->getPid(), -1);
-        } else {
-            letHandlerRun();
         }
-        EXPECT_EQ(runner->getStdOut(), -1);
+        if (last == "handled")
+            letHandlerRun();
+        const int ends[] = {runner->getStdErr(), runner->getStdIn(), runner->getStdOut()};
         runner->~SystemExec();
         const int number = ::dup(STDIN_FILENO);
         memory.fill(number);
@@ -239,11 +301,14 @@ TEST_F(SystemExecTest, HandlerLeavesARunnerThatItHandledOrThatFailedAndTheRestOf
         EXPECT_EQ(errno, EXDEV);
         EXPECT_EQ(memory, before);
         EXPECT_EQ(::close(number), 0);
+        for (const int end : ends)
+            EXPECT_EQ(::close(end), last == "under way" ? 0 : -1);
     }
     struct sigaction action {};
     sigaction(SIGCHLD, nullptr, &action);
     EXPECT_TRUE(action.sa_flags & SA_NOCLDSTOP); // or it would wait for the end of a child that is stopped
     EXPECT_TRUE(action.sa_flags & SA_RESTART);
+    EXPECT_EQ(action.sa_handler, signalHandler);
 }
 
 TEST_F(SystemExecTest, PipesOfARunnerThatIsNotNamedAnyMoreAreTheCallers)
