@@ -354,7 +354,8 @@ int ASocket::read(unsigned char* data, int offset, int len, unsigned int timeout
              timeout);
     if (m_socketState != CONNECTED)
         return 0;
-    LOG_LINE(__func__, " read( %x, %i, %i )\n", firstByte(data, len), offset, len);
+    LOG_LINE(__func__, " read( %x, %i, %i )\n", firstByte(data, std::max(len, 0) + std::min(offset, 0)),
+             offset, len);
     const int count = socket_read(data + offset, len, MSG_WAITALL, timeout);
     LOG_LINE(__func__, " count=<%d>\n", count);
     return count;
