@@ -19,8 +19,10 @@ class ALog;
 /// the log of setLog(). The system's complaints go to standard error. A descriptor that is made here is
 /// close-on-exec and never one of the standard streams' numbers.
 ///
-/// One thread at a time uses an object, but for shutDown(); separate objects are independent. Destroyed as an
-/// ASocket.
+/// One thread at a time uses an object, but for shutDown(); separate objects are independent. A cancellation
+/// of that thread acts where it connects, sends, receives or writes a line; everything else, resolving and
+/// closing with a linger time among it, is finished first. The object stays usable, though a part of the
+/// message may be gone. Destroyed as an ASocket.
 ///
 /// @code
 /// ASocket socket("127.0.0.1", 4711, true); // throws GorvSocketException
@@ -66,8 +68,8 @@ public:
     ///
     /// Resolving and connecting block as long as the system lets them; a signal can fail them. On failure the
     /// state is CONNECT_FAILED (no socket could be made) or CLOSED, no descriptor is held, both standard
-    /// streams have a message, and GorvSocketException is thrown. std::bad_alloc may leave a descriptor
-    /// behind, which close() closes as ever.
+    /// streams have a message, and GorvSocketException is thrown. std::bad_alloc or a cancellation may leave
+    /// a descriptor in the object, which closes it as ever.
     /// @param ip host name or dotted address
     /// @param port the low 16 bits count
     void createIPSocket(const char* ip, int port);
@@ -128,7 +130,7 @@ public:
     /// Call the system's fsync on the descriptor. Nothing is ever pending in the object.
     void flush() override;
 
-    /// Close the descriptor and set CLOSED, in any state.
+    /// Close the descriptor, once, and set CLOSED, in any state.
     void close() override;
 
     virtual ~ASocket();

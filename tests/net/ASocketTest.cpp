@@ -356,6 +356,54 @@ TEST(ASocketTest, StallLimitEndsAMessageThatHasBegunAndNoOther)
                  "4 66051 1 *\nSocket recv failed: Resource temporarily unavailable\n*");
 }
 
+/// Whether @p operation returned in a thread that is cancelled @p later, or already when it begins.
+bool returnsWhenCancelled(bool later, const std::function<void()>& operation)
+{
+    bool returned = false;
+    std::thread thread([&] {
+        if (!later)
+            ::pthread_cancel(::pthread_self());
+        operation();
+        returned = true;
+    });
+    if (later) {
+        ::usleep(100'000);
+        ::pthread_cancel(thread.native_handle());
+    }
+    thread.join();
+    return returned;
+}
+
+TEST(ASocketTest, CancellationActsInTheWaitsOnlyAndLosesNoDescriptor)
+{
+    unsigned char byte = 0;
+    const std::vector<unsigned char> flood(std::size_t{64} << 20);
+    Link full; // its queue, so that connecting waits
+    ::listen(full.listener, 0);
+    told([&] { full.socket.createIPSocket("127.0.0.2", full.port()); });
+    const std::tuple<const char*, bool, std::function<void(Link&)>> rows[] = {
+        {"receiving", true, [&](Link& link) { link.socket.readAvailable(&byte, 1, 0); }},
+        {"awaiting", true, [&](Link& link) { link.socket.readAvailable(&byte, 1, 60); }},
+        {"sending", true,
+         [&](Link& link) { link.socket.write(flood.data(), static_cast<int>(flood.size())); }},
+        {"connecting", true, [&](Link&) { ASocket("127.0.0.2", full.port()); }},
+        {"complaining", false, [](Link& link) { ASocket(link.socket).write(nullptr, -1); }},
+        {"closing", false, [](Link& link) { ASocket(link.socket).close(); }},
+        {"destroying", false, [](Link& link) { ASocket copy(link.socket); }}};
+    for (const auto& [name, isWait, operation] : rows) {
+        Link link;
+        const int before = openDescriptors();
+        bool returned = false;
+        told([&, call = operation] { returned = returnsWhenCancelled(isWait, [&] { call(link); }); });
+        EXPECT_EQ(returned, !isWait) << name;
+        EXPECT_EQ(openDescriptors(), before) << name;
+    }
+    Link link; // of which a reader was cancelled
+    told([&] { returnsWhenCancelled(true, [&] { link.socket.readAvailable(&byte, 1, 0); }); });
+    link.send("\7");
+    EXPECT_PRED2(matches, toldBy(link.socket, &ASocket::readByte, 5), "1 7 1 *");
+}
+
 class Overriding : public ASocket {
 public:
     void write(const unsigned char*, int len) override { std::printf("write %d ", len); }
