@@ -19,8 +19,10 @@ class ALog;
 /// the log of setLog(). The system's complaints go to standard error. A descriptor that is made here is
 /// close-on-exec and never one of the standard streams' numbers.
 ///
-/// One thread at a time uses an object, but for shutDown(); separate objects are independent. Destroyed as an
-/// ASocket.
+/// One thread at a time uses an object, but for shutDown(); separate objects are independent. A cancellation
+/// of that thread acts where it connects, sends, receives or writes a line; everything else, resolving and
+/// closing with a linger time among it, is finished first. The object stays usable, though a part of the
+/// message may be gone. Destroyed as an ASocket.
 ///
 /// @code
 /// ASocket socket("127.0.0.1", 4711, true); // throws GorvSocketException
@@ -66,8 +68,8 @@ public:
     ///
     /// Resolving and connecting block as long as the system lets them; a signal can fail them. On failure the
     /// state is CONNECT_FAILED (no socket could be made) or CLOSED, no descriptor is held, both standard
-    /// streams have a message, and GorvSocketException is thrown. std::bad_alloc may leave a descriptor
-    /// behind, which close() closes as ever.
+    /// streams have a message, and GorvSocketException is thrown. std::bad_alloc or a cancellation may leave
+    /// a descriptor in the object, which closes it as ever.
     /// @param ip host name or dotted address
     /// @param port the low 16 bits count
     void createIPSocket(const char* ip, int port);
@@ -78,7 +80,7 @@ public:
     void setLog(ALog& log);
 
     /// Choose whether the next createIPSocket() leaves out its lines about connecting and the successful
-    /// connection. Off in a new socket.
+    /// connection. The attempt and a failure are printed all the same. Off in a new socket.
     void setSilent(bool silent);
 
     /// @return whether the object holds a descriptor, as it still does after the peer has closed.
@@ -91,12 +93,13 @@ public:
     /// options; make it non-blocking only if nothing is received or sent through the object any more.
     int getDescriptor();
 
-    /// Bound, from now on, how long a message that has begun may stand still. The wait for a first byte knows
-    /// its own time-out alone, and 0 stays without limit; from the first byte on the limit takes the place of
-    /// the time-out. When the peer sends nothing for @p seconds, at the latest for twice as long, readFully()
-    /// and the operations on it give -1 and set IO_ERROR without a message, since half a message has passed.
-    /// When it takes nothing, sending ends with its complaint, at the latest after a few times as long, as
-    /// the system's buffers fill. A signal starts the limit anew.
+    /// Bound, from the next message on, how long one that has begun may stand still. Only while neither this
+    /// object nor a copy sends or receives: a message under way would be cut or awaited for ever. The wait
+    /// for a first byte knows its own time-out alone, and 0 stays without limit; from the first byte on the
+    /// limit takes the place of the time-out. When the peer sends nothing for @p seconds, at the latest for
+    /// twice as long, readFully() and the operations on it give -1 and set IO_ERROR without a message, since
+    /// half a message has passed. When it takes nothing, sending ends with its complaint, at the latest after
+    /// a few times as long, as the system's buffers fill. A signal starts the limit anew.
     ///
     /// The limit is one of the connection: copies share it, and createIPSocket() begins without. It takes the
     /// descriptor's SO_RCVTIMEO and SO_SNDTIMEO; what a program sets there itself is no such limit.
@@ -106,8 +109,9 @@ public:
 
     /// End the connection in both directions, for copies as well. The one operation that another thread may
     /// call while one reads or writes, though not while one connects, closes or destroys, so leave the end of
-    /// the object to whoever joins the thread that uses it: the reader then sees a closed peer, and the
-    /// writer a failure with its SIGPIPE. The state is left to them, and the descriptor stays open.
+    /// the object to whoever joins the thread that uses it: the reader then sees a closed peer, or a failure
+    /// ("Connection reset") if the peer is sending, and the writer a failure with its SIGPIPE. The state is
+    /// left to them, and the descriptor stays open.
     /// @return false if the system refuses, as without a connection
     bool shutDown();
 
@@ -126,7 +130,7 @@ public:
     /// Call the system's fsync on the descriptor. Nothing is ever pending in the object.
     void flush() override;
 
-    /// Close the descriptor and set CLOSED, in any state.
+    /// Close the descriptor, once, and set CLOSED, in any state.
     void close() override;
 
     virtual ~ASocket();

@@ -3,6 +3,7 @@
 #include "ALog.h"
 #include "GorvSocketException.h"
 #include "base/AtExit.h"
+#include "base/CancelBlock.h"
 #include "base/FileDescriptor.h"
 #include "net/BigEndian.h"
 
@@ -14,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <exception>
 #include <fcntl.h>
 #include <netdb.h>
 #include <optional>
@@ -21,6 +23,7 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 const int ASocket::NOT_CONNECTED;
@@ -64,6 +67,13 @@ int openSocket()
     return socket.release();
 }
 
+/// perror opens a descriptor of its own, which a cancellation would leave behind.
+void complain(const char* what)
+{
+    const CancelBlock block;
+    std::perror(what);
+}
+
 std::string failureText(const char* format, ...) GORV_PRINTF(1, 2);
 
 std::string failureText(const char* format, ...)
@@ -77,7 +87,7 @@ std::string failureText(const char* format, ...)
 }
 
 /// Find the first IPv4 address of @p name. The re-entrant form of gethostbyname keeps sockets of different
-/// threads independent.
+/// threads independent. A cancellation in there would leave the resolver's sockets and locks behind.
 std::optional<in_addr> resolve(const char* name)
 {
     if (name == nullptr) {
@@ -87,6 +97,7 @@ std::optional<in_addr> resolve(const char* name)
     hostent entry{};
     hostent* found = nullptr;
     std::vector<char> buffer(kHostBufferSize);
+    const CancelBlock block;
     while (::gethostbyname_r(name, &entry, buffer.data(), buffer.size(), &found, &h_errno) == ERANGE)
         buffer.resize(buffer.size() * 2);
     if (found == nullptr)
@@ -192,7 +203,7 @@ ASocket::ASocket(const char* ip, int port, bool silent) : ASocket()
         std::printf("ASocket::%s:%d Exception with message: %s.\n", failure.getFunction().c_str(),
                     failure.getLine(), failure.getMessage().c_str());
         throw;
-    } catch (...) {
+    } catch (const std::exception&) { // not a cancellation, which may have come while the output blocked
         if (m_socket >= 0)
             ASocket::close();
         std::printf("ASocket::%s:%d Exception connecting to data ip=\"%s\" port=%i.\n", __func__, __LINE__,
@@ -217,12 +228,12 @@ void ASocket::createIPSocket(const char* ip, int port)
     m_socket = openSocket();
     if (m_socket < 0) {
         m_socketState = CONNECT_FAILED;
-        std::perror("Failed to open socket\n");
+        complain("Failed to open socket\n");
         failConnecting(failureText("Failed to open socket ip=\"%s\" port=%i\n", ip, port));
     }
     const int on = 1;
     if (::setsockopt(m_socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0)
-        std::perror("setsocketopt failed");
+        complain("setsocketopt failed");
     if (!m_silent) {
         std::printf("ASocket::%s:%d:       connecting...\n", __func__, __LINE__);
         std::fflush(stdout);
@@ -230,7 +241,7 @@ void ASocket::createIPSocket(const char* ip, int port)
 
     const std::optional<in_addr> host = resolve(ip);
     if (!host) {
-        std::perror("host info not found");
+        complain("host info not found");
         failConnecting(failureText("host info not found ip=\"%s\"\n", ip));
     }
     m_address.sin_family = AF_INET;
@@ -238,7 +249,7 @@ void ASocket::createIPSocket(const char* ip, int port)
     m_address.sin_port = htons(static_cast<std::uint16_t>(port));
     if (::connect(m_socket, reinterpret_cast<const sockaddr*>(&m_address), sizeof m_address) < 0) {
         m_socketState = CONNECT_FAILED;
-        std::perror("Unable to connect socket");
+        complain("Unable to connect socket");
         failConnecting(failureText("Unable to connect socket ip=\"%s\" port=%i\n", ip, port));
     }
     m_socketState = CONNECTED;
@@ -321,6 +332,7 @@ void ASocket::flush()
 
 void ASocket::close()
 {
+    const CancelBlock block; // once begun, the system's close has freed the number
     ::close(m_socket);
     m_socket = kNoDescriptor;
     m_socketState = CLOSED;
@@ -354,7 +366,8 @@ int ASocket::read(unsigned char* data, int offset, int len, unsigned int timeout
              timeout);
     if (m_socketState != CONNECTED)
         return 0;
-    LOG_LINE(__func__, " read( %x, %i, %i )\n", firstByte(data, len), offset, len);
+    LOG_LINE(__func__, " read( %x, %i, %i )\n", firstByte(data, std::max(len, 0) + std::min(offset, 0)),
+             offset, len);
     const int count = socket_read(data + offset, len, MSG_WAITALL, timeout);
     LOG_LINE(__func__, " count=<%d>\n", count);
     return count;
@@ -446,9 +459,7 @@ ASocket& ASocket::operator<<(const char* text)
 
 void ASocket::startAfresh()
 {
-    if (m_socket >= 0)
-        ::close(m_socket);
-    m_socket = kNoDescriptor;
+    const FileDescriptor former(std::exchange(m_socket, kNoDescriptor));
     m_networkByteOrder = kMostSignificantFirst;
     m_address = {};
     m_socketState = NOT_CONNECTED;
@@ -472,7 +483,7 @@ void ASocket::sendAll(const unsigned char* data, int len)
             continue; // nothing was sent yet
         if (sent < 0) {
             m_socketState = IO_ERROR;
-            std::perror("Socket write failed");
+            complain("Socket write failed");
             return;
         }
         data += sent;
@@ -493,7 +504,7 @@ bool ASocket::awaitData(unsigned int timeout)
             return false;
         }
         const int error = errno;
-        std::perror("Select failed");
+        complain("Select failed");
         LOG_LINE(kReceiveOperation, " Select failed\n");
         if (error != EINTR && (error == EBADF || retries-- == 0)) {
             m_socketState = IO_ERROR;
@@ -520,7 +531,7 @@ int ASocket::receive(unsigned char* data, int len, int flag)
             waitReadable(m_socket, UINT_MAX); // no message has begun that could stall
             continue;
         }
-        std::perror("Socket recv failed");
+        complain("Socket recv failed");
         if (error == EAGAIN || error == EINTR)
             continue;
         m_socketState = IO_ERROR;

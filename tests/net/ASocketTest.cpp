@@ -163,10 +163,11 @@ TEST(ASocketTest, SpeaksTheWireFormatAndLogsEveryStep)
                  "2 -2 1 readShort: timeout = 5\n*\nreadShort: read value = -2\n");
     EXPECT_PRED2(matches, toldBy(socket, &ASocket::readByte, 0),
                  "1 254 1 readByte: timeout = 0\n*\nreadByte: read value = 254\n");
-    unsigned char data[6] = {0xAB};
+    unsigned char data[7] = {0xAB, 0, 0, 0, 0, 0, 0xEE}; // the last one is foreign
     EXPECT_PRED2(matches, told([&] {
                      EXPECT_EQ(socket.readFully(data, 5, 1, 0), 1);
-                     EXPECT_EQ(socket.read(data, 2, 2, 3), 2);
+                     EXPECT_EQ(socket.read(data, 2, 1, 3), 1);
+                     EXPECT_EQ(socket.read(data + 6, -3, 1, 3), 1);
                      EXPECT_EQ(socket.readFully(nullptr, 0, 0, 1), 0);
                      socket.writeInt(-2);
                      socket.writeShort(74565);
@@ -175,9 +176,10 @@ TEST(ASocketTest, SpeaksTheWireFormatAndLogsEveryStep)
                      socket.writeString(nullptr);
                      socket << "%s" << reinterpret_cast<const unsigned char*>("");
                  }),
-                 "*\nread m_socketState=<1> offset=<2> len=<2> timeout=<3>\nread read( ab, 2, 2 )\n"
-                 "socket_read data=<0> len=<2> flag=<256> timeout=<3>\nsocket_read :    read 2 bytes\n"
-                 "read count=<2>\nreadFully m_socketState=<1> offset=<0> len=<0> timeout=<1>\n"
+                 "*\nread m_socketState=<1> offset=<2> len=<1> timeout=<3>\nread read( ab, 2, 1 )\n"
+                 "socket_read data=<0> len=<1> flag=<256> timeout=<3>\nsocket_read :    read 1 bytes\n"
+                 "read count=<1>\n*\nread read( 0, -3, 1 )\n*\nread count=<1>\nreadFully m_socketState=<1> "
+                 "offset=<0> len=<0> timeout=<1>\n"
                  "readFully:    read 0 bytes\nwriteInt: writeInt( -2 )\nwrite: write( ff, 4 )\n"
                  "writeShort: writeShort( 74565 )\nwrite: write( 23, 2 )\nwriteByte: write( fe, 1 )\n"
                  "writeString : writeString( %s )\nwrite: write( 25, 2 )\n"
@@ -352,6 +354,54 @@ TEST(ASocketTest, StallLimitEndsAMessageThatHasBegunAndNoOther)
     const std::jthread rest = plain.sendLater(2'500'000, "\2\3");
     EXPECT_PRED2(matches, toldBy(plain.socket, &ASocket::readInt, 0),
                  "4 66051 1 *\nSocket recv failed: Resource temporarily unavailable\n*");
+}
+
+/// Whether @p operation returned in a thread that is cancelled @p later, or already when it begins.
+bool returnsWhenCancelled(bool later, const std::function<void()>& operation)
+{
+    bool returned = false;
+    std::thread thread([&] {
+        if (!later)
+            ::pthread_cancel(::pthread_self());
+        operation();
+        returned = true;
+    });
+    if (later) {
+        ::usleep(100'000);
+        ::pthread_cancel(thread.native_handle());
+    }
+    thread.join();
+    return returned;
+}
+
+TEST(ASocketTest, CancellationActsInTheWaitsOnlyAndLosesNoDescriptor)
+{
+    unsigned char byte = 0;
+    const std::vector<unsigned char> flood(std::size_t{64} << 20);
+    Link full; // its queue, so that connecting waits
+    ::listen(full.listener, 0);
+    told([&] { full.socket.createIPSocket("127.0.0.2", full.port()); });
+    const std::tuple<const char*, bool, std::function<void(Link&)>> rows[] = {
+        {"receiving", true, [&](Link& link) { link.socket.readAvailable(&byte, 1, 0); }},
+        {"awaiting", true, [&](Link& link) { link.socket.readAvailable(&byte, 1, 60); }},
+        {"sending", true,
+         [&](Link& link) { link.socket.write(flood.data(), static_cast<int>(flood.size())); }},
+        {"connecting", true, [&](Link&) { ASocket("127.0.0.2", full.port()); }},
+        {"complaining", false, [](Link& link) { ASocket(link.socket).write(nullptr, -1); }},
+        {"closing", false, [](Link& link) { ASocket(link.socket).close(); }},
+        {"destroying", false, [](Link& link) { ASocket copy(link.socket); }}};
+    for (const auto& [name, isWait, operation] : rows) {
+        Link link;
+        const int before = openDescriptors();
+        bool returned = false;
+        told([&, call = operation] { returned = returnsWhenCancelled(isWait, [&] { call(link); }); });
+        EXPECT_EQ(returned, !isWait) << name;
+        EXPECT_EQ(openDescriptors(), before) << name;
+    }
+    Link link; // of which a reader was cancelled
+    told([&] { returnsWhenCancelled(true, [&] { link.socket.readAvailable(&byte, 1, 0); }); });
+    link.send("\7");
+    EXPECT_PRED2(matches, toldBy(link.socket, &ASocket::readByte, 5), "1 7 1 *");
 }
 
 class Overriding : public ASocket {
