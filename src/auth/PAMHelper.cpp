@@ -29,6 +29,14 @@ constexpr const char* kContextVariable = "CONTEXT_ID";
 constexpr const char* kSessionVariable = "SESSION_ID";
 constexpr const char* kContextTrigger = "OIDC_LOGIN";
 
+/// Held over a call that takes PAM steps. A cancellation waits: libpam and its modules, which are C, would
+/// leave copies of the password behind, and a transaction that libpam can't end.
+class PamStep {
+private:
+    const CancelBlock m_block;
+    const FastLock m_lock{PAMHelper::instanceMapMonitor};
+};
+
 /// The string keeps its length.
 void wipe(std::string& secret)
 {
@@ -62,13 +70,14 @@ int putVariable(pam_handle_t* handle, const char* name, const char* value)
         OPENSSL_cleanse(text, size);
         std::free(text);
     });
+    const CancelBlock block; // libpam reports a name that it refuses
     std::memcpy(text, name, nameLength);
     text[nameLength] = '=';
     std::memcpy(text + nameLength + 1, value, valueLength + 1);
     return pam_putenv(handle, text);
 }
 
-/// Called from destructors, which nothing may leave.
+/// Called from the destructor, too, which nothing may leave.
 void endTransaction(pam_handle_t* handle, int status)
 {
     const CancelBlock block;
@@ -95,7 +104,7 @@ PAMHelper::~PAMHelper()
 
 int PAMHelper::authenticate(std::string& user, std::string& password, bool& skipAuth)
 {
-    const FastLock lock(instanceMapMonitor);
+    const PamStep step;
     const AtExit forget([this] { wipe(m_password); });
     attachConversation();
     if (m_user.empty() || m_user == user)
@@ -105,7 +114,7 @@ int PAMHelper::authenticate(std::string& user, std::string& password, bool& skip
 
 int PAMHelper::authenticate(std::string& service, std::string& user, std::string& password, bool& skipAuth)
 {
-    const FastLock lock(instanceMapMonitor);
+    const PamStep step;
     const AtExit forget([this] { wipe(m_password); });
     const int startStatus = startTransaction(service, user, password);
     return checkUserAndAccount(startStatus, skipAuth);
@@ -114,7 +123,7 @@ int PAMHelper::authenticate(std::string& service, std::string& user, std::string
 int PAMHelper::authenticate(std::string& service, std::string& user, std::string& password,
                             std::string& token, bool& skipAuth)
 {
-    const FastLock lock(instanceMapMonitor);
+    const PamStep step;
     const AtExit forget([this] { wipe(m_password); });
     const int startStatus = startTransaction(service, user, password);
     setEnv(kTokenVariable, token.c_str());
@@ -124,7 +133,7 @@ int PAMHelper::authenticate(std::string& service, std::string& user, std::string
 int PAMHelper::authenticate(std::string& service, std::string& user, std::string& password,
                             std::string& envName, std::string& envValue, bool& skipAuth)
 {
-    const FastLock lock(instanceMapMonitor);
+    const PamStep step;
     const AtExit forget([this] { wipe(m_password); });
     const int startStatus = startTransaction(service, user, password);
     setEnv(envName.c_str(), envValue.c_str());
@@ -136,7 +145,7 @@ int PAMHelper::authenticate(std::string& service, std::string& user, std::string
                             std::string& contextId, std::string& envName, std::string& envValue,
                             bool& skipAuth)
 {
-    const FastLock lock(instanceMapMonitor);
+    const PamStep step;
     const AtExit forget([this] { wipe(m_password); });
     const int startStatus = startTransaction(service, user, password);
     setEnv(envName.c_str(), envValue.c_str());
@@ -189,7 +198,7 @@ int PAMHelper::converse(int num_msg, const struct pam_message** msg, struct pam_
 
 bool PAMHelper::startSession()
 {
-    const FastLock lock(instanceMapMonitor);
+    const PamStep step;
     writeShared(m_sessionOpen, false);
     const bool mayOpen = m_authResult == PAM_SUCCESS || m_authResult == PAM_NEW_AUTHTOK_REQD;
     if (!mayOpen || pamOpenSession(m_pamHandle, 0) != PAM_SUCCESS)
@@ -201,6 +210,7 @@ bool PAMHelper::startSession()
 
 int PAMHelper::stopSession()
 {
+    const CancelBlock block; // first, for the close as for a deletion
     hold();
     const AtExit leave([this] { letGo(1); });
     const FastLock lock(instanceMapMonitor);
@@ -260,6 +270,7 @@ Monitor* PAMHelper::getMonitor()
 
 void PAMHelper::dispose()
 {
+    const CancelBlock block; // a derived class's destructor may do what a cancellation ends
     hold();
     int holds = 1;
     const AtExit leave([&] { letGo(holds); });
@@ -339,11 +350,10 @@ int PAMHelper::checkOwnUser(const std::string& user, const std::string& password
 
 int PAMHelper::checkOtherUser(const std::string& user, const std::string& password, bool skipAuth)
 {
-    std::string otherUser = user;
+    std::string exchanged = user;
     m_password = password;
-    std::string ownUser = std::move(m_user); // with its memory, which hosts may hold a pointer into
-    m_user = std::move(otherUser);
-    const AtExit restore([&] { m_user = std::move(ownUser); });
+    m_user.swap(exchanged); // hosts may hold a pointer into a text, which swapping back puts where it was
+    const AtExit restore([&] { m_user.swap(exchanged); });
     pam_handle_t* temporary = nullptr;
     int status = PAM_AUTH_ERR;
     const AtExit end([&] { endTransaction(temporary, status); });

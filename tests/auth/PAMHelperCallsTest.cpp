@@ -1,4 +1,5 @@
 #include "PAMHelper.h"
+#include "support/Cancelled.h"
 #include "support/FakePam.h"
 #include "support/Files.h"
 #include "support/ProcessMemory.h"
@@ -32,10 +33,14 @@ struct Login : PAMHelper {
     Login() : PAMHelper("::ffff:10.0.0.9", nullptr) {}
     ~Login() override
     {
+        stopSession();
+        ::close(-1); // where a cancellation acts
         for (const auto& [id, helper] : instanceMap)
             EXPECT_NE(helper, this) << id;
         for (const auto& [flag, helper] : instanceFwMap)
             EXPECT_NE(helper, this) << flag;
+        setFwInProgress(true);
+        setSessionId("of one that is gone");
         ++s_deleted;
     }
     static inline std::atomic<int> s_deleted = 0;
@@ -47,6 +52,8 @@ struct PAMHelperCallsTest : testing::Test {
     {
         m_helper->dispose();
         fakePam() = {};
+        EXPECT_TRUE(PAMHelper::instanceMap.empty());
+        EXPECT_TRUE(PAMHelper::instanceFwMap.empty());
     }
 
     void forgetCalls()
@@ -197,6 +204,55 @@ TEST_F(PAMHelperCallsTest, CheckOfAnotherUserUsesItsOwnTransactionOnly)
     EXPECT_THROW(checkAgain("bob"), const char*); // as a cancelled thread leaves it
     EXPECT_EQ(m_helper->getUser(), "alice");
     EXPECT_EQ(takeCalls().back(), "4 end 7");
+}
+
+TEST_F(PAMHelperCallsTest, PointerIntoTheUsersTextIsRightAfterAnotherUsersCheck)
+{
+    const std::string shorter = "bob", longer = "a user with a long name", longest = longer + longer;
+    for (const std::string& own : {shorter, longer}) {
+        for (const std::string& other : {shorter + "by", longer, longest}) {
+            renew();
+            m_user = own;
+            logIn();
+            const char* const text = m_helper->getUser().c_str();
+            fakePam().onAuthenticate = [&](const pam_handle_t&) {
+                EXPECT_EQ(m_helper->getUser(), other);
+                return PAM_SUCCESS;
+            };
+            checkAgain(other);
+            EXPECT_EQ(text, own) << other;
+            EXPECT_EQ(text, m_helper->getUser().c_str()) << other;
+        }
+    }
+}
+
+TEST_F(PAMHelperCallsTest, CancellationWaitsUntilEachOperationIsOver)
+{
+    std::string text = "text", bob = "bob", name = "NAME";
+    bool skip = false;
+    const std::pair<const char*, std::function<void()>> operations[] = {
+        {"plain", [&] { m_helper->authenticate(m_service, m_user, m_password, skip); }},
+        {"token", [&] { m_helper->authenticate(m_service, m_user, m_password, text, skip); }},
+        {"variable", [&] { m_helper->authenticate(m_service, m_user, m_password, name, text, skip); }},
+        {"context", [&] { m_helper->authenticate(m_service, m_user, m_password, text, name, text, skip); }},
+        {"own", [&] { m_helper->authenticate(m_user, m_password, skip); }},
+        {"other", [&] { m_helper->authenticate(bob, m_password, skip); }},
+        {"setEnv", [&] { m_helper->setEnv("NAME", "value"); }},
+        {"start", [&] { m_helper->startSession(); }},
+        {"stop", [&] { m_helper->stopSession(); }},
+        {"dispose", [&] { std::exchange(m_helper, new Login)->dispose(); }},
+        {"delete", [&] { delete std::exchange(m_helper, new PAMHelper(nullptr, nullptr)); }},
+    };
+    for (const auto& [operation, run] : operations) {
+        renew();
+        if (operation == std::string_view("delete")) // a derived class has its own cares
+            std::exchange(m_helper, new PAMHelper(nullptr, nullptr))->dispose();
+        open();
+        fakePam().onRecord = nullptr; // setEnv() goes without the monitor
+        EXPECT_TRUE(endsDespiteCancellation(run)) << operation;
+        EXPECT_EQ(m_helper->m_password.find_first_not_of('\0'), std::string::npos) << operation;
+        EXPECT_FALSE(isMonitorHeld()) << operation;
+    }
 }
 
 TEST_F(PAMHelperCallsTest, DisposeClosesAndEndsWithTheStatusOfTheClose)
@@ -433,6 +489,19 @@ TEST_F(PAMHelperCallsTest, NoTemporaryOrDiscardedReplyKeepsThePassword)
         EXPECT_EQ(m_helper->authenticate(m_service, m_user, password, name, value, skip),
                   skip ? PAM_SUCCESS : PAM_CONV_ERR);
     }
+    FILE* const terminal = std::exchange(stdin, std::tmpfile());
+    std::setvbuf(stdin, nullptr, _IONBF, 0);
+    std::fputs(password.c_str(), stdin);
+    std::rewind(stdin);
+    letPamAsk({{PAM_PROMPT_ECHO_ON, nullptr}, {PAM_PROMPT_ECHO_OFF, "PIN: "}});
+    fakePam().onAuthenticate = [ask = fakePam().onAuthenticate](pam_handle_t& pam) {
+        [[maybe_unused]] volatile char deep[100'000]; // so that no later call covers what the line left
+        const int status = ask(pam);
+        deep[0] = '\0';
+        return status;
+    };
+    EXPECT_EQ(logIn(), PAM_CONV_ERR);
+    std::fclose(std::exchange(stdin, terminal));
     EXPECT_TRUE(ProcessMemory::holds(secret)); // the caller's own copy
     OPENSSL_cleanse(password.data(), password.size());
     EXPECT_FALSE(ProcessMemory::holds(secret)); // once only: a search leaves copies behind

@@ -2,6 +2,8 @@
 #include "auth/PamCalls.h" // these declarations allow a null handle
 #include "support/Interposed.h"
 
+#include <pthread.h>
+
 FakePam& fakePam()
 {
     static FakePam s_pam;
@@ -13,6 +15,7 @@ namespace {
 int step(const pam_handle_t* pam, std::string_view call)
 {
     FakePam& fake = fakePam();
+    pthread_testcancel(); // as in a module that reads a file
     if (!fake.records)
         return PAM_SUCCESS;
     fake.calls.push_back((pam == nullptr ? "-" : std::to_string(pam->number)).append(" ").append(call));

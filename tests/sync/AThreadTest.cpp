@@ -1,4 +1,5 @@
 #include "AThread.h"
+#include "support/Cancelled.h"
 #include "support/Interposed.h"
 
 #include <atomic>
@@ -20,8 +21,11 @@ struct Counter : AThread {
     {
         for (m_id = getThreadID(); !isStopRequested();)
             ++m_rounds;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        m_hasEnded = true;
     }
     std::atomic<std::int64_t> m_id = 0, m_rounds = 0;
+    std::atomic<bool> m_hasEnded = false;
 };
 
 TEST(AThreadTest, BodyRunsOnAThreadOfItsOwnUntilItIsAskedToStop)
@@ -54,4 +58,14 @@ TEST(AThreadTest, JoinWaitsForNothingWithoutAThreadToJoin)
     s_creationFails = false;
     refused.join(); // never there
     EXPECT_TRUE(refused.isRunning());
+}
+
+TEST(AThreadTest, CancelledJoinLeavesTheThreadToBeJoined)
+{
+    Counter thread;
+    thread.start();
+    EXPECT_FALSE(endsDespiteCancellation([&] { thread.join(); }));
+    thread.stopThread();
+    thread.join();
+    EXPECT_TRUE(thread.m_hasEnded);
 }

@@ -1,6 +1,8 @@
+#include "support/Cancelled.h"
 #include "support/LockProbe.h"
 
 #include <atomic>
+#include <functional>
 #include <gtest/gtest.h>
 #include <thread>
 #include <vector>
@@ -67,6 +69,19 @@ TEST(MonitorTest, NotifyWakesOneWaiterAndATimedWaitEndsEarlyOrAtItsLimit)
             std::this_thread::sleep_for(1ms);
         std::this_thread::sleep_for(20ms); // a second thread that was woken would have returned too
         EXPECT_EQ(returned, round);
+    }
+}
+
+TEST(MonitorTest, CancelledWaitLeavesTheLockFree)
+{
+    Monitor monitor;
+    const std::function<void()> waits[] = {[&] { monitor.wait(); }, [&] { monitor.wait(3'600'000); }};
+    for (const auto& wait : waits) {
+        EXPECT_FALSE(endsDespiteCancellation([&] {
+            const MonitorLock lock = monitor.acquireLock();
+            wait();
+        }));
+        EXPECT_TRUE(LockProbe(monitor).gotIt());
     }
 }
 
