@@ -19,28 +19,23 @@ class ZoneLock {
 
 } // namespace
 
-void LocalSecond::followZone()
-{
-    const char* const zone = std::getenv("TZ");
-    const std::time_t now = std::time(nullptr);
-    if (m_isKept && now == m_zoneSecond && isZone(zone))
-        return;
-    keepZone(zone);
-    m_zoneSecond = now;
-    m_isConverted = false;
-    [[maybe_unused]] const ZoneLock lock{};
-    tzset(); // localtime_r alone need not notice that TZ or the zone file changed
-}
-
 bool LocalSecond::moveTo(std::time_t second)
 {
-    if (m_isConverted && second == m_second)
+    const char* const zone = std::getenv("TZ");
+    if (m_isKept && second == m_second && isZone(zone))
         return false;
+    keepZone(zone);
     m_second = second;
-    m_isConverted = true;
     [[maybe_unused]] const ZoneLock lock{};
+    tzset(); // localtime_r alone need not notice that TZ or the zone file changed
     localtime_r(&second, &m_fields);
     return true;
+}
+
+std::size_t LocalSecond::format(char* text, std::size_t size) const
+{
+    [[maybe_unused]] const ZoneLock lock{}; // a time locale may show the zone
+    return std::strftime(text, size, "%m/%e/%Y %X ", &m_fields);
 }
 
 bool LocalSecond::isZone(const char* zone) const

@@ -2,12 +2,15 @@
 #include "AComponentLog.h"
 #include "support/Files.h"
 #include "support/Interposed.h"
+#include "support/OtherThread.h"
+#include "support/Places.h"
 
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <deque>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <langinfo.h>
@@ -36,10 +39,18 @@ INTERPOSED std::size_t strftime(char* text, std::size_t size, const char* format
                                 const std::tm* fields) noexcept
 {
     static const auto s_real = nextDefinition<decltype(::strftime)>("strftime");
+    comeBy("strftime");
     std::string whole = format;
     if (const auto position = whole.find("%X"); position != std::string::npos)
         whole.replace(position, 2, s_timeOfDay);
     return s_real(text, size, whole.c_str(), fields);
+}
+
+INTERPOSED void tzset() noexcept
+{
+    static const auto s_real = nextDefinition<decltype(::tzset)>("tzset");
+    comeBy("tzset");
+    s_real();
 }
 
 // One buffer for all threads: the log must not call it.
@@ -219,6 +230,34 @@ TEST_F(ALogTest, LinesOfManyThreadsStayWholeWhileFilesMoveAndAHostHoldsTheStream
     const std::regex whole(R"(\d\d/[ \d]\d/\d{4} \d\d:\d\d:\d\d (box)? -thread \d line \d+\n)");
     EXPECT_EQ(std::regex_replace(lines, whole, ""), "");
     EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), kThreads * kLines);
+}
+
+TEST_F(ALogTest, StreamsAreFreeWhileALineIsComposedAndItsStampIsOfTheSecondItIsWritten)
+{
+    const std::time_t before = s_now;
+    CapturedStream output(stdout);
+    ALog other("other", m_file);
+    other.setShowTimestamp(false);
+    m_log.setShowTimestamp(true);
+    for (ALog* log : {&other, &m_log})
+        log->setEchoToConsole(true);
+    std::string expected, keptWaiting;
+    std::deque<OtherThread> threads;
+    for (const char* place : {"tzset", "strftime", "%K"}) {
+        setAtPlace(place, [&] {
+            ++s_now;
+            if (!threads.emplace_back([&] { other.print("at %s\n", place); }).isDone())
+                keptWaiting += place;
+        });
+        ++s_now;
+        m_log.print("%s%K\n", place);
+        expected += "other -at " + (place + ("\n11/ 7/2026 00:00:0" + std::to_string(s_now - before - 1))) +
+                    " box -" + place + "\n";
+    }
+    s_now = before;
+    EXPECT_EQ(output.text(), expected);
+    EXPECT_EQ(written(), expected);
+    EXPECT_EQ(keptWaiting, "");
 }
 
 struct AComponentLogTest : ALogTest {};
