@@ -14,7 +14,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <langinfo.h>
+#include <memory>
 #include <regex>
+#include <sys/wait.h>
 #include <thread>
 
 #pragma GCC diagnostic ignored "-Wformat" // "%m"
@@ -258,6 +260,35 @@ TEST_F(ALogTest, StreamsAreFreeWhileALineIsComposedAndItsStampIsOfTheSecondItIsW
     EXPECT_EQ(output.text(), expected);
     EXPECT_EQ(written(), expected);
     EXPECT_EQ(keptWaiting, "");
+}
+
+/// Fork a child that asks for the local time.
+void forkAndAskForTime()
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        std::tm fields{};
+        const std::time_t now = s_now;
+        localtime_r(&now, &fields);
+        _exit(0);
+    }
+    waitpid(child, nullptr, 0);
+}
+
+TEST_F(ALogTest, ForkWaitsForAnotherThreadThatReadsTheTimeZoneAndNeverForItsOwn)
+{
+    std::unique_ptr<OtherThread> thread;
+    bool isKeptWaiting = false;
+    setAtPlace("tzset", [&] {
+        forkAndAskForTime();
+        thread = std::make_unique<OtherThread>(forkAndAskForTime);
+        isKeptWaiting = thread->isKeptWaiting();
+    });
+    m_log.setShowTimestamp(true);
+    setenv("TZ", "Another", 1);
+    m_log.print("line\n");
+    EXPECT_TRUE(isKeptWaiting);
+    EXPECT_TRUE(thread->isDone());
 }
 
 struct AComponentLogTest : ALogTest {};
