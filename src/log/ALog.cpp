@@ -1,5 +1,6 @@
 #include "ALog.h"
 
+#include "base/CancelBlock.h"
 #include "base/SharedField.h"
 #include "log/KeptErrno.h"
 #include "log/LineFormat.h"
@@ -113,6 +114,7 @@ ALog::~ALog()
 
 int ALog::setOutputFile(const char* path)
 {
+    const CancelBlock block;
     // The old stream is closed first: were it the same file, its buffered lines would land in the emptied
     // one.
     if (m_ownsFile && m_file != nullptr)
@@ -124,6 +126,7 @@ int ALog::setOutputFile(const char* path)
 
 int ALog::reopenOutputFile(const char* path)
 {
+    const CancelBlock block;
     FILE* const opened = openToAppend(path);
     if (opened == nullptr)
         return -1;
@@ -263,6 +266,7 @@ FILE* ALog::outputFile()
 {
     if (FILE* file = readShared(m_file))
         return file;
+    const CancelBlock block;
     const MonitorLock lock = m_monitor.acquireLock();
     if (m_file == nullptr) {
         m_ownsFile = true;

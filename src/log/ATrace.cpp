@@ -1,5 +1,6 @@
 #include "ATrace.h"
 
+#include "base/CancelBlock.h"
 #include "base/FileDescriptor.h"
 #include "base/SharedField.h"
 #include "log/KeptErrno.h"
@@ -181,6 +182,7 @@ template GORV_API void ATrace::TraceLog(int level, const char* format, ...);
 
 void ATrace::Close()
 {
+    const CancelBlock block;
     FILE* closed = nullptr;
     {
         const MonitorLock lock = m_monitor.acquireLock();
@@ -192,6 +194,7 @@ void ATrace::Close()
 
 int ATrace::Reopen(const char* fileName)
 {
+    const CancelBlock block;
     FILE* opened = openToAppend(fileName);
     if (opened == nullptr)
         return -1;
@@ -235,6 +238,7 @@ void ATrace::replaceFileName(char* name)
 
 bool ATrace::openFile()
 {
+    const CancelBlock block;
     if (m_firstOpen) {
         m_firstOpen = false;
         const FileDescriptor emptied(

@@ -3,6 +3,8 @@
 #include <chrono>
 #include <functional>
 #include <future>
+#include <pthread.h>
+#include <thread>
 #include <utility>
 
 /// Another thread that does something at once.
@@ -21,3 +23,16 @@ public:
 private:
     std::future<void> m_done; // is waited for in the end
 };
+
+/// Make @p call in a thread whose cancellation is pending.
+/// @return whether the call came back.
+inline bool returnsWhenCancelled(const std::function<void()>& call)
+{
+    bool returned = false;
+    std::thread([&] {
+        ::pthread_cancel(::pthread_self());
+        call();
+        returned = true;
+    }).join();
+    return returned;
+}
