@@ -5,7 +5,7 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <string_view>
+#include <ctime>
 
 class KeptErrno;
 class StreamLocks;
@@ -108,7 +108,8 @@ private:
     GORV_LOCAL FILE* writeLine(StreamLocks& streams, const KeptErrno& callersErrno, const char* format,
                                va_list args) GORV_PRINTF(4, 0);
     GORV_LOCAL void flushLine(FILE* file);
-    GORV_LOCAL void composeLine(std::string_view stamp, const char* format, va_list args) GORV_PRINTF(3, 0);
+    GORV_LOCAL std::time_t composeLine(char* line, bool isStamped, const KeptErrno& callersErrno,
+                                       const char* format, va_list args) GORV_PRINTF(5, 0);
     GORV_LOCAL FILE* outputFile();
     GORV_LOCAL FILE* ownFile(FILE* opened);
     GORV_LOCAL void flushFile();
@@ -120,6 +121,6 @@ private:
     bool m_ownsFile; // the log opened m_file itself
     char* m_name;
     Monitor m_monitor;
-    char* m_buffer;
-    int m_bufferSize;
+    [[maybe_unused]] char* m_buffer;   // no longer used: each line has a buffer of its own
+    [[maybe_unused]] int m_bufferSize; // 0
 };

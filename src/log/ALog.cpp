@@ -1,5 +1,6 @@
 #include "ALog.h"
 
+#include "base/CancelBlock.h"
 #include "base/SharedField.h"
 #include "log/KeptErrno.h"
 #include "log/LineFormat.h"
@@ -19,9 +20,8 @@ const int ALog::TRACE;
 
 namespace {
 
-constexpr int kLineSize = 2048;
+constexpr std::size_t kLineSize = 2048; // with the terminator
 constexpr const char* kDefaultFile = "debug.log";
-constexpr const char* kStampFormat = "%m/%e/%Y %X ";
 constexpr mode_t kPermissions = 0666; // less what the umask takes
 
 // To sleep and be woken costs what several buffered lines take, so one that waits for those stays awake a
@@ -55,17 +55,14 @@ bool hasNumbersOnly(std::string_view timeFormat)
 /// The stamp that a thread formatted last, and what it depended on.
 class Stamp {
 public:
-    /// May open the zone file.
-    void followZone() { m_time.followZone(); }
-
-    /// Bring it up to now.
-    void refresh()
+    /// Bring it up to @p second.
+    void moveTo(std::time_t second)
     {
         // "%X" follows the host's time locale, which may change between two lines.
         const char* const timeFormat = nl_langinfo(T_FMT);
-        if (!m_time.moveTo(std::time(nullptr)) && m_isKept && std::strcmp(timeFormat, m_timeFormat) == 0)
+        if (!m_time.moveTo(second) && m_isKept && std::strcmp(timeFormat, m_timeFormat) == 0)
             return;
-        m_length = std::strftime(m_text, sizeof m_text, kStampFormat, &m_time.fields());
+        m_length = m_time.format(m_text, sizeof m_text);
         const std::size_t length = std::strlen(timeFormat);
         m_isKept = hasNumbersOnly(timeFormat) && length < sizeof m_timeFormat;
         if (m_isKept)
@@ -89,6 +86,13 @@ private:
     return s_stamp;
 }
 
+std::string_view stampOf(std::time_t second)
+{
+    Stamp& stamp = stampOfThread();
+    stamp.moveTo(second);
+    return stamp.text();
+}
+
 } // namespace
 
 ALog::ALog(const char* name) : ALog(name, nullptr)
@@ -98,21 +102,19 @@ ALog::ALog(const char* name) : ALog(name, nullptr)
 
 ALog::ALog(const char* name, FILE* file)
     : m_file(file), m_enabled(true), m_showTimestamp(true), m_echoToConsole(false), m_ownsFile(false),
-      m_name(nullptr), m_buffer(nullptr), m_bufferSize(kLineSize)
+      m_name(nullptr), m_buffer(nullptr), m_bufferSize(0)
 {
-    auto nameCopy = copyText(name);
-    m_buffer = new char[kLineSize]();
-    m_name = nameCopy.release();
+    m_name = copyText(name).release();
 }
 
 ALog::~ALog()
 {
     delete[] m_name;
-    delete[] m_buffer;
 }
 
 int ALog::setOutputFile(const char* path)
 {
+    const CancelBlock block;
     // The old stream is closed first: were it the same file, its buffered lines would land in the emptied
     // one.
     if (m_ownsFile && m_file != nullptr)
@@ -124,6 +126,7 @@ int ALog::setOutputFile(const char* path)
 
 int ALog::reopenOutputFile(const char* path)
 {
+    const CancelBlock block;
     FILE* const opened = openToAppend(path);
     if (opened == nullptr)
         return -1;
@@ -224,22 +227,38 @@ FILE* ALog::writeLine(StreamLocks& streams, const KeptErrno& callersErrno, const
     if (file == nullptr)
         return nullptr;
     const bool isStamped = readShared(m_showTimestamp);
-    const bool isEchoed = readShared(m_echoToConsole);
-    Stamp& stamp = stampOfThread();
-    if (isStamped)
-        stamp.followZone(); // before the streams are locked: see StreamLocks
-    streams.lock(file, isEchoed ? stdout : nullptr);
-    const MonitorLock lock = m_monitor.acquireLock();
-    if (isStamped)
-        stamp.refresh();
-    callersErrno.restore();
-    composeLine(isStamped ? stamp.text() : "", format, args);
-    ::fputs_unlocked(m_buffer, file);
-    if (isEchoed) {
-        ::fputs_unlocked(m_buffer, stdout);
-        ::fflush_unlocked(stdout);
+    FILE* const echo = readShared(m_echoToConsole) ? stdout : nullptr;
+    char line[kLineSize];
+    const std::time_t second = composeLine(line, isStamped, callersErrno, format, args);
+    streams.lock(file, echo);
+    if (isStamped && std::time(nullptr) != second) {
+        // Another thread's line may show the next second already.
+        streams.unlock();
+        composeLine(line, isStamped, callersErrno, format, args);
+        streams.lock(file, echo);
+    }
+    ::fputs_unlocked(line, file);
+    if (echo != nullptr) {
+        ::fputs_unlocked(line, echo);
+        ::fflush_unlocked(echo);
     }
     return file;
+}
+
+/// Compose a line of kLineSize bytes at the most, while no stream is locked: see StreamLocks. Returns the
+/// second that it is stamped with.
+std::time_t ALog::composeLine(char* line, bool isStamped, const KeptErrno& callersErrno, const char* format,
+                              va_list args)
+{
+    const std::time_t second = isStamped ? std::time(nullptr) : 0;
+    LineFormat text(line, kLineSize);
+    if (isStamped)
+        text.append(stampOf(second));
+    text.appendText(m_name);
+    text.appendText(" -");
+    callersErrno.restore();
+    text.appendMessage(format, args);
+    return second;
 }
 
 /// Returns the stream that lines go to, the default file if there is none; null if that can't be opened.
@@ -247,6 +266,7 @@ FILE* ALog::outputFile()
 {
     if (FILE* file = readShared(m_file))
         return file;
+    const CancelBlock block;
     const MonitorLock lock = m_monitor.acquireLock();
     if (m_file == nullptr) {
         m_ownsFile = true;
@@ -264,15 +284,6 @@ FILE* ALog::ownFile(FILE* opened)
         writeShared(m_file, opened);
     }
     return m_file;
-}
-
-void ALog::composeLine(std::string_view stamp, const char* format, va_list args)
-{
-    LineFormat line(m_buffer, static_cast<std::size_t>(m_bufferSize));
-    line.append(stamp);
-    line.appendText(m_name);
-    line.appendText(" -");
-    line.appendMessage(format, args);
 }
 
 /// Flush @p file, which is locked; without one, as for a line that was not written, the log's own.

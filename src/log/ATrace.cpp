@@ -1,5 +1,6 @@
 #include "ATrace.h"
 
+#include "base/CancelBlock.h"
 #include "base/FileDescriptor.h"
 #include "base/SharedField.h"
 #include "log/KeptErrno.h"
@@ -7,10 +8,13 @@
 #include "log/LocalSecond.h"
 #include "log/OutputFile.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
+#include <new>
 #include <string_view>
 #include <sys/time.h>
 #include <utility>
@@ -21,36 +25,115 @@ namespace {
 
 constexpr int kMicrosecondsPerMillisecond = 1000;
 constexpr mode_t kPermissions = 0666; // less what the umask takes
-constexpr int kPlainSize = 160;       // most lines fit
+constexpr std::size_t kShortLine = 2048;
 
-/// The stamp that the thread made last, and the time of its text up to the seconds.
+/// The stamp that the thread made last, up to the milliseconds.
 struct Stamp {
     LocalSecond time;
-    int secondsLength = 0;
+    int length = 0;
     char text[96] = {};
 };
 
-/// Terminated, too.
-std::string_view currentStamp()
+std::string_view stampOf(std::time_t second)
 {
     static constinit thread_local Stamp s_stamp;
+    if (s_stamp.time.moveTo(second)) {
+        const std::tm& fields = s_stamp.time.fields();
+        s_stamp.length = std::snprintf(s_stamp.text, sizeof s_stamp.text, "%04i/%02i/%02i %02i:%02i:%02i_",
+                                       fields.tm_year + 1900, fields.tm_mon + 1, fields.tm_mday,
+                                       fields.tm_hour, fields.tm_min, fields.tm_sec);
+    }
+    return {s_stamp.text, static_cast<std::size_t>(s_stamp.length)};
+}
+
+/// printf into memory. Returns the length of the whole message, or of what comes before an argument that
+/// can't be formatted.
+std::size_t formatMessage(char* text, std::size_t size, const char* format, va_list args)
+{
+    va_list copy;
+    va_copy(copy, args);
+    const int length = std::vsnprintf(text, size, format, copy);
+    va_end(copy);
+    return length < 0 ? std::strlen(text) : static_cast<std::size_t>(length);
+}
+
+/// A line in memory, of any length. Composed while no stream is locked: see StreamLocks.
+class Line {
+public:
+    Line(const KeptErrno& callersErrno, const char* format, va_list args) GORV_PRINTF(3, 0);
+
+    /// Take over the milliseconds of now. Returns false where that isn't in the line's second.
+    bool stampNow();
+
+    std::string_view text() const { return {m_text, m_length}; }
+
+private:
+    /// For a message that is not plain, or longer than the line.
+    void appendMessage(std::size_t head, const KeptErrno& callersErrno, const char* format, va_list args)
+        GORV_PRINTF(4, 0);
+    void stampMilliseconds(const timeval& now);
+
+    std::time_t m_second;
+    std::size_t m_milliseconds; // where they stand
+    std::size_t m_length;
+    char* m_text = m_short;
+    std::unique_ptr<char[]> m_long;
+    char m_short[kShortLine];
+};
+
+Line::Line(const KeptErrno& callersErrno, const char* format, va_list args)
+{
     timeval now{};
     gettimeofday(&now, nullptr);
-    s_stamp.time.followZone();
-    if (s_stamp.time.moveTo(now.tv_sec)) {
-        const std::tm& fields = s_stamp.time.fields();
-        s_stamp.secondsLength = std::snprintf(
-            s_stamp.text, sizeof s_stamp.text, "%04i/%02i/%02i %02i:%02i:%02i_", fields.tm_year + 1900,
-            fields.tm_mon + 1, fields.tm_mday, fields.tm_hour, fields.tm_min, fields.tm_sec);
+    m_second = now.tv_sec;
+    const std::string_view stamp = stampOf(m_second);
+    m_milliseconds = stamp.size();
+    LineFormat line(m_short, sizeof m_short);
+    line.append(stamp);
+    line.append("000 ");
+    stampMilliseconds(now);
+    const std::size_t head = line.length();
+    if (line.appendIfPlain(format, args) && !line.isFull())
+        m_length = line.length();
+    else
+        appendMessage(head, callersErrno, format, args);
+}
+
+void Line::appendMessage(std::size_t head, const KeptErrno& callersErrno, const char* format, va_list args)
+{
+    callersErrno.restore();
+    std::size_t length = formatMessage(m_short + head, sizeof m_short - head, format, args);
+    if (head + length >= sizeof m_short) {
+        m_long.reset(new (std::nothrow) char[head + length + 1]);
+        if (m_long == nullptr) {
+            length = sizeof m_short - 1 - head; // cut off
+        } else {
+            std::memcpy(m_long.get(), m_short, head);
+            m_text = m_long.get();
+            callersErrno.restore();
+            length = std::min(length, formatMessage(m_text + head, length + 1, format, args));
+        }
     }
+    m_length = head + length;
+}
+
+bool Line::stampNow()
+{
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    if (now.tv_sec != m_second)
+        return false;
+    stampMilliseconds(now);
+    return true;
+}
+
+void Line::stampMilliseconds(const timeval& now)
+{
     const int milliseconds = static_cast<int>(now.tv_usec / kMicrosecondsPerMillisecond);
-    char* position = s_stamp.text + s_stamp.secondsLength;
-    *position++ = static_cast<char>('0' + milliseconds / 100);
-    *position++ = static_cast<char>('0' + milliseconds / 10 % 10);
-    *position++ = static_cast<char>('0' + milliseconds % 10);
-    *position++ = ' ';
-    *position = '\0';
-    return {s_stamp.text, static_cast<std::size_t>(position - s_stamp.text)};
+    char* const text = m_text + m_milliseconds;
+    text[0] = static_cast<char>('0' + milliseconds / 100);
+    text[1] = static_cast<char>('0' + milliseconds / 10 % 10);
+    text[2] = static_cast<char>('0' + milliseconds % 10);
 }
 
 } // namespace
@@ -99,13 +182,19 @@ template GORV_API void ATrace::TraceLog(int level, const char* format, ...);
 
 void ATrace::Close()
 {
-    const MonitorLock lock = m_monitor.acquireLock();
-    if (m_file != nullptr)
-        std::fclose(std::exchange(m_file, nullptr));
+    const CancelBlock block;
+    FILE* closed = nullptr;
+    {
+        const MonitorLock lock = m_monitor.acquireLock();
+        std::swap(m_file, closed);
+    }
+    if (closed != nullptr)
+        std::fclose(closed);
 }
 
 int ATrace::Reopen(const char* fileName)
 {
+    const CancelBlock block;
     FILE* opened = openToAppend(fileName);
     if (opened == nullptr)
         return -1;
@@ -127,21 +216,19 @@ void ATrace::vTraceLog(const char* format, va_list args)
     const KeptErrno callersErrno;
     if (readShared(m_disabled) || readShared(m_fileName) == nullptr)
         return;
-    const MonitorLock lock = m_monitor.acquireLock();
-    if (m_file == nullptr && !openFile())
+    for (bool mayBeLate = false;; mayBeLate = true) {
+        Line line(callersErrno, format, args);
+        const MonitorLock lock = m_monitor.acquireLock();
+        if (m_file == nullptr && !openFile())
+            return;
+        StreamLocks stream;
+        stream.lock(m_file);
+        if (!line.stampNow() && !mayBeLate)
+            continue; // once more: another thread's line may show the next second already
+        ::fwrite_unlocked(line.text().data(), 1, line.text().size(), m_file);
+        ::fflush_unlocked(m_file);
         return;
-    const std::string_view stamp = currentStamp(); // before the stream is locked: see StreamLocks
-    char text[kPlainSize];
-    LineFormat line(text, sizeof text);
-    line.append(stamp);
-    const bool isPlain = line.appendIfPlain(format, args) && !line.isFull();
-    StreamLocks stream;
-    stream.lock(m_file);
-    ::fputs_unlocked(isPlain ? text : stamp.data(), m_file);
-    callersErrno.restore();
-    if (!isPlain)
-        std::vfprintf(m_file, format, args);
-    ::fflush_unlocked(m_file);
+    }
 }
 
 void ATrace::replaceFileName(char* name)
@@ -151,6 +238,7 @@ void ATrace::replaceFileName(char* name)
 
 bool ATrace::openFile()
 {
+    const CancelBlock block;
     if (m_firstOpen) {
         m_firstOpen = false;
         const FileDescriptor emptied(

@@ -60,7 +60,10 @@ void LineFormat::appendMessage(const char* format, va_list args)
         return;
     m_position = begin;
     const auto room = static_cast<std::size_t>(m_end - begin) + 1;
-    std::vsnprintf(begin, room, format, args);
+    va_list copy;
+    va_copy(copy, args);
+    std::vsnprintf(begin, room, format, copy);
+    va_end(copy);
     *m_end = '\0'; // a message that printf can't finish keeps what it has written of it
 }
 

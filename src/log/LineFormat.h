@@ -10,7 +10,7 @@
 class LineFormat {
 public:
     /// @p size is at least 1.
-    LineFormat(char* buffer, std::size_t size) : m_position(buffer), m_end(buffer + size - 1)
+    LineFormat(char* buffer, std::size_t size) : m_begin(buffer), m_position(buffer), m_end(buffer + size - 1)
     {
         *buffer = '\0';
     }
@@ -25,6 +25,8 @@ public:
     bool appendIfPlain(const char* format, va_list args) GORV_PRINTF(2, 0);
     /// Whether something may have been cut off.
     bool isFull() const { return m_position == m_end; }
+    /// Of what is appended so far; not behind a message that isn't plain.
+    std::size_t length() const { return static_cast<std::size_t>(m_position - m_begin); }
 
 private:
     /// Append @p text up to @p stop or its end, and return where that is.
@@ -34,6 +36,7 @@ private:
     void appendSigned(int value);
     bool appendPlain(const char* format, va_list& args);
 
+    char* const m_begin;
     char* m_position;
     char* const m_end; // where the terminator goes at the latest
 };

@@ -2,45 +2,72 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <string_view>
-#ifdef __SANITIZE_THREAD__
 #include <mutex>
-#endif
+#include <pthread.h>
+#include <string_view>
 
 namespace {
 
-/// The C library guards its time zone itself, with a lock that ThreadSanitizer cannot see.
+/// Held round all that takes the C library's own lock of the time zone, and over each fork(): the child has
+/// only the thread that forked, so it would wait for ever for a zone lock that another one had.
 class ZoneLock {
-#ifdef __SANITIZE_THREAD__
+public:
+    ZoneLock()
+    {
+        s_isHeldHere = true; // first: a signal handler that forks in between must not wait for its own thread
+        s_mutex.lock();
+    }
+    ~ZoneLock()
+    {
+        s_mutex.unlock();
+        s_isHeldHere = false;
+    }
+
+    ZoneLock(const ZoneLock&) = delete;
+    ZoneLock& operator=(const ZoneLock&) = delete;
+
+    static void holdOverFork()
+    {
+        if (!s_isHeldHere)
+            s_mutex.lock();
+    }
+    static void letGoAfterFork()
+    {
+        if (!s_isHeldHere)
+            s_mutex.unlock();
+    }
+
+private:
     static inline constinit std::mutex s_mutex;
-    const std::lock_guard<std::mutex> m_lock{s_mutex};
-#endif
+    static inline constinit thread_local bool s_isHeldHere = false;
 };
+
+/// When the library is loaded, and not with the first line: handlers run in reverse, so this innermost of
+/// locks is taken after those that a host holds over its forks, under which it may log.
+[[gnu::constructor]] void holdZoneOverForks()
+{
+    pthread_atfork(ZoneLock::holdOverFork, ZoneLock::letGoAfterFork, ZoneLock::letGoAfterFork);
+}
 
 } // namespace
 
-void LocalSecond::followZone()
-{
-    const char* const zone = std::getenv("TZ");
-    const std::time_t now = std::time(nullptr);
-    if (m_isKept && now == m_zoneSecond && isZone(zone))
-        return;
-    keepZone(zone);
-    m_zoneSecond = now;
-    m_isConverted = false;
-    [[maybe_unused]] const ZoneLock lock{};
-    tzset(); // localtime_r alone need not notice that TZ or the zone file changed
-}
-
 bool LocalSecond::moveTo(std::time_t second)
 {
-    if (m_isConverted && second == m_second)
+    const char* const zone = std::getenv("TZ");
+    if (m_isKept && second == m_second && isZone(zone))
         return false;
+    keepZone(zone);
     m_second = second;
-    m_isConverted = true;
-    [[maybe_unused]] const ZoneLock lock{};
+    const ZoneLock lock;
+    tzset(); // localtime_r alone need not notice that TZ or the zone file changed
     localtime_r(&second, &m_fields);
     return true;
+}
+
+std::size_t LocalSecond::format(char* text, std::size_t size) const
+{
+    const ZoneLock lock; // a time locale may show the zone
+    return std::strftime(text, size, "%m/%e/%Y %X ", &m_fields);
 }
 
 bool LocalSecond::isZone(const char* zone) const

@@ -2,16 +2,22 @@
 #include "AComponentLog.h"
 #include "support/Files.h"
 #include "support/Interposed.h"
+#include "support/OtherThread.h"
+#include "support/Places.h"
 
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <deque>
 #include <fcntl.h>
+#include <functional>
 #include <gtest/gtest.h>
 #include <langinfo.h>
+#include <memory>
 #include <regex>
+#include <sys/wait.h>
 #include <thread>
 
 #pragma GCC diagnostic ignored "-Wformat" // "%m"
@@ -36,10 +42,18 @@ INTERPOSED std::size_t strftime(char* text, std::size_t size, const char* format
                                 const std::tm* fields) noexcept
 {
     static const auto s_real = nextDefinition<decltype(::strftime)>("strftime");
+    comeBy("strftime");
     std::string whole = format;
     if (const auto position = whole.find("%X"); position != std::string::npos)
         whole.replace(position, 2, s_timeOfDay);
     return s_real(text, size, whole.c_str(), fields);
+}
+
+INTERPOSED void tzset() noexcept
+{
+    static const auto s_real = nextDefinition<decltype(::tzset)>("tzset");
+    comeBy("tzset");
+    s_real();
 }
 
 // One buffer for all threads: the log must not call it.
@@ -219,6 +233,79 @@ TEST_F(ALogTest, LinesOfManyThreadsStayWholeWhileFilesMoveAndAHostHoldsTheStream
     const std::regex whole(R"(\d\d/[ \d]\d/\d{4} \d\d:\d\d:\d\d (box)? -thread \d line \d+\n)");
     EXPECT_EQ(std::regex_replace(lines, whole, ""), "");
     EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), kThreads * kLines);
+}
+
+TEST_F(ALogTest, StreamsAreFreeWhileALineIsComposedAndItsStampIsOfTheSecondItIsWritten)
+{
+    const std::time_t before = s_now;
+    CapturedStream output(stdout);
+    ALog other("other", m_file);
+    other.setShowTimestamp(false);
+    m_log.setShowTimestamp(true);
+    for (ALog* log : {&other, &m_log})
+        log->setEchoToConsole(true);
+    std::string expected, keptWaiting;
+    std::deque<OtherThread> threads;
+    for (const char* place : {"tzset", "strftime", "%K"}) {
+        setAtPlace(place, [&] {
+            ++s_now;
+            if (!threads.emplace_back([&] { other.print("at %s\n", place); }).isDone())
+                keptWaiting += place;
+        });
+        ++s_now;
+        m_log.print("%s%K\n", place);
+        expected += "other -at " + (place + ("\n11/ 7/2026 00:00:0" + std::to_string(s_now - before - 1))) +
+                    " box -" + place + "\n";
+    }
+    s_now = before;
+    EXPECT_EQ(output.text(), expected);
+    EXPECT_EQ(written(), expected);
+    EXPECT_EQ(keptWaiting, "");
+}
+
+/// Fork a child that asks for the local time.
+void forkAndAskForTime()
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        std::tm fields{};
+        const std::time_t now = s_now;
+        localtime_r(&now, &fields);
+        _exit(0);
+    }
+    waitpid(child, nullptr, 0);
+}
+
+TEST_F(ALogTest, ForkWaitsForAnotherThreadThatReadsTheTimeZoneAndNeverForItsOwn)
+{
+    std::unique_ptr<OtherThread> thread;
+    bool isKeptWaiting = false;
+    setAtPlace("tzset", [&] {
+        forkAndAskForTime();
+        thread = std::make_unique<OtherThread>(forkAndAskForTime);
+        isKeptWaiting = thread->isKeptWaiting();
+    });
+    m_log.setShowTimestamp(true);
+    setenv("TZ", "Another", 1);
+    m_log.print("line\n");
+    EXPECT_TRUE(isKeptWaiting);
+    EXPECT_TRUE(thread->isDone());
+}
+
+TEST_F(ALogTest, CancellationEndsALineAndWaitsForAllThatOpensAFile)
+{
+    ALog first("box", nullptr);
+    first.setShowTimestamp(false);
+    const std::tuple<ALog&, const char*, std::function<void()>, bool> calls[] = {
+        {first, "debug.log", [&] { first.print("cancelled\n"); }, false},
+        {m_log, "set.log", [&] { m_log.setOutputFile("set.log"); }, true},
+        {m_log, "reopened.log", [&] { m_log.reopenOutputFile("reopened.log"); }, true},
+    };
+    for (const auto& [log, path, call, returns] : calls) {
+        EXPECT_EQ(returnsWhenCancelled(call), returns) << path;
+        log.print("next\n");
+        EXPECT_EQ(readFile(path), returns ? "box -next\n" : "box -cancelled\nbox -next\n") << path;
+    }
 }
 
 struct AComponentLogTest : ALogTest {};

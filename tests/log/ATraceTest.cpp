@@ -1,8 +1,11 @@
 #include "ATrace.h"
 #include "support/Files.h"
 #include "support/Interposed.h"
+#include "support/OtherThread.h"
+#include "support/Places.h"
 
 #include <cerrno>
+#include <deque>
 #include <gtest/gtest.h>
 #include <sys/time.h>
 #include <thread>
@@ -95,6 +98,42 @@ TEST_F(ATraceTest, MessagesAreWholeWhateverTheirFormAndLength)
     }
     m_trace.TraceLog(0, static_cast<char*>(nullptr));
     EXPECT_EQ(readFile(m_path), expected + kStamp);
+}
+
+TEST_F(ATraceTest, AnotherThreadsLineGetsThroughWhileOneIsComposedAndNoStampIsOlderThanTheOneBefore)
+{
+    m_trace.Init(0, m_path.c_str());
+    const timeval before = s_now;
+    std::string expected;
+    bool gotThrough = true;
+    std::deque<OtherThread> threads;
+    for (const auto& [now, stamp] :
+         {std::pair{timeval{before.tv_sec, 456789}, "2023/11/15 03:43:20_456 "}, // only later
+          {timeval{before.tv_sec + 1, 0}, "2023/11/15 03:43:21_000 "}}) {
+        const timeval later = now;
+        setAtPlace("%K", [&] {
+            s_now = later;
+            threads.emplace_back([this] { m_trace.TraceLog(0, "between\n"); });
+            gotThrough = threads.back().isDone() && gotThrough;
+        });
+        m_trace.TraceLog(0, "begun before%K\n");
+        expected += stamp + ("between\n" + std::string(stamp)) + "begun before\n";
+    }
+    s_now = before;
+    EXPECT_TRUE(gotThrough);
+    EXPECT_EQ(readFile(m_path), expected);
+}
+
+TEST_F(ATraceTest, CancellationEndsALineAndWaitsForAReopening)
+{
+    const int before = openDescriptors();
+    m_trace.Init(0, m_path.c_str());
+    EXPECT_FALSE(returnsWhenCancelled([this] { m_trace.TraceLog(0, "cancelled\n"); }));
+    EXPECT_TRUE(returnsWhenCancelled([this] { m_trace.Reopen(m_other.c_str()); }));
+    m_trace.TraceLog(0, "next\n");
+    EXPECT_EQ(readFile(m_path) + readFile(m_other), kStamp + "cancelled\n" + kStamp + "next\n");
+    EXPECT_TRUE(returnsWhenCancelled([this] { m_trace.Close(); }));
+    EXPECT_EQ(openDescriptors(), before);
 }
 
 TEST_F(ATraceTest, LinesThatCannotBeWrittenAreDropped)
