@@ -243,11 +243,14 @@ TEST_F(PAMHelperCallsTest, CancellationWaitsUntilEachOperationIsOver)
         {"dispose", [&] { std::exchange(m_helper, new Login)->dispose(); }},
         {"delete", [&] { delete std::exchange(m_helper, new PAMHelper(nullptr, nullptr)); }},
     };
+    int count = 0;
     for (const auto& [operation, run] : operations) {
         renew();
         if (operation == std::string_view("delete")) // a derived class has its own cares
             std::exchange(m_helper, new PAMHelper(nullptr, nullptr))->dispose();
-        open();
+        const bool isFullForm = ++count <= 4; // which would start a second transaction
+        if (!isFullForm)
+            open();
         fakePam().onRecord = nullptr; // setEnv() goes without the monitor
         EXPECT_TRUE(endsDespiteCancellation(run)) << operation;
         EXPECT_EQ(m_helper->m_password.find_first_not_of('\0'), std::string::npos) << operation;
