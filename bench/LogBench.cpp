@@ -184,6 +184,7 @@ template <typename Shared, typename Call>
 void onThreads(benchmark::State& state, Call call)
 {
     static std::unique_ptr<Shared> s_shared;
+    const Pinned pinned(state.thread_index());
     if (state.thread_index() == 0)
         s_shared = std::make_unique<Shared>();
     for (auto _ : state) // begins and ends for all threads together

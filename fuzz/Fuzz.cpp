@@ -11,6 +11,13 @@ void fail(const char* what, const char* file, int line)
     std::abort();
 }
 
+void failEqual(std::string_view expected, std::string_view got, const char* file, int line)
+{
+    ::dprintf(STDERR_FILENO, "expected: %.*s\n     got: %.*s\n", static_cast<int>(expected.size()),
+              expected.data(), static_cast<int>(got.size()), got.data());
+    fail("the texts are equal", file, line);
+}
+
 void silence()
 {
     stdout = std::fopen("/dev/null", "w");

@@ -12,6 +12,9 @@ namespace fuzz {
 /// Tell what was broken and end as a crash, so that the input is kept.
 [[noreturn]] void fail(const char* what, const char* file, int line);
 
+/// The same for what differs from a text that was expected.
+[[noreturn]] void failEqual(std::string_view expected, std::string_view got, const char* file, int line);
+
 /// Send both standard output streams into nothing.
 void silence();
 
@@ -21,6 +24,12 @@ void silence();
     do {                                                                                                     \
         if (!(condition))                                                                                    \
             fuzz::fail(#condition, __FILE__, __LINE__);                                                      \
+    } while (false)
+
+#define MUST_EQUAL(expected, got)                                                                            \
+    do {                                                                                                     \
+        if ((expected) != (got))                                                                             \
+            fuzz::failEqual(expected, got, __FILE__, __LINE__);                                              \
     } while (false)
 
 /// What a target prepares once, if it has anything to prepare.

@@ -62,7 +62,7 @@ void checkLine(std::size_t size, const std::string& head, const char* format, ..
     line.appendMessage(format, again);
     va_end(again);
     va_end(args);
-    MUST(expected == std::string(buffer.get(), expected.size()));
+    MUST_EQUAL(expected, std::string(buffer.get(), expected.size()));
     MUST(buffer[expected.size()] == '\0');
 }
 

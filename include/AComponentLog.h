@@ -12,11 +12,13 @@ class ALog;
 ///
 /// Every message goes to the base log and is dropped while there is none. Component logs form a tree along
 /// which the base log is handed down; messages never travel along it, and neither the component's name nor a
-/// level is written. Lines stay in the stream's buffer until something flushes it.
+/// level is written: a line begins with the base log's name, and the component's is for whoever looks at the
+/// object in a debugger. Lines stay in the stream's buffer until something flushes it.
 ///
-/// Message operations are safe from any thread. Tree changes (setBaseLog(), addChildLog(), removeChildLog())
-/// are not synchronised: build the tree before threads write through it. Base log and children stay their
-/// owners'; a component is removed from every parent before it is destroyed, and the base log outlives it.
+/// Message operations are safe from any thread, also while the tree changes (setBaseLog(), addChildLog(),
+/// removeChildLog()). Changes of one tree are not synchronised with each other. Base log and children stay
+/// their owners'; a component is removed from every parent before it is destroyed, and the base log outlives
+/// it.
 ///
 /// @include examples/reference/AComponentLog.cpp
 /// @verbinclude examples/reference/AComponentLog.out

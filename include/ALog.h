@@ -21,15 +21,18 @@ class StreamLocks;
 /// A line reads "MM/DD/YYYY HH:MM:SS NAME -MESSAGE": local time as TZ says, day padded with a blank, the time
 /// of day in the form of the host's time locale. The log adds no line end: the format carries its own "\n". A
 /// line has at most 2047 characters and ends at a zero byte; the rest is cut off. So is, as in an Exception,
-/// what follows an argument that can't be formatted. Printing leaves errno alone, and "%m" shows the
-/// caller's.
+/// what follows an argument that can't be formatted. Printing leaves errno alone, and "%m", which
+/// g++ -Wpedantic warns of, shows the caller's.
 ///
 /// The line and its flush are under the stream's own lock (flockfile()), which a program may hold around
-/// several prints to keep other lines out: with echo, together with standard output's or not at all, and
-/// while no thread calls fflush(nullptr), since a line may open the time zone's file.
+/// several prints to keep other lines out; with echo, together with standard output's or not at all. Whoever
+/// holds the lock of any stream, as a write function of fopencookie() does, prints only while no thread is in
+/// fflush(nullptr): a line may open the time zone's file.
 ///
 /// A stream that fails, on a full disk for instance, may keep a part of a line, which the next one continues.
-/// A "%n" in a format that isn't constant ends the program.
+/// A signal whose handler was installed without SA_RESTART may lose a line that waits for a full pipe. Lines
+/// to a stream of wide orientation vanish, echoed ones too. "%n" is best not used: it ends the program in a
+/// format that isn't constant, and in any while no descriptor is left.
 ///
 /// @code
 /// ALog log("consoled", stderr);

@@ -24,8 +24,8 @@ public:
     /// The message is empty.
     Exception();
     /// Format the message printf-style. What goes beyond 4095 characters is cut off, and so is, as in a log
-    /// line, what follows an argument that can't be formatted. A "%n" in a format that isn't constant
-    /// ends the program.
+    /// line, what follows an argument that can't be formatted. "%n" is best not used: it ends the program in
+    /// a format that isn't constant, and in any while no descriptor is left.
     explicit Exception(const char* format, ...) GORV_PRINTF(2, 3);
 
     virtual ~Exception();

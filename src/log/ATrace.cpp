@@ -48,6 +48,7 @@ std::string_view stampOf(std::time_t second)
 
 /// printf into memory. Returns the length of the whole message, or of what comes before an argument that
 /// can't be formatted.
+GORV_PRINTF(3, 0)
 std::size_t formatMessage(char* text, std::size_t size, const char* format, va_list args)
 {
     va_list copy;
