@@ -19,13 +19,24 @@
 /// of a session and the end of a transaction run without it. One thread at a time drives a login; any thread
 /// may look it up and read what is said to be safe. Several threads may stop a login and dispose of it at
 /// once, but not beside another call on it. A helper that a look-up returns stays its creator's, who may
-/// dispose of it at any time: hold getMonitor() while you use one that isn't yours. When the program exits
-/// nobody may use the class any more.
+/// dispose of it at any time: hold getMonitor() while you use one that isn't yours. A cancellation of a
+/// thread inside a call waits until the call is over. When the program exits nobody may use the class any
+/// more.
+///
+/// Logins are the process's that made them. The monitors aren't held over a fork, which would have to wait
+/// for the slowest login: a child that is forked beside one may find a monitor held for ever. Fork workers
+/// that use the class before any thread does; every other child calls nothing of it until it has called exec.
 ///
 /// Give a daemon a PAM service file of its own: "login" prints the message of the day, and a stack with
-/// pam_loginuid opens sessions from the main thread only. PAM modules may start programs and wait for them.
-/// While a program of SystemExec runs, its SIGCHLD handler may take such a child away or wait for it, and the
-/// login fails or hangs: SystemExec says what a host that uses both does.
+/// pam_loginuid opens sessions from the main thread only. Give pam_unix the option "nodelay": otherwise
+/// libpam sleeps some two seconds after a wrong password with the monitor held, and the logins and look-ups
+/// of all threads wait. Leave LC_MESSAGES at "C" when you call setlocale(): PAM translates its prompts, a
+/// translated one isn't answered (see converse()), and a right password gets 20 (PAM_AUTHTOK_ERR). A host
+/// that is built with AddressSanitizer or ThreadSanitizer links libcrypt, or pam_unix crashes in it.
+///
+/// PAM modules may start programs and wait for them. While a program of SystemExec runs, its SIGCHLD handler
+/// may take such a child away or wait for it, and the login fails or hangs: SystemExec says what a host that
+/// uses both does.
 ///
 /// @code
 /// auto* login = new PAMHelper("::ffff:192.168.1.20", "192.168.1.1");
@@ -106,7 +117,9 @@ public:
     int getAuthResult();
 
     /// Set the client's address, handed to PAM as PAM_RHOST when the next transaction starts. Null changes
-    /// nothing. Of an IPv4 address in IPv6-mapped form, "::ffff:10.20.30.40", only the IPv4 part is kept.
+    /// nothing. Of an IPv4 address in IPv6-mapped form, "::ffff:10.20.30.40", only the IPv4 part is kept: of
+    /// any text with a dot what follows its last colon, unless that colon comes first. So give it neither a
+    /// port nor a zone: "10.0.0.1:5000" becomes "5000", "fe80::1%eth0.100" becomes "1%eth0.100".
     void setRemoteIP(const char* address);
     /// Set the address of the interface that the client reached, handed to PAM as "INTERFACE_IP". Null and
     /// mapped addresses as with setRemoteIP().
@@ -114,7 +127,7 @@ public:
     /// @return the client's address, as long as the helper lives.
     std::string& getRemoteIP();
     /// @return the user that authenticate() was given (while another is checked, that one), as long as the
-    /// helper lives.
+    /// helper lives. A pointer into the text is right again when that check is over.
     std::string& getUser();
 
     /// Put @p name = @p value (neither null) into the PAM environment; an empty value is kept as such.
@@ -125,9 +138,10 @@ public:
     const char* getEnv(const char* name);
 
     /// The PAM conversation of every transaction that a helper starts; @p appdata_ptr is the helper. Only PAM
-    /// calls it. Answers a prompt without echo that asks for the password from memory, a prompt with echo
-    /// from standard input, and writes errors to standard error and information to standard output. A prompt
-    /// with echo reads the process's standard input with the monitor held: give a daemon /dev/null there.
+    /// calls it. Answers a prompt without echo with the password if it is "Password: " or contains
+    /// "password: ", in this case and with the blank, and fails at any other. Answers a prompt with echo from
+    /// standard input, and writes errors to standard error and information to standard output. A prompt with
+    /// echo reads the process's standard input with the monitor held: give a daemon /dev/null there.
     /// @return PAM_SUCCESS with @p resp set to replies that PAM frees, else PAM_CONV_ERR or PAM_BUF_ERR.
     static int converse(int num_msg, const struct pam_message** msg, struct pam_response** resp,
                         void* appdata_ptr);

@@ -414,6 +414,8 @@ TEST_F(PAMHelperCallsTest, AddressesAreReducedToWhatIsMapped)
         {":10.0.0.1", ":10.0.0.1"},
         {"10.0.0.1:", ""},
         {"1.2:3:4", "4"},
+        {"10.0.0.1:5000", "5000"},
+        {"fe80::1%eth0.100", "1%eth0.100"},
         {"", ""},
     };
     for (const auto& [address, reduced] : cases) {
