@@ -17,9 +17,9 @@
 ///
 /// A line reads "YYYY/MM/DD HH:MM:SS_mmm MESSAGE", in local time. No line end is added: the format carries
 /// its own "\n". A message may have any length and hold zero bytes. It ends at an argument that can't be
-/// formatted; such a line, or one for which memory runs out, has at most 2047 characters. Tracing leaves errno
-/// alone, and "%m", which g++ -Wpedantic warns of, shows the caller's. "%n" is best not used: it ends the
-/// program in a format that isn't constant, and in any while no descriptor is left.
+/// formatted; such a line, or one for which memory runs out, has at most 2047 characters. Tracing leaves
+/// errno alone, and "%m", which g++ -Wpedantic warns of, shows the caller's. "%n" is best not used: it ends
+/// the program in a format that isn't constant, and in any while no descriptor is left.
 ///
 /// Where the file can't be opened, lines are dropped silently. A full disk may keep a part of one, and a
 /// signal whose handler was installed without SA_RESTART may lose one that waits for a full pipe. Not for

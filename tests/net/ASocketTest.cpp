@@ -376,6 +376,9 @@ bool returnsWhenCancelled(bool later, const std::function<void()>& operation)
 
 TEST(ASocketTest, CancellationActsInTheWaitsOnlyAndLosesNoDescriptor)
 {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "AddressSanitizer takes the stack that a cancelled thread has left for one in use";
+#endif
     unsigned char byte = 0;
     const std::vector<unsigned char> flood(std::size_t{64} << 20);
     Link full; // its queue, so that connecting waits
@@ -394,7 +397,9 @@ TEST(ASocketTest, CancellationActsInTheWaitsOnlyAndLosesNoDescriptor)
         Link link;
         const int before = openDescriptors();
         bool returned = false;
-        told([&, call = operation] { returned = returnsWhenCancelled(isWait, [&] { call(link); }); });
+        told([&, later = isWait, call = operation] {
+            returned = returnsWhenCancelled(later, [&] { call(link); });
+        });
         EXPECT_EQ(returned, !isWait) << name;
         EXPECT_EQ(openDescriptors(), before) << name;
     }
