@@ -169,12 +169,13 @@ extern "C" GORV_LOCAL void gorvSignalHandler(int sig) __attribute__((alias("_Z13
 /// of its own, whose symbol is without a definition.
 Handler handlerOfThisLibrary()
 {
-    const Handler known = signalHandler;
+    void* const known = ::dlsym(RTLD_DEFAULT, "_Z13signalHandleri"); // not what the compiler binds here
     Dl_info object{};
     void* entry = nullptr;
-    ::dladdr1(reinterpret_cast<const void*>(known), &object, &entry, RTLD_DL_SYMENT);
+    ::dladdr1(known, &object, &entry, RTLD_DL_SYMENT);
     const auto* symbol = static_cast<const ElfW(Sym)*>(entry);
-    return symbol != nullptr && symbol->st_shndx == SHN_UNDEF ? known : gorvSignalHandler;
+    const bool isStub = symbol != nullptr && symbol->st_shndx == SHN_UNDEF;
+    return isStub ? reinterpret_cast<Handler>(known) : gorvSignalHandler;
 }
 
 /// As signal() does, but not for a child that is merely stopped: the handler would close its pipes and wait
