@@ -33,7 +33,12 @@ void operator delete[](void* array, std::size_t) noexcept
 namespace {
 
 struct KEPClientTest : testing::Test {
-    KEPClientTest() { m_client.setLog(m_parent); }
+    KEPClientTest()
+    {
+        m_client.setLog(m_parent);
+        answers.clear();
+        answeredReads.clear();
+    }
     ~KEPClientTest() override { m_parent.removeChildLog(m_client.getLog()); }
 
     /// Standard output: the calls that reach the service, the client's own lines and, after " -", its log.
