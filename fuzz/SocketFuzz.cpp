@@ -101,10 +101,13 @@ void readOnce(Reader& reader, FuzzedDataProvider& input)
             return socket.readAvailable(data + at, count, timeout);
         });
         break;
-    default:
+    default: {
+        const bool fromEnd = input.ConsumeBool(); // where no byte of the array stands
         reader.check(offset, len, false, 0, [&](unsigned char* data, int at, int count) {
-            return socket.read(data, at, count, timeout);
+            return fromEnd ? socket.read(data + at + count, -count, count, timeout)
+                           : socket.read(data, at, count, timeout);
         });
+    }
     }
 }
 

@@ -10,14 +10,15 @@
 
 class ALog;
 
-/// One end of a TCP connection over IPv4: connects to a host and port, or takes over an accepted descriptor.
+/// One end of a TCP connection: connects to a host and port, or takes over an accepted descriptor.
 ///
 /// Integers travel with the most significant byte first, strings as their characters alone. Nothing is
 /// buffered: what was written is with the system. The object owns its descriptor and closes it; the
 /// descriptor blocks, and sending to a peer that has gone raises SIGPIPE unless the program ignores it. Only
-/// setting up throws, and prints its progress to standard output. Reading and writing put their trail into
-/// the log of setLog(). The system's complaints go to standard error. A descriptor that is made here is
-/// close-on-exec and never one of the standard streams' numbers.
+/// setting up throws; createIPSocket(), which knows IPv4 alone, and the constructors that call it print their
+/// progress to standard output. Reading and writing put their trail into the log of setLog(). The system's
+/// complaints go to standard error. A descriptor that is made here is close-on-exec and never one of the
+/// standard streams' numbers.
 ///
 /// One thread at a time uses an object, but for shutDown(); separate objects are independent. A cancellation
 /// of that thread acts where it connects, sends, receives or writes a line; everything else, resolving and
@@ -25,7 +26,8 @@ class ALog;
 /// message may be gone. Destroyed as an ASocket.
 ///
 /// @code
-/// ASocket socket("127.0.0.1", 4711, true); // throws GorvSocketException
+/// ASocket socket;
+/// socket.connectTo("127.0.0.1", 4711, 5); // throws GorvSocketException
 /// socket.writeInt(42);
 /// int answer = 0;
 /// if (socket.readInt(answer, 5) == 4)
@@ -64,7 +66,8 @@ public:
 
     ASocket& operator=(const ASocket&) = delete;
 
-    /// Open a connection. A descriptor that the object still holds is closed first.
+    /// Open a connection over IPv4. A descriptor that the object still holds is closed first. connectTo()
+    /// takes a limited time, knows IPv6 and prints nothing.
     ///
     /// Resolving and connecting block as long as the system lets them; a signal can fail them. On failure the
     /// state is CONNECT_FAILED (no socket could be made) or CLOSED, no descriptor is held, both standard
@@ -73,6 +76,24 @@ public:
     /// @param ip host name or dotted address
     /// @param port the low 16 bits count
     void createIPSocket(const char* ip, int port);
+
+    /// Open a connection over IPv4 or IPv6 within @p timeout, and print nothing. A descriptor that the object
+    /// still holds is closed first. The addresses of @p host are tried in the resolver's order, each for its
+    /// share of the time that is left; a signal interrupts nothing.
+    ///
+    /// The resolver can't be interrupted: looking up a name may take longer, as long as its own limits let it
+    /// (resolv.conf), and what it took is missing afterwards. An address needs no look-up. On failure the
+    /// state is CONNECT_FAILED, no descriptor is held, and GorvSocketException tells the reason of the last
+    /// address, "Connection timed out" for one. A cancellation leaves the same state behind.
+    /// @param host name or address; "::1" and "fe80::1%eth0" as well
+    /// @param service the name of one, or a port in digits
+    /// @param timeout in seconds; 0 for as long as the system lets it
+    void connectTo(const char* host, const char* service, unsigned int timeout);
+    /// The same for a port, of which the low 16 bits count.
+    void connectTo(const char* host, int port, unsigned int timeout)
+    {
+        connectTo(host, std::to_string(port & 0xFFFF).c_str(), timeout);
+    }
 
     /// Let @p log, which stays the caller's, take the lines about reading and writing. It outlives the socket
     /// or is replaced first. Texts that are sent stand in these lines: no log for a socket that carries
@@ -184,14 +205,15 @@ public:
 
 private:
     GORV_LOCAL void startAfresh();
-    [[noreturn]] GORV_LOCAL void failConnecting(const std::string& message);
+    [[noreturn]] GORV_LOCAL void failConnecting(const char* complaint, const char* format, ...)
+        GORV_PRINTF(3, 4);
     GORV_LOCAL void sendAll(const unsigned char* data, int len);
     GORV_LOCAL bool awaitData(unsigned int timeout);
     GORV_LOCAL int receive(unsigned char* data, int len, int flag);
 
     int m_socket;           // -1: none
     int m_networkByteOrder; // 1: most significant byte first, the only order
-    sockaddr_in m_address;  // the peer
+    sockaddr_in m_address;  // the peer; zero over IPv6
     AComponentLog m_log;
     int m_socketState;
     bool m_silent;

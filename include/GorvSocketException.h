@@ -4,14 +4,14 @@
 
 #include <string>
 
-/// Says why a socket could not be connected. Thrown by value by ASocket::createIPSocket() and by the
-/// constructors of ASocket that connect; caught by reference, by its own type.
+/// Says why a socket could not be connected. Thrown by value by ASocket::createIPSocket(), by the
+/// constructors of ASocket that call it, and by ASocket::connectTo(); caught by reference, by its own type.
 class GORV_API GorvSocketException {
 public:
     /// Copies its arguments.
     GorvSocketException(const std::string& function, int line, const std::string& message);
 
-    /// @return the name of the operation that failed: "createIPSocket".
+    /// @return the name of the operation that failed: "createIPSocket" or "connectTo".
     std::string getFunction() const;
     /// @return the line of the library's source that threw.
     int getLine() const;

@@ -21,7 +21,8 @@ int main()
         return 1;
     const int port = ntohs(address.sin_port);
 
-    ASocket client("127.0.0.1", port, true);
+    ASocket client;
+    client.connectTo("127.0.0.1", port, 5); // prints nothing, as opposed to createIPSocket()
     ASocket server(::accept(listener, generic, &size), address);
     ::close(listener);
 

@@ -6,6 +6,7 @@
 #include "base/CancelBlock.h"
 #include "base/FileDescriptor.h"
 #include "net/BigEndian.h"
+#include "net/TcpSocket.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -44,7 +45,6 @@ namespace {
 
 constexpr int kNoDescriptor = -1;
 constexpr int kMostSignificantFirst = 1;
-constexpr std::size_t kFailureTextSize = 256;
 constexpr std::size_t kHostBufferSize = 1024;
 constexpr int kWaitRetries = 3;
 constexpr int kMilliseconds = 1000;
@@ -60,30 +60,11 @@ int duplicate(int descriptor)
     return descriptor < 0 ? kNoDescriptor : ::fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
 }
 
-int openSocket()
-{
-    FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP));
-    leaveStandardNumbers(socket);
-    return socket.release();
-}
-
 /// perror opens a descriptor of its own, which a cancellation would leave behind.
 void complain(const char* what)
 {
     const CancelBlock block;
     std::perror(what);
-}
-
-std::string failureText(const char* format, ...) GORV_PRINTF(1, 2);
-
-std::string failureText(const char* format, ...)
-{
-    char text[kFailureTextSize];
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(text, sizeof text, format, args);
-    va_end(args);
-    return text;
 }
 
 /// Find the first IPv4 address of @p name. The re-entrant form of gethostbyname keeps sockets of different
@@ -225,11 +206,10 @@ void ASocket::createIPSocket(const char* ip, int port)
     std::printf("ASocket::%s:%d ip=\"%s\" port=%i\n", __func__, __LINE__, ip, port);
     std::fflush(stdout);
     startAfresh();
-    m_socket = openSocket();
+    m_socket = openTcpSocket(AF_INET, 0).release();
     if (m_socket < 0) {
         m_socketState = CONNECT_FAILED;
-        complain("Failed to open socket\n");
-        failConnecting(failureText("Failed to open socket ip=\"%s\" port=%i\n", ip, port));
+        failConnecting("Failed to open socket\n", "Failed to open socket ip=\"%s\" port=%i\n", ip, port);
     }
     const int on = 1;
     if (::setsockopt(m_socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0)
@@ -241,16 +221,14 @@ void ASocket::createIPSocket(const char* ip, int port)
 
     const std::optional<in_addr> host = resolve(ip);
     if (!host) {
-        complain("host info not found");
-        failConnecting(failureText("host info not found ip=\"%s\"\n", ip));
+        failConnecting("host info not found", "host info not found ip=\"%s\"\n", ip);
     }
     m_address.sin_family = AF_INET;
     m_address.sin_addr = *host;
     m_address.sin_port = htons(static_cast<std::uint16_t>(port));
     if (::connect(m_socket, reinterpret_cast<const sockaddr*>(&m_address), sizeof m_address) < 0) {
         m_socketState = CONNECT_FAILED;
-        complain("Unable to connect socket");
-        failConnecting(failureText("Unable to connect socket ip=\"%s\" port=%i\n", ip, port));
+        failConnecting("Unable to connect socket", "Unable to connect socket ip=\"%s\" port=%i\n", ip, port);
     }
     m_socketState = CONNECTED;
     if (!m_silent) {
@@ -332,9 +310,7 @@ void ASocket::flush()
 
 void ASocket::close()
 {
-    const CancelBlock block; // once begun, the system's close has freed the number
-    ::close(m_socket);
-    m_socket = kNoDescriptor;
+    const FileDescriptor former(std::exchange(m_socket, kNoDescriptor)); // no cancellation leaves it half-way
     m_socketState = CLOSED;
 }
 
@@ -459,20 +435,26 @@ ASocket& ASocket::operator<<(const char* text)
 
 void ASocket::startAfresh()
 {
-    const FileDescriptor former(std::exchange(m_socket, kNoDescriptor));
+    ASocket::close();
     m_networkByteOrder = kMostSignificantFirst;
     m_address = {};
     m_socketState = NOT_CONNECTED;
 }
 
-void ASocket::failConnecting(const std::string& message)
+void ASocket::failConnecting(const char* complaint, const char* format, ...)
 {
+    complain(complaint);
     std::fflush(stderr);
-    std::printf("ASocket::%s:%d %s\n", kConnectOperation, __LINE__, message.c_str());
+    char message[kFailureTextSize];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(message, sizeof message, format, args);
+    va_end(args);
+    std::printf("ASocket::%s:%d %s\n", kConnectOperation, __LINE__, message);
     std::fflush(stdout);
     if (m_socket >= 0)
         close();
-    throw GorvSocketException(kConnectOperation, __LINE__, message);
+    throwFailure(kConnectOperation, __LINE__, message);
 }
 
 void ASocket::sendAll(const unsigned char* data, int len)

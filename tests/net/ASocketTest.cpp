@@ -4,6 +4,7 @@
 #include "GorvSocketException.h"
 #include "support/Emulated.h"
 #include "support/Files.h"
+#include "support/Interposed.h"
 
 #include <gtest/gtest.h>
 
@@ -12,12 +13,25 @@
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <functional>
+#include <netdb.h>
 #include <optional>
 #include <regex>
+#include <sstream>
 #include <sys/resource.h>
 #include <thread>
 
 using namespace std::string_literals;
+
+/// Resolves a list of addresses, "127.0.0.3,127.0.0.2", to all of them.
+INTERPOSED int getaddrinfo(const char* host, const char* service, const addrinfo* hints, addrinfo** found)
+{
+    static const auto s_real = nextDefinition<decltype(::getaddrinfo)>("getaddrinfo");
+    std::istringstream hosts(host);
+    int status = 0;
+    for (std::string one; status == 0 && std::getline(hosts, one, ','); found = &(*found)->ai_next)
+        status = s_real(one.c_str(), service, hints, found);
+    return status;
+}
 
 namespace {
 
@@ -66,6 +80,15 @@ void limitDescriptors(rlim_t count)
 {
     const rlimit limit{count, 4096};
     ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+/// Let a signal, which @p handler takes, interrupt what the process waits in every 20 ms.
+void interruptWith(void (*handler)(int))
+{
+    struct sigaction action {};
+    action.sa_handler = handler;
+    ::sigaction(SIGALRM, &action, nullptr);
+    ::ualarm(20'000, 20'000);
 }
 
 /// A logging socket on one end of a connection and a raw descriptor, the peer, on the other; the process
@@ -121,6 +144,70 @@ TEST(ASocketTest, ConnectingTellsItsProgressOrThrowsWhatItPrinted)
     EXPECT_PRED2(matches, told([&] { EXPECT_THROW(ASocket(name.c_str(), port), GorvSocketException); }),
                  "*connecting...\ncreateIPSocket " + message +
                      "\ncreateIPSocket Exception with message: " + message + ".\nhost info not found: *");
+}
+
+/// A listener at @p port of @p address; 0 takes a free one.
+int listenAt(const char* address, int port, int backlog)
+{
+    addrinfo hints{}, *found = nullptr;
+    hints.ai_socktype = SOCK_STREAM;
+    ::getaddrinfo(address, std::to_string(port).c_str(), &hints, &found);
+    const int listener = ::socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ::bind(listener, found->ai_addr, found->ai_addrlen);
+    ::freeaddrinfo(found);
+    return ::listen(listener, backlog) == 0 ? listener : -1;
+}
+
+TEST(ASocketTest, ConnectToTriesEachAddressForItsShareOfTheTimeAndTellsTheLastReasonByItsExceptionOnly)
+{
+    const Link link;
+    const int port = link.port(), full = listenAt("127.0.0.4", port, 0), six = listenAt("::1", port, 4);
+    ASocket filler;
+    filler.connectTo("127.0.0.4", port, 5);
+    const std::string refused = "Connection refused\n", late = "Connection timed out\n";
+    std::vector<std::pair<const char*, std::string>> rows = {{"127.0.0.2", ""},
+                                                             {"127.0.0.3,127.0.0.2", ""},
+                                                             {"127.0.0.4,127.0.0.2", ""},
+                                                             {"127.0.0.2,127.0.0.4", ""},
+                                                             {"127.0.0.4,127.0.0.3", refused},
+                                                             {"127.0.0.3,127.0.0.4", late},
+                                                             {nullptr, "Name or service not known\n"}};
+    if (six >= 0) // else there is no IPv6 here
+        rows.emplace_back("::1", "");
+    const int before = openDescriptors();
+    for (const auto& [host, reason] : rows) {
+        ASocket socket;
+        std::string failure;
+        const auto start = std::chrono::steady_clock::now();
+        const std::string printed = told([&, name = host] {
+            ::close(STDIN_FILENO);
+            interruptWith([](int) {});
+            try {
+                socket.connectTo(name, port, 1);
+            } catch (const GorvSocketException& thrown) {
+                failure = thrown.getFunction() + ": " + thrown.getMessage();
+            }
+            ::ualarm(0, 0);
+            ::open("/dev/null", O_RDONLY | O_CLOEXEC); // the standard input again
+        });
+        SCOPED_TRACE(host == nullptr ? "(null)" : host);
+        EXPECT_EQ(printed, "");
+        EXPECT_EQ(socket.getSocketState(), reason.empty() ? ASocket::CONNECTED : ASocket::CONNECT_FAILED);
+        EXPECT_EQ(socket.isOpen(), reason.empty());
+        if (reason.empty()) {
+            EXPECT_GT(socket.getDescriptor(), STDERR_FILENO);
+            EXPECT_EQ(::fcntl(socket.getDescriptor(), F_GETFD), FD_CLOEXEC);
+            EXPECT_EQ(::fcntl(socket.getDescriptor(), F_GETFL), O_RDWR);
+        } else {
+            EXPECT_PRED2(matches, failure, "connectTo: * port=" + std::to_string(port) + ": " + reason);
+        }
+        if (reason == late) {
+            EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+        }
+    }
+    EXPECT_EQ(openDescriptors(), before);
+    ::close(full);
+    ::close(six);
 }
 
 TEST(ASocketTest, EachCopyClosesADescriptorOfItsOwnAboveTheStandardOnesAndConnectingAgainLosesNone)
@@ -208,15 +295,6 @@ TEST(ASocketTest, PeerThatClosesInAFrameIsToldAndNothingPassesAfterwards)
                   link.socket.writeByte(1);
               }),
               "read m_socketState=<3> offset=<0> len=<1> timeout=<1>\nwriteInt: writeInt( 1 )\n");
-}
-
-/// Let a signal, which @p handler takes, interrupt what the process waits in every 20 ms.
-void interruptWith(void (*handler)(int))
-{
-    struct sigaction action {};
-    action.sa_handler = handler;
-    ::sigaction(SIGALRM, &action, nullptr);
-    ::ualarm(20'000, 20'000);
 }
 
 TEST(ASocketTest, TimeOutComesNoSoonerThanAskedInSpiteOfSignalsAndOfADescriptorAbove1024)
@@ -390,6 +468,7 @@ TEST(ASocketTest, CancellationActsInTheWaitsOnlyAndLosesNoDescriptor)
         {"sending", true,
          [&](Link& link) { link.socket.write(flood.data(), static_cast<int>(flood.size())); }},
         {"connecting", true, [&](Link&) { ASocket("127.0.0.2", full.port()); }},
+        {"connecting in time", true, [&](Link&) { ASocket().connectTo("127.0.0.2", full.port(), 60); }},
         {"complaining", false, [](Link& link) { ASocket(link.socket).write(nullptr, -1); }},
         {"closing", false, [](Link& link) { ASocket(link.socket).close(); }},
         {"destroying", false, [](Link& link) { ASocket copy(link.socket); }}};
