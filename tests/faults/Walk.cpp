@@ -1,0 +1,273 @@
+#include "faults/Walk.h"
+#include "ALog.h"
+#include "support/Files.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <exception>
+#include <fcntl.h>
+#include <future>
+#include <gtest/gtest.h>
+#include <list>
+#include <ostream>
+#include <regex>
+#include <semaphore>
+#include <set>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using Kind = Faults::Kind;
+
+constexpr std::chrono::seconds kHung{20};
+constexpr std::chrono::microseconds kPause{100};
+constexpr int kPausesAsleep = 5;
+
+/// Errors are captured on many a road.
+const int s_errors = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+std::string s_step;
+
+/// For what leaves threads behind that can't be ended.
+[[noreturn]] void giveUp(const char* what)
+{
+    const std::string text = s_step + Faults::disturbedCall() + ": " + what + "\n";
+    [[maybe_unused]] const ssize_t count = ::write(s_errors, text.data(), text.size());
+    ::_exit(1);
+}
+
+/// A thread that waits to be let through.
+class Intruder {
+public:
+    explicit Intruder(std::function<void()> act) : m_act(std::move(act)) {}
+    ~Intruder()
+    {
+        m_start.release(); // to no effect, if the walker has let it through
+        if (m_ended.wait_for(kHung) != std::future_status::ready)
+            giveUp("the other thread never ended");
+    }
+
+    /// Returns once the act is done or, unless it must get through, waits for somebody.
+    void letThrough(bool mustPass)
+    {
+        const auto deadline = std::chrono::steady_clock::now() + kHung;
+        m_mayAct = true;
+        m_start.release();
+        for (int asleep = 0; !m_isDone && (mustPass || asleep < kPausesAsleep);) {
+            ::usleep(kPause.count());
+            asleep = isAsleep() ? asleep + 1 : 0;
+            if (std::chrono::steady_clock::now() > deadline)
+                giveUp("the other thread can't get through");
+        }
+    }
+
+private:
+    void run()
+    {
+        m_thread = ::gettid();
+        m_start.acquire();
+        if (m_mayAct)
+            m_act();
+        m_isDone = true;
+    }
+    bool isAsleep() const
+    {
+        char text[256] = {};
+        const std::string path = "/proc/self/task/" + std::to_string(m_thread) + "/stat";
+        const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC, 0);
+        const ssize_t count = ::read(file, text, sizeof text - 1);
+        ::close(file);
+        const char* const name = std::strrchr(text, ')');
+        return count > 0 && name != nullptr && std::strncmp(name, ") S", 3) == 0;
+    }
+
+    const std::function<void()> m_act;
+    std::atomic<bool> m_mayAct = false, m_isDone = false;
+    std::atomic<pid_t> m_thread = 0;
+    std::binary_semaphore m_start{0};
+    const std::future<void> m_ended = std::async(std::launch::async, [this] { run(); }); // the last
+};
+
+/// Write a line and ask for the time in a child, which must get to its end.
+void useLogInChild()
+{
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::alarm(kHung.count() / 2);
+        ALog log("child");
+        log.setOutputFile("/dev/null");
+        log.setEnabled(true);
+        const std::time_t now = std::time(nullptr);
+        log.print("%5.1f %d\n", 1.0, std::localtime(&now)->tm_hour);
+        ::_exit(0);
+    }
+    int status = 0;
+    while (::waitpid(child, &status, WNOHANG) == 0)
+        std::this_thread::yield(); // whoever sleeps waits for the walker
+    if (status != 0)
+        giveUp("a child never ended");
+}
+
+std::vector<Intrusion> intrusionsOn(Road& road)
+{
+    const auto readOtherZone = [] {
+        ::setenv("TZ", ":no-such-file", 1);
+        ::tzset();
+    };
+    std::vector<Intrusion> all = road.intrusions();
+    all.push_back({"a child", {useLogInChild}});
+    all.push_back({"a flush", {[] { std::fflush(nullptr); }, readOtherZone}});
+    return all;
+}
+
+std::list<Intruder> s_intruders;
+std::set<std::string> s_mustPass;
+pid_t s_process = 0;
+
+void letThrough(const char* call)
+{
+    if (::getpid() != s_process)
+        return; // a child has no other threads
+    const bool mustPass = s_mustPass.contains("") || s_mustPass.contains(call);
+    for (Intruder& intruder : s_intruders)
+        intruder.letThrough(mustPass);
+}
+
+/// What must be after each step as it was before.
+struct Balance {
+    int descriptors = openDescriptors();
+    int objects = Faults::s_objects;
+    int transactions = Faults::s_transactions;
+    int sessions = Faults::s_sessions;
+    int wrongCloses = Faults::s_wrongCloses;
+
+    bool operator==(const Balance&) const = default;
+    friend std::ostream& operator<<(std::ostream& stream, const Balance& balance)
+    {
+        return stream << balance.descriptors << " descriptors, " << balance.objects << " objects, "
+                      << balance.transactions << " transactions, " << balance.sessions << " sessions, "
+                      << balance.wrongCloses << " wrong closes";
+    }
+};
+
+void expectFree(Road& road)
+{
+    std::vector<FILE*> streams = road.streams();
+    streams.insert(streams.end(), {stdout, stderr});
+    std::vector<Monitor*> monitors = road.monitors();
+    monitors.insert(monitors.end(), {&PAMHelper::instanceMapMonitor, &PAMHelper::instanceFwMapMonitor});
+    std::thread([&] {
+        for (FILE* const stream : streams) {
+            if (stream == nullptr)
+                continue;
+            EXPECT_EQ(::ftrylockfile(stream), 0) << "of a stream";
+            ::funlockfile(stream);
+        }
+        for (Monitor* const monitor : monitors) {
+            EXPECT_EQ(::pthread_mutex_trylock(&monitor->m_mutex), 0) << "of a monitor";
+            monitor->releaseLock();
+        }
+    }).join();
+}
+
+struct Step {
+    Kind kind = Kind::Failure;
+    int number = -1;
+    std::size_t intrusion = 0;
+    std::string outcome = {};
+    bool wasCancelled = false;
+};
+
+void lead(Road& road, Step& step)
+{
+    std::future<void> end = std::async(std::launch::async, [&] {
+        road.approach();
+        const Faults faults(step.kind, step.number);
+        road.walk();
+    });
+    if (end.wait_for(kHung) != std::future_status::ready)
+        giveUp("the walker never ended");
+    try {
+        end.get();
+    } catch (const std::future_error&) {
+        step.wasCancelled = true;
+    }
+    s_intruders.clear(); // waits for them
+    ::unsetenv("TZ");
+    expectFree(road);
+    step.outcome.append(road.arrive());
+}
+
+/// Returns what is to come of a step, as a regular expression.
+std::string expected(const Walk& walk, const Step& step)
+{
+    const auto& table = step.kind == Kind::Failure ? walk.failures : walk.cancellations;
+    const std::string call = step.kind == Kind::Failure ? Faults::disturbedCall() : Faults::cancelledIn();
+    const auto entry = table.find(call);
+    EXPECT_FALSE(step.wasCancelled && entry == table.end()) << "cancelled in " << call;
+    const bool isInTable = step.kind == Kind::Failure || step.wasCancelled;
+    return isInTable && entry != table.end() ? entry->second : walk.undisturbed;
+}
+
+void take(const Walk& walk, Step& step)
+{
+    step.outcome.reserve(4096); // nothing is to be made from here on that outlives the road
+    s_step = walk.name + ", kind " + std::to_string(static_cast<int>(step.kind)) + '.' +
+             std::to_string(step.intrusion) + ", call " + std::to_string(step.number) + ' ';
+    const Balance before;
+    {
+        const std::unique_ptr<Road> road = walk.begin();
+        if (step.kind == Kind::Preemption) {
+            const Intrusion intrusion = intrusionsOn(*road)[step.intrusion];
+            s_mustPass = intrusion.mustPass;
+            for (const auto& act : intrusion.acts)
+                s_intruders.emplace_back(act);
+        }
+        lead(*road, step);
+        s_mustPass.clear();
+    }
+    const Balance after;
+    SCOPED_TRACE(s_step + Faults::disturbedCall() + ": " + step.outcome);
+    EXPECT_TRUE(after == before || step.number < 0) << after << ", before: " << before;
+    EXPECT_TRUE(PAMHelper::instanceMap.empty());
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
+    EXPECT_TRUE(std::regex_match(step.outcome, std::regex(expected(walk, step))));
+}
+
+/// Returns the names of the calls that were disturbed.
+std::set<std::string> walkWith(const Walk& walk, Kind kind, std::size_t intrusion)
+{
+    std::set<std::string> calls;
+    for (Step step{kind, 0, intrusion};; step = {kind, step.number + 1, intrusion}) {
+        take(walk, step);
+        if (Faults::disturbedCall().empty())
+            return calls;
+        calls.insert(Faults::disturbedCall());
+    }
+}
+
+} // namespace
+
+void walkEachCall(const Walk& walk)
+{
+    s_process = ::getpid();
+    Faults::s_letThrough = letThrough;
+    std::set_terminate([] { giveUp("ends the process"); });
+    Step undisturbed;
+    take(walk, undisturbed);
+    if (walk.canFail) {
+        std::set<std::string> failed = walkWith(walk, Kind::Failure, 0);
+        failed.insert("malloc"); // which new doesn't call under a sanitizer
+        for (const auto& [name, outcome] : walk.failures)
+            EXPECT_TRUE(failed.contains(name)) << name;
+    }
+    walkWith(walk, Kind::Interruption, 0);
+    walkWith(walk, Kind::Cancellation, 0);
+    const std::size_t intrusions = intrusionsOn(*walk.begin()).size();
+    for (std::size_t i = 0; i < intrusions; ++i)
+        walkWith(walk, Kind::Preemption, i);
+}
