@@ -178,8 +178,7 @@ CALL(int, setsockopt, (int descriptor, int level, int option, const void* value,
      (descriptor, level, option, value, size), Fails, -1, ENOMEM)
 CALL(int, fcntl, (int descriptor, int command, long argument), (descriptor, command, argument), Fails, -1,
      EMFILE)
-CALL(int, open, (const char* path, int flags, mode_t mode), (path, flags, mode), Fails | IsInterrupted, -1,
-     ENFILE)
+CALL(int, open, (const char* path, int flags, mode_t mode), (path, flags, mode), Fails, -1, ENFILE)
 CALL(ssize_t, read, (int descriptor, void* buffer, std::size_t size), (descriptor, buffer, size),
      Fails | IsInterrupted, -1, EIO)
 CALL(pid_t, wait, (int* status), (status), Fails | IsInterrupted, -1, ECHILD)
@@ -207,6 +206,8 @@ STEP(int, fflush, (FILE * stream), (stream))
 STEP(int, fflush_unlocked, (FILE * stream), (stream))
 STEP(int, fputs, (const char* text, FILE* stream), (text, stream))
 STEP(int, fputs_unlocked, (const char* text, FILE* stream), (text, stream))
+STEP(std::size_t, fwrite_unlocked, (const void* data, std::size_t size, std::size_t count, FILE* stream),
+     (data, size, count, stream))
 STEP(void, flockfile, (FILE * stream) noexcept, (stream))
 STEP(int, ftrylockfile, (FILE * stream) noexcept, (stream))
 STEP(void, funlockfile, (FILE * stream) noexcept, (stream))

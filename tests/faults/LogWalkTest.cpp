@@ -12,6 +12,12 @@ struct Lines;
 using Act = void (*)(Lines& lines);
 constexpr Act kNothing = [](Lines&) {};
 
+enum Trait : unsigned {
+    CanFail = 1,
+    IsLine = 2,  ///< A cancellation may act where it is written.
+    IsShared = 4 ///< Other threads may use the objects meanwhile.
+};
+
 /// What is walked with the objects, and what stands in the log, in the trace and on standard output then.
 struct Row {
     const char* name;
@@ -19,8 +25,7 @@ struct Row {
     std::string undisturbed;
     Act approach = kNothing;
     std::map<std::string, std::string> failures = {};
-    bool canFail = true;
-    bool isLine = true;
+    unsigned traits = CanFail | IsLine | IsShared;
 };
 
 struct Lines : Road {
@@ -47,26 +52,32 @@ struct Lines : Road {
     {
         m_log.print("next\n");
         m_trace.TraceLog(0, "next\n");
-        static const std::regex s_stamp("[0-9]+/[0-9 ]+/[0-9]+ [0-9:_]+ ");
+        static const std::regex s_noise("(log -)?other   1.0\n|[0-9]+/[0-9 ]+/[0-9]+ [0-9:_]+ ");
         const std::string lines = readFile(m_path) + readFile(m_tracePath);
-        return std::regex_replace(lines + m_output.text(), s_stamp, "");
+        return std::regex_replace(lines + m_output.text(), s_noise, "");
     }
     std::vector<Intrusion> intrusions() override
     {
-        const auto reopen = [this] {
-            EXPECT_EQ(m_log.reopenOutputFile(m_path.c_str()), 0);
-            EXPECT_EQ(m_trace.Reopen(m_tracePath.c_str()), 0);
+        const auto print = [this] {
+            m_log.print("other %5.1f\n", 1.0);
+            m_trace.TraceLog(0, "other %5.1f\n", 1.0);
         };
         const auto change = [this] {
             m_log.setShowTimestamp(m_log.getShowTimestamp());
             m_log.setEchoToConsole(m_log.getEchoToConsole());
             m_log.setEnabled(m_log.getEnabled());
         };
-        return {{"another log",
-                 {[this] { m_other.print("%5.1f\n", 1.0); }},
-                 {"fputs_unlocked", "fflush_unlocked", "funlockfile"}},
-                {"settings", {change}, {""}},
-                {"reopening", {reopen}}};
+        const auto reopen = [this] {
+            EXPECT_EQ(m_log.reopenOutputFile(m_path.c_str()), 0);
+            EXPECT_EQ(m_trace.Reopen(m_tracePath.c_str()), 0);
+        };
+        std::vector<Intrusion> all = {{"another log",
+                                       {[this] { m_other.print("%5.1f\n", 1.0); }},
+                                       {"fputs_unlocked", "fwrite_unlocked", "fflush_unlocked"}},
+                                      {"settings", {change}, {""}}};
+        if ((m_row.traits & IsShared) != 0)
+            all.insert(all.end(), {{"the same log", {print}}, {"reopening", {reopen}}});
+        return all;
     }
     std::vector<FILE*> streams() override { return {m_log.m_file, m_other.m_file, m_trace.m_file}; }
     std::vector<Monitor*> monitors() override
@@ -110,7 +121,7 @@ const Row s_rows[] = {
      printPlain},
     {"formatted", [](Lines& lines) { lines.m_log.print("%5.1f\n", 1.5); },
      "log -  1.5\nlog -next\nfirst\nnext\n"},
-    {"counted", printCount, "log -seven \nlog -next\nfirst\nnext\n", kNothing, {}, false},
+    {"counted", printCount, "log -seven \nlog -next\nfirst\nnext\n", kNothing, {}, IsLine | IsShared},
     {"echoed", [](Lines& lines) { lines.m_log.print("echo %5.1f\n", 1.5); },
      "log -echo   1.5\nlog -next\nfirst\nnext\nlog -echo   1.5\nlog -next\n",
      [](Lines& lines) { lines.m_log.setEchoToConsole(true); }},
@@ -118,12 +129,12 @@ const Row s_rows[] = {
     {"traced, in the same second", tracePlain, "log -next\nfirst\nplain 7\nplain 7\nnext\n", tracePlain},
     {"traced, formatted", [](Lines& lines) { lines.m_trace.TraceLog(0, "%5.1f\n", 1.5); },
      "log -next\nfirst\n  1.5\nnext\n"},
-    {"traced, counted", traceCount, "log -next\nfirst\nseven \nnext\n", kNothing, {}, false},
+    {"traced, counted", traceCount, "log -next\nfirst\nseven \nnext\n", kNothing, {}, IsLine | IsShared},
     {"set",
      [](Lines& lines) { lines.m_log.setOutputFile(lines.m_path.c_str()); },
      "log -next\nfirst\nnext\n",
      printPlain,
-     {{"open", "log -plain 7\nfirst\nnext\n"}, {"malloc", "first\nnext\n"}, {"fdopen", "first\nnext\n"}}, true, false},
+     {{"open", "log -plain 7\nfirst\nnext\n"}, {"malloc", "first\nnext\n"}, {"fdopen", "first\nnext\n"}}, CanFail},
     {"reopened",
      [](Lines& lines) { lines.m_log.reopenOutputFile(lines.m_path.c_str()); },
      "log -plain 7\nlog -next\nfirst\nnext\n",
@@ -135,13 +146,13 @@ const Row s_rows[] = {
              log.vprint(format, args);
              va_end(args);
          }(lines.m_log, "plain 7\n");
-     }, {}, true, false},
+     }, {}, CanFail | IsShared},
     {"retraced",
      [](Lines& lines) {
          lines.m_trace.Reopen(lines.m_tracePath.c_str());
          lines.m_trace.Close();
      },
-     "log -next\nfirst\nnext\n", kNothing, {}, true, false},
+     "log -next\nfirst\nnext\n", kNothing, {}, CanFail | IsShared},
 };
 
 struct LogWalkTest : testing::TestWithParam<Row> {};
@@ -150,8 +161,8 @@ TEST_P(LogWalkTest, NothingThatHappensToALineStopsTheNext)
 {
     const Row& row = GetParam();
     Walk walk{row.name, [&] { return std::make_unique<Lines>(row); }, row.undisturbed, row.failures};
-    walk.canFail = row.canFail;
-    if (row.isLine)
+    walk.canFail = (row.traits & CanFail) != 0;
+    if ((row.traits & IsLine) != 0)
         walk.cancellations = {{"fflush_unlocked", row.undisturbed}};
     walkEachCall(walk);
 }
