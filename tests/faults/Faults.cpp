@@ -8,7 +8,6 @@
 #include <ctime>
 #include <dlfcn.h>
 #include <kep.h>
-#include <langinfo.h>
 #include <new>
 #include <openssl/crypto.h>
 #include <poll.h>
@@ -60,23 +59,16 @@ bool canHappen(unsigned traits, const void* caller)
     // The check of a password allocates thousands of times in there, to no other effect.
     if (library == libraryOf(&OPENSSL_cleanse))
         return false;
-    switch (s_kind) {
-    case Faults::Kind::Failure:
-        return (traits & Fails) != 0;
-    case Faults::Kind::Interruption:
-        return (traits & IsInterrupted) != 0;
-    case Faults::Kind::Cancellation:
-        return (traits & Allocates) == 0;
-    default: // the C library allocates with its locks held
-        return (traits & Allocates) == 0 || library == libraryOf(&::setenv);
-    }
+    if (s_kind == Faults::Kind::Failure || s_kind == Faults::Kind::Interruption)
+        return (traits & (s_kind == Faults::Kind::Failure ? Fails : IsInterrupted)) != 0;
+    // The C library allocates with its locks held.
+    const bool isTold = s_kind == Faults::Kind::Preemption && library == libraryOf(&::setenv);
+    return isTold || (traits & Allocates) == 0;
 }
 
 bool isTurn(const char* name, unsigned traits, const void* caller)
 {
-    if (!s_armed || !canHappen(traits, caller))
-        return false;
-    if (s_callsLeft-- != 0)
+    if (!s_armed || !canHappen(traits, caller) || s_callsLeft-- != 0)
         return false;
     disturbedName() = name;
     return true;
@@ -116,6 +108,19 @@ auto pass(const char* name, Call call)
     }
 }
 
+/// A session that a module can't close is none any more.
+int closed(int status)
+{
+    --Faults::s_sessions;
+    return status;
+}
+
+int counted(std::atomic<int>& count, int change, int status)
+{
+    count += status == PAM_SUCCESS ? change : 0;
+    return status;
+}
+
 } // namespace
 
 Faults::Faults(Kind kind, int number)
@@ -148,96 +153,80 @@ Faults::Kind Faults::kind()
     return s_kind;
 }
 
-/// Define the call NAME, which fails with RESULT and ERROR if TRAITS say so and it is its turn.
-#define CALL(type, name, parameters, arguments, traits, result, error)                                       \
+/// Define the call NAME as REAL's, which fails with RESULT and ERROR if TRAITS say so and it is its turn.
+#define CALL(type, name, parameters, call, traits, result, error)                                            \
     INTERPOSED type name parameters                                                                          \
     {                                                                                                        \
-        static const auto s_real = nextDefinition<decltype(::name)>(#name);                                  \
+        static const auto real = nextDefinition<decltype(::name)>(#name);                                    \
         const void* const caller = __builtin_return_address(0);                                              \
-        return pass(#name, [&] { return fails(#name, error, traits, caller) ? result : s_real arguments; }); \
+        return pass(#name, [&] { return fails(#name, error, traits, caller) ? result : call; });             \
     }
 /// The same where nothing can fail.
-#define STEP(type, name, parameters, arguments)                                                              \
-    INTERPOSED type name parameters                                                                          \
-    {                                                                                                        \
-        static const auto s_real = nextDefinition<decltype(::name)>(#name);                                  \
-        fails(#name, 0, 0, __builtin_return_address(0));                                                     \
-        return pass(#name, [&] { return s_real arguments; });                                                \
-    }
+#define STEP(type, name, parameters, call) CALL(type, name, parameters, call, 0, type(), 0)
 
-CALL(void*, malloc, (std::size_t size) noexcept, (size), Fails | Allocates, nullptr, ENOMEM)
-CALL(void*, calloc, (std::size_t count, std::size_t size) noexcept, (count, size), Fails | Allocates, nullptr,
-     ENOMEM)
-CALL(int, pipe2, (int* ends, int flags) noexcept, (ends, flags), Fails, -1, EMFILE)
-CALL(pid_t, fork, () noexcept, (), Fails, -1, EAGAIN)
-CALL(int, execvp, (const char* file, char* const* args) noexcept, (file, args), Fails, -1, ENOENT)
-CALL(int, socket, (int family, int type, int protocol) noexcept, (family, type, protocol), Fails, -1, EMFILE)
-CALL(int, connect, (int descriptor, const sockaddr* address, socklen_t size), (descriptor, address, size),
-     Fails, -1, ECONNREFUSED)
-CALL(int, setsockopt, (int descriptor, int level, int option, const void* value, socklen_t size) noexcept,
-     (descriptor, level, option, value, size), Fails, -1, ENOMEM)
-CALL(int, fcntl, (int descriptor, int command, long argument), (descriptor, command, argument), Fails, -1,
+CALL(void*, malloc, (std::size_t size) noexcept, real(size), Fails | Allocates, nullptr, ENOMEM)
+CALL(void*, calloc, (std::size_t count, std::size_t size) noexcept, real(count, size), Fails | Allocates,
+     nullptr, ENOMEM)
+CALL(int, pipe2, (int* ends, int flags) noexcept, real(ends, flags), Fails, -1, EMFILE)
+CALL(pid_t, fork, () noexcept, real(), Fails, -1, EAGAIN)
+CALL(int, execvp, (const char* file, char* const* args) noexcept, real(file, args), Fails, -1, ENOENT)
+CALL(int, socket, (int family, int type, int protocol) noexcept, real(family, type, protocol), Fails, -1,
      EMFILE)
-CALL(int, open, (const char* path, int flags, mode_t mode), (path, flags, mode), Fails, -1, ENFILE)
-CALL(ssize_t, read, (int descriptor, void* buffer, std::size_t size), (descriptor, buffer, size),
-     Fails | IsInterrupted, -1, EIO)
-CALL(pid_t, wait, (int* status), (status), Fails | IsInterrupted, -1, ECHILD)
-CALL(int, dup2, (int from, int to) noexcept, (from, to), Fails | IsInterrupted, -1, EBUSY)
-CALL(int, dup3, (int from, int to, int flags) noexcept, (from, to, flags), Fails, -1, EBUSY)
-CALL(int, poll, (pollfd * entries, nfds_t count, int limit), (entries, count, limit), Fails | IsInterrupted,
-     -1, ENOMEM)
-CALL(ssize_t, recv, (int descriptor, void* buffer, std::size_t size, int flags),
-     (descriptor, buffer, size, flags), Fails | IsInterrupted, -1, ECONNRESET)
-CALL(ssize_t, write, (int descriptor, const void* data, std::size_t size), (descriptor, data, size),
+CALL(int, connect, (int socket, const sockaddr* address, socklen_t size), real(socket, address, size), Fails,
+     -1, ECONNREFUSED)
+CALL(int, setsockopt, (int socket, int level, int option, const void* value, socklen_t size) noexcept,
+     real(socket, level, option, value, size), Fails, -1, ENOMEM)
+CALL(int, fcntl, (int file, int command, long argument), real(file, command, argument), Fails, -1, EMFILE)
+CALL(int, open, (const char* path, int flags, mode_t mode), real(path, flags, mode), Fails, -1, ENFILE)
+CALL(ssize_t, read, (int file, void* data, std::size_t size), real(file, data, size), Fails | IsInterrupted,
+     -1, EIO)
+CALL(pid_t, wait, (int* status), real(status), Fails | IsInterrupted, -1, ECHILD)
+CALL(int, dup2, (int from, int to) noexcept, real(from, to), Fails | IsInterrupted, -1, EBUSY)
+CALL(int, dup3, (int from, int to, int flags) noexcept, real(from, to, flags), Fails, -1, EBUSY)
+CALL(int, poll, (pollfd * entries, nfds_t count, int limit), real(entries, count, limit),
+     Fails | IsInterrupted, -1, ENOMEM)
+CALL(ssize_t, recv, (int socket, void* data, std::size_t size, int flags), real(socket, data, size, flags),
+     Fails | IsInterrupted, -1, ECONNRESET)
+CALL(ssize_t, write, (int file, const void* data, std::size_t size), real(file, data, size),
      Fails | IsInterrupted, -1, EPIPE)
-CALL(FILE*, fdopen, (int descriptor, const char* mode) noexcept, (descriptor, mode), Fails, nullptr, ENOMEM)
-CALL(int, kep_config_get, (const char* name, char* buffer, int* size), (name, buffer, size), Fails | Waits,
-     KEP_ERROR_RPC, 0)
-CALL(int, kep_config_get_str_n, (const char* name, char* buffer, int size), (name, buffer, size),
+CALL(FILE*, fdopen, (int file, const char* mode) noexcept, real(file, mode), Fails, nullptr, ENOMEM)
+CALL(int, kep_config_get, (const char* name, char* buffer, int* size), real(name, buffer, size),
+     Fails | Waits, KEP_ERROR_RPC, 0)
+CALL(int, kep_config_get_int, (const char* name, int* value), real(name, value), Fails | Waits, 0, 0)
+CALL(int, kep_config_set_str_n, (const char* name, const char* value, int flag), real(name, value, flag),
      Fails | Waits, 0, 0)
-CALL(int, kep_config_get_int, (const char* name, int* value), (name, value), Fails | Waits, 0, 0)
-CALL(int, kep_config_set_str_n, (const char* name, const char* value, int flag), (name, value, flag),
+CALL(int, kep_config_set_int, (const char* name, int value, bool flag), real(name, value, flag),
      Fails | Waits, 0, 0)
-CALL(int, kep_config_set_int, (const char* name, int value, bool flag), (name, value, flag), Fails | Waits, 0,
-     0)
 
-STEP(int, fclose, (FILE * stream), (stream))
-STEP(int, fflush, (FILE * stream), (stream))
-STEP(int, fflush_unlocked, (FILE * stream), (stream))
-STEP(int, fputs, (const char* text, FILE* stream), (text, stream))
-STEP(int, fputs_unlocked, (const char* text, FILE* stream), (text, stream))
+STEP(int, fclose, (FILE * stream), real(stream))
+STEP(int, fflush, (FILE * stream), real(stream))
+STEP(int, fflush_unlocked, (FILE * stream), real(stream))
+STEP(int, fputs_unlocked, (const char* text, FILE* stream), real(text, stream))
 STEP(std::size_t, fwrite_unlocked, (const void* data, std::size_t size, std::size_t count, FILE* stream),
-     (data, size, count, stream))
-STEP(void, flockfile, (FILE * stream) noexcept, (stream))
-STEP(int, ftrylockfile, (FILE * stream) noexcept, (stream))
-STEP(void, funlockfile, (FILE * stream) noexcept, (stream))
-STEP(std::size_t, strftime, (char* text, std::size_t size, const char* format, const std::tm* time) noexcept,
-     (text, size, format, time))
-STEP(std::tm*, localtime_r, (const std::time_t* second, std::tm* time) noexcept, (second, time))
-STEP(void, tzset, () noexcept, ())
-STEP(char*, nl_langinfo, (nl_item item) noexcept, (item))
-STEP(int, pthread_mutex_lock, (pthread_mutex_t * mutex) noexcept, (mutex))
-STEP(int, pthread_mutex_unlock, (pthread_mutex_t * mutex) noexcept, (mutex))
-STEP(int, pam_set_item, (pam_handle_t * handle, int item, const void* value), (handle, item, value))
-STEP(int, pam_putenv, (pam_handle_t * handle, const char* text), (handle, text))
-STEP(int, pam_authenticate, (pam_handle_t * handle, int flags), (handle, flags))
-STEP(int, pam_acct_mgmt, (pam_handle_t * handle, int flags), (handle, flags))
+     real(data, size, count, stream))
+STEP(int, __vsnprintf_chk,
+     (char* text, std::size_t size, int flag, std::size_t room, const char* format, va_list args) noexcept,
+     real(text, size, flag, room, format, args))
+STEP(void, flockfile, (FILE * stream) noexcept, real(stream))
+STEP(int, ftrylockfile, (FILE * stream) noexcept, real(stream))
+STEP(void, funlockfile, (FILE * stream) noexcept, real(stream))
+CALL(std::tm*, localtime_r, (const std::time_t* second, std::tm* time) noexcept, real(second, time), 0,
+     nullptr, 0)
+STEP(void, tzset, () noexcept, real())
+STEP(int, pthread_mutex_lock, (pthread_mutex_t * mutex) noexcept, real(mutex))
+STEP(int, pthread_mutex_unlock, (pthread_mutex_t * mutex) noexcept, real(mutex))
+STEP(int, pam_start_confdir,
+     (const char* service, const char* user, const pam_conv* conversation, const char* folder,
+      pam_handle_t** handle),
+     counted(Faults::s_transactions, 1, real(service, user, conversation, folder, handle)))
+STEP(int, pam_authenticate, (pam_handle_t * handle, int flags), real(handle, flags))
+STEP(int, pam_acct_mgmt, (pam_handle_t * handle, int flags), real(handle, flags))
+STEP(int, pam_open_session, (pam_handle_t * handle, int flags),
+     counted(Faults::s_sessions, 1, real(handle, flags)))
+STEP(int, pam_end, (pam_handle_t * handle, int status),
+     counted(Faults::s_transactions, -1, real(handle, status)))
 
-// Fortified calls have a number in front.
-INTERPOSED int __vsnprintf_chk(char* text, std::size_t size, int flag, std::size_t room, const char* format,
-                               va_list args) noexcept
-{
-    static const auto s_real = nextDefinition<decltype(__vsnprintf_chk)>("__vsnprintf_chk");
-    fails("vsnprintf", 0, 0, __builtin_return_address(0));
-    return s_real(text, size, flag, room, format, args);
-}
-
-INTERPOSED int __vfprintf_chk(FILE* stream, int flag, const char* format, va_list args)
-{
-    static const auto s_real = nextDefinition<decltype(__vfprintf_chk)>("__vfprintf_chk");
-    fails("vfprintf", 0, 0, __builtin_return_address(0));
-    return pass("vfprintf", [&] { return s_real(stream, flag, format, args); });
-}
+STEP(int, pam_close_session, (pam_handle_t * handle, int flags), closed(real(handle, flags)))
 
 /// A cancellation comes when the number is free already, as where a peer takes the last bytes slowly.
 INTERPOSED int close(int descriptor)
@@ -281,24 +270,3 @@ INTERPOSED unsigned sleep(unsigned)
 {
     return 0; // a child's delay
 }
-
-/// Define the PAM step NAME, whose RESULT says what becomes of COUNT.
-#define COUNTED(name, parameters, arguments, count, change)                                                  \
-    INTERPOSED int name parameters                                                                           \
-    {                                                                                                        \
-        static const auto s_real = nextDefinition<decltype(::name)>(#name);                                  \
-        fails(#name, 0, 0, __builtin_return_address(0));                                                     \
-        const int result = pass(#name, [&] { return s_real arguments; });                                    \
-        count += change;                                                                                     \
-        return result;                                                                                       \
-    }
-
-COUNTED(pam_start_confdir,
-        (const char* service, const char* user, const pam_conv* conversation, const char* confdir,
-         pam_handle_t** handle),
-        (service, user, conversation, confdir, handle), Faults::s_transactions, result == PAM_SUCCESS)
-COUNTED(pam_end, (pam_handle_t * handle, int status), (handle, status), Faults::s_transactions,
-        result == PAM_SUCCESS ? -1 : 0)
-COUNTED(pam_open_session, (pam_handle_t * handle, int flags), (handle, flags), Faults::s_sessions,
-        result == PAM_SUCCESS)
-COUNTED(pam_close_session, (pam_handle_t * handle, int flags), (handle, flags), Faults::s_sessions, -1)

@@ -86,17 +86,16 @@ TEST(ProgramWalkTest, NothingThatHappensToAProgramRunLeavesAPipeOrAChild)
     pthread_sigmask(SIG_BLOCK, &childEnded, nullptr);
     const std::string begun = " SystemExec: " + s_echo;
     const std::string failure = "SystemExec child: " + s_echo + ": execl Error!:";
-    walkEachCall(
-        {"run",
-         [] { return std::make_unique<ProgramRun>(false); },
-         s_echo + "\n",
-         {{"malloc", "none|" + s_echo + "\n"}, // for a buffer, which the child can do without
-          {"new", "none"},
-          {"pipe2", "none" + begun + "\n"},
-          {"fcntl", "none" + begun + "\n"},
-          {"fork", "none" + begun + " - Fork error. Exiting.\n"},
-          {"dup2", failure + "SystemExec child: Unable to exec.: Device or resource busy\n"},
-          {"execvp", failure + "SystemExec child: Unable to exec.: No such file or directory\n"}}});
+    walkEachCall({"run",
+                  [] { return std::make_unique<ProgramRun>(false); },
+                  s_echo + "\n",
+                  {{"malloc", "none|" + s_echo + "\n"}, // for a buffer, which the child can do without
+                   {"new", "none"},
+                   {"pipe2", "none" + begun + "\n"},
+                   {"fcntl", "none" + begun + "\n"},
+                   {"fork", "none" + begun + " - Fork error. Exiting.\n"},
+                   {"dup2", failure + "SystemExec child: Unable to exec.: Device or resource busy\n"},
+                   {"execvp", failure + "SystemExec child: Unable to exec.: No such file or directory\n"}}});
     walkEachCall({"end of a run",
                   [] { return std::make_unique<ProgramRun>(true); },
                   s_echo + "\n",

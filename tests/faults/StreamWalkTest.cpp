@@ -1,7 +1,7 @@
 #include "ALog.h"
 #include "ASocket.h"
 #include "GorvSocketException.h"
-#include "base/CancelBlock.h"
+#include "base/FileDescriptor.h"
 #include "faults/Walk.h"
 #include "support/Files.h"
 
@@ -9,34 +9,27 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <optional>
-#include <unistd.h>
 
 namespace {
 
 /// At any free port.
-class Listener {
-public:
+struct Listener {
     Listener()
     {
         socklen_t size = sizeof m_address;
-        ::listen(m_socket, 4);
-        ::getsockname(m_socket, reinterpret_cast<sockaddr*>(&m_address), &size);
+        ::listen(m_socket.get(), 4);
+        ::getsockname(m_socket.get(), reinterpret_cast<sockaddr*>(&m_address), &size);
     }
-    ~Listener() { ::close(m_socket); }
-    Listener(const Listener&) = delete;
-    Listener& operator=(const Listener&) = delete;
-
     int port() const { return ntohs(m_address.sin_port); }
-    int accept() const
+    FileDescriptor accept() const
     {
         const CancelBlock block;
-        const int peer = ::accept(m_socket, nullptr, nullptr);
-        ::send(peer, "\0\0\1\0fourteen bytes", 18, 0);
+        FileDescriptor peer(::accept(m_socket.get(), nullptr, nullptr));
+        ::send(peer.get(), "\0\0\1\0fourteen bytes", 18, 0);
         return peer;
     }
 
-private:
-    const int m_socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const FileDescriptor m_socket{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
     sockaddr_in m_address{};
 };
 
@@ -48,7 +41,6 @@ struct Talk : Road {
         m_outcome.reserve(100); // only what is watched shall allocate
         m_socket.emplace();
     }
-    ~Talk() override { ::close(m_peer); }
 
     void walk() override
     {
@@ -72,7 +64,7 @@ struct Talk : Road {
             m_outcome = "cancelled";
             const Listener listener;
             m_socket->createIPSocket("127.0.0.1", listener.port());
-            ::close(listener.accept());
+            const FileDescriptor peer = listener.accept();
             int value = 0;
             m_state = m_socket->readInt(value, 5) == 4 && value == 256 ? m_socket->getSocketState() : -1;
             m_socket.reset();
@@ -82,7 +74,7 @@ struct Talk : Road {
         if (m_state != ASocket::CONNECTED)
             m_outcome += ", " + errors;
         std::string received(64, '\0');
-        const ssize_t count = ::recv(m_peer, received.data(), received.size(), MSG_WAITALL);
+        const ssize_t count = ::recv(m_peer.get(), received.data(), received.size(), MSG_WAITALL);
         received.resize(static_cast<std::size_t>(std::max(count, ssize_t{0})));
         EXPECT_EQ(received, std::string("\0\0\0\1a text.", 11).substr(0, received.size()));
         return m_outcome + ", " + std::to_string(received.size()) + " arrived";
@@ -106,7 +98,8 @@ struct Talk : Road {
     CapturedStream m_output{stdout}, m_errors{stderr};
     ALog m_log{"talk", stdout};
     std::optional<ASocket> m_socket;
-    int m_peer = -1, m_state = -1;
+    FileDescriptor m_peer;
+    int m_state = -1;
     std::string m_outcome;
 };
 

@@ -15,7 +15,6 @@
 /// What other threads do when the walker lets them through: each starts when the one before is done, or waits
 /// for the walker.
 struct Intrusion {
-    std::string name;
     std::vector<std::function<void()>> acts;
     std::set<std::string> mustPass = {}; ///< The calls of the walker at which nobody may wait; "" for each.
 };
