@@ -1,0 +1,141 @@
+#include "ALog.h"
+#include "ASocket.h"
+#include "GorvSocketException.h"
+#include "base/FileDescriptor.h"
+#include "faults/Walk.h"
+#include "support/Files.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <optional>
+
+namespace {
+
+/// At any free port.
+struct Listener {
+    Listener()
+    {
+        socklen_t size = sizeof m_address;
+        ::listen(m_socket.get(), 4);
+        ::getsockname(m_socket.get(), reinterpret_cast<sockaddr*>(&m_address), &size);
+    }
+    int port() const { return ntohs(m_address.sin_port); }
+    FileDescriptor accept() const
+    {
+        const CancelBlock block;
+        FileDescriptor peer(::accept(m_socket.get(), nullptr, nullptr));
+        ::send(peer.get(), "\0\0\1\0fourteen bytes", 18, 0);
+        return peer;
+    }
+
+    const FileDescriptor m_socket{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    sockaddr_in m_address{};
+};
+
+/// A connection that is used, copied and destroyed.
+struct Talk : Road {
+    Talk()
+    {
+        m_log.setShowTimestamp(false);
+        m_outcome.reserve(100); // only what is watched shall allocate
+        m_socket.emplace();
+    }
+
+    void walk() override
+    {
+        try {
+            m_socket->createIPSocket("127.0.0.1", m_listener.port());
+            m_peer = m_listener.accept();
+            m_socket->setLog(m_log);
+            readAndWrite();
+        } catch (const GorvSocketException& failure) {
+            m_outcome = failure.getMessage();
+            EXPECT_FALSE(m_socket->isOpen());
+        } catch (const std::bad_alloc&) {
+            m_outcome = "no memory";
+        }
+        m_state = m_socket->getSocketState();
+        m_socket.reset();
+    }
+    std::string arrive() override
+    {
+        if (m_socket) { // was cancelled
+            m_outcome = "cancelled";
+            const Listener listener;
+            m_socket->createIPSocket("127.0.0.1", listener.port());
+            const FileDescriptor peer = listener.accept();
+            int value = 0;
+            m_state = m_socket->readInt(value, 5) == 4 && value == 256 ? m_socket->getSocketState() : -1;
+            m_socket.reset();
+        }
+        m_outcome += ", state " + std::to_string(m_state);
+        const std::string errors = m_errors.text();
+        if (m_state != ASocket::CONNECTED)
+            m_outcome += ", " + errors;
+        std::string received(64, '\0');
+        const ssize_t count = ::recv(m_peer.get(), received.data(), received.size(), MSG_WAITALL);
+        received.resize(static_cast<std::size_t>(std::max(count, ssize_t{0})));
+        EXPECT_EQ(received, std::string("\0\0\0\1a text.", 11).substr(0, received.size()));
+        return m_outcome + ", " + std::to_string(received.size()) + " arrived";
+    }
+    std::vector<Monitor*> monitors() override { return {&m_log.m_monitor}; }
+
+    void readAndWrite()
+    {
+        int value = 0;
+        unsigned char data[14] = {};
+        m_outcome = std::to_string(m_socket->readInt(value, 5)) + " read, ";
+        m_outcome += std::to_string(m_socket->readFully(data, 0, sizeof data, 5)) + " read";
+        m_socket->writeInt(1);
+        *m_socket << "a text";
+        ASocket copy(*m_socket);
+        copy.writeByte('.');
+        m_outcome += ", copy " + std::to_string(copy.getSocketState());
+    }
+
+    const Listener m_listener;
+    CapturedStream m_output{stdout}, m_errors{stderr};
+    ALog m_log{"talk", stdout};
+    std::optional<ASocket> m_socket;
+    FileDescriptor m_peer;
+    int m_state = -1;
+    std::string m_outcome;
+};
+
+TEST(StreamWalkTest, NothingThatHappensToAConnectionLosesADescriptorOrMixesUpBytes)
+{
+    const std::string target = " ip=\"127.0.0.1\" port=[0-9]+\n";
+    const std::string read = "4 read, 14 read, copy ", undisturbed = read + "1, state 1, 11 arrived";
+    const std::string noMemory = "no memory, state 1, 0 arrived|no memory, state 0, , 0 arrived";
+    const std::string cancelled = "cancelled, state 1, [0-9]+ arrived";
+    walkEachCall(
+        {"connection",
+         [] { return std::make_unique<Talk>(); },
+         undisturbed,
+         {
+             {"socket", "Failed to open socket" + target +
+                            ", state 4, Failed to open socket\n: Too many.*\n, 0 arrived"},
+             {"setsockopt", undisturbed},
+             {"malloc", "host info.*\n, state 2, host info not found: Cannot allocate memory\n, 0 arrived|" +
+                            noMemory + "|" + undisturbed},
+             {"new", noMemory},
+             {"connect", "Unable to connect socket" + target +
+                             ", state 2, Unable to.*: Connection refused\n, 0 arrived"},
+             {"poll", undisturbed},
+             {"recv",
+              "(-1|4) read, -1 read, copy 5, state 5, Socket recv failed: Connection reset.*\n, 0 arrived"},
+             {"write",
+              read + "(5, state 5, Socket write failed: Broken pipe\n, [04]|5, state 1, 10) arrived"},
+             // Without a descriptor of the copy.
+             {"fcntl", read + "5, state 1, 10 arrived"},
+         },
+         {{"connect", cancelled},
+          {"poll", cancelled},
+          {"recv", cancelled},
+          {"write", cancelled},
+          {"fflush", cancelled},
+          {"fflush_unlocked", cancelled}}});
+}
+
+} // namespace
