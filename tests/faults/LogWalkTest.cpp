@@ -145,6 +145,11 @@ const Row s_rows[] = {
      CanFail | IsShared},
 };
 
+void PrintTo(const Row& row, std::ostream* stream)
+{
+    *stream << row.name;
+}
+
 struct LogWalkTest : testing::TestWithParam<Row> {};
 
 TEST_P(LogWalkTest, NothingThatHappensToALineStopsTheNext)
