@@ -126,7 +126,8 @@ std::vector<Intrusion> intrusionsOn(Road& road)
         printToNowhere();
     };
     std::vector<Intrusion> all = road.intrusions();
-#ifndef __SANITIZE_THREAD__ // which leaves a lock of its own to the child of a program with threads
+#if !defined(__SANITIZE_THREAD__) &&                                                                         \
+    !defined(__SANITIZE_ADDRESS__) // which leave locks of their own to the child
     all.push_back({{printInChild}});
 #endif
     all.push_back({{[] { std::fflush(nullptr); }, printInOtherZone}});
