@@ -110,6 +110,8 @@ void printCount(Lines& lines)
     lines.m_trace.TraceLog(0, "seven %n\n", &lines.m_count);
 }
 
+void buffer(Lines& lines, const char* format, ...) GORV_PRINTF(2, 3);
+
 void buffer(Lines& lines, const char* format, ...)
 {
     va_list args;
