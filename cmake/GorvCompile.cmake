@@ -59,6 +59,11 @@ function(gorv_library_options target)
             target_link_options(${target} PRIVATE LINKER:--fix-cortex-a53-843419=adr)
         endif()
     endif()
+    if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+        # It holds these for functions that nothing leaves, and a thread that is cancelled in one ended the process.
+        list(APPEND lean -fno-builtin-fflush -fno-builtin-fputs -fno-builtin-fwrite -fno-builtin-printf -fno-builtin-puts
+            -fno-builtin-perror)
+    endif()
     list(APPEND lean $<$<CONFIG:Release>:-Os>)
     target_compile_options(${target} PRIVATE ${lean})
     target_link_options(${target} PRIVATE ${lean}) # link-time optimisation asks again
