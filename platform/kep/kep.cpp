@@ -1,7 +1,10 @@
 #include "kep.h"
+#include "Store.h"
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -22,10 +25,51 @@ constexpr int kBadArgument = -3;
 template <typename Entry>
 using ByName = std::map<std::string, Entry, std::less<>>;
 
-std::mutex s_lock; // guards all that follows
-ByName<std::variant<std::string, int, bool>> s_properties;
+enum class State {
+    Unknown,
+    Ready,
+    Refused // there is a store, and it can't be had
+};
+
+std::mutex
+    s_writing; // held while a property is written, which may take the time of a disk; taken before s_lock
+std::atomic<State> s_state = State::Unknown;
+Store* s_store = nullptr; // null: nothing is kept; stays when the process ends, as a thread may be writing
+
+std::mutex s_lock; // guards all that follows; the properties change while both are held
+Properties s_properties;
 ByName<kep_function*> s_functions;
 std::set<std::string, std::less<>> s_events;
+
+/// Load what the environment says is kept. The caller holds the lock for writing.
+bool load(const char* path)
+{
+    try {
+        auto store = std::make_unique<Store>();
+        Properties properties;
+        if (!store->open(path, properties))
+            return false;
+        s_store = store.release();
+        const std::lock_guard guard(s_lock);
+        s_properties.swap(properties);
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+/// Whether there are properties: the first caller gets them. Who attaches tries again after a refusal.
+bool isReady(bool again = false)
+{
+    const auto isSettled = [&] { return s_state == State::Ready || (s_state == State::Refused && !again); };
+    if (!isSettled()) {
+        const std::lock_guard writing(s_writing);
+        const char* path = std::getenv("KEP_STORE");
+        if (!isSettled())
+            s_state = path == nullptr || *path == '\0' || load(path) ? State::Ready : State::Refused;
+    }
+    return s_state == State::Ready;
+}
 
 /// The value of a property, or null when it has none of this type. The caller holds the lock.
 template <typename T>
@@ -38,6 +82,8 @@ const T* findProperty(const char* name)
 template <typename T>
 int getProperty(const char* name, T* value)
 {
+    if (!isReady())
+        return kFailed;
     const std::lock_guard guard(s_lock);
     const T* stored = findProperty<T>(name);
     if (stored == nullptr || value == nullptr)
@@ -49,6 +95,8 @@ int getProperty(const char* name, T* value)
 /// The work of both string reads: a host may replace one of them and must not get the other.
 int readString(const char* name, char* buffer, int* size)
 {
+    if (!isReady())
+        return kNoValue;
     const std::lock_guard guard(s_lock);
     const auto* value = findProperty<std::string>(name);
     if (value == nullptr || size == nullptr)
@@ -75,18 +123,39 @@ bool applied(Change change)
     }
 }
 
+/// Whether the property is kept and then changed. The caller holds the lock for writing.
+bool changed(const std::string& name, const Value& value)
+{
+    const auto entry = s_properties.find(name);
+    if (entry != s_properties.end() && entry->second == value)
+        return true;
+    Properties change{{name, value}}; // what may run out of memory, before the value is kept
+    if (s_store != nullptr && !s_store->put(name, value))
+        return false;
+    const std::lock_guard guard(s_lock);
+    s_properties.erase(name);
+    s_properties.merge(change);
+    return true;
+}
+
 template <typename T, typename Source>
 int setProperty(const char* name, Source value)
 {
-    const auto change = [&] { s_properties.insert_or_assign(name, T(value)); };
-    return name != nullptr && applied(change) ? kDone : kFailed;
+    if (name == nullptr || !isReady())
+        return kFailed;
+    try {
+        const std::lock_guard writing(s_writing);
+        return changed(name, Value(T(value))) ? kDone : kFailed;
+    } catch (const std::bad_alloc&) {
+        return kFailed;
+    }
 }
 
 } // namespace
 
 int kep_init(const char* name, int64_t /*id*/, int /*flag*/)
 {
-    return name != nullptr ? kDone : kFailed;
+    return name != nullptr && isReady(true) ? kDone : kFailed;
 }
 
 int kep_event_register(const char* event)
