@@ -13,6 +13,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 
 namespace {
@@ -31,8 +32,7 @@ enum class State {
     Refused // there is a store, and it can't be had
 };
 
-std::mutex
-    s_writing; // held while a property is written, which may take the time of a disk; taken before s_lock
+std::mutex s_writing; // held while a property is written, which may take the time of a disk; before s_lock
 std::atomic<State> s_state = State::Unknown;
 Store* s_store = nullptr; // null: nothing is kept; stays when the process ends, as a thread may be writing
 
@@ -124,13 +124,14 @@ bool applied(Change change)
 }
 
 /// Whether the property is kept and then changed. The caller holds the lock for writing.
-bool changed(const std::string& name, const Value& value)
+bool changed(const std::string& name, Value value)
 {
     const auto entry = s_properties.find(name);
     if (entry != s_properties.end() && entry->second == value)
         return true;
-    Properties change{{name, value}}; // what may run out of memory, before the value is kept
-    if (s_store != nullptr && !s_store->put(name, value))
+    Properties change; // what may run out of memory, before the value is kept
+    const Value& kept = change.emplace(name, std::move(value)).first->second;
+    if (s_store != nullptr && !s_store->put(name, kept))
         return false;
     const std::lock_guard guard(s_lock);
     s_properties.erase(name);

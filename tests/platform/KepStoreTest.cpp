@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <kep.h>
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 
@@ -89,6 +90,8 @@ TEST_F(KepStoreTest, KillLeavesTheOldOrTheNewValue)
             return false;
         });
         ::usleep(static_cast<useconds_t>(round * round * 300)); // at first while the file is made
+        pollfd told{pipe[0], POLLIN, 0};
+        ::poll(&told, 1, round < 10 ? 0 : 60'000);
         ::kill(writer, SIGKILL);
         ::waitpid(writer, nullptr, 0);
         for (int i = 0; ::read(pipe[0], &i, sizeof i) == sizeof i;)
