@@ -2,48 +2,19 @@
 
 #include "Protocol.h"
 
-#include <cstdio>
-#include <fcntl.h>
 #include <openssl/crypto.h>
-#include <unistd.h>
 
 namespace {
 
+constexpr unsigned int kConnectSeconds = 10;
 constexpr unsigned int kAnswerSeconds = 60;
-
-/// Sends standard output to standard error for one scope.
-class OutputAside {
-public:
-    OutputAside()
-    {
-        std::fflush(stdout);
-        m_saved = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
-        m_isAside = m_saved >= 0 && ::dup2(STDERR_FILENO, STDOUT_FILENO) >= 0;
-    }
-    ~OutputAside()
-    {
-        std::fflush(stdout);
-        if (m_isAside && ::dup2(m_saved, STDOUT_FILENO) < 0)
-            std::perror("console: standard output is lost");
-        ::close(m_saved);
-    }
-    OutputAside(const OutputAside&) = delete;
-    OutputAside& operator=(const OutputAside&) = delete;
-
-private:
-    int m_saved;
-    bool m_isAside;
-};
 
 } // namespace
 
 Client::Answer Client::ask(short operation, const std::vector<std::string_view>& fields)
 {
-    if (!m_socket.isOpen()) {
-        const OutputAside aside; // the socket reports its progress; a script reads answers only
-        m_socket.setSilent(true);
-        m_socket.createIPSocket(m_host.c_str(), m_port);
-    }
+    if (!m_socket.isOpen())
+        m_socket.connectTo(m_host.c_str(), m_port, kConnectSeconds);
     std::string bytes = protocol::joinFields(fields);
     std::string frame = protocol::frame(operation, bytes);
     m_socket.write(reinterpret_cast<const unsigned char*>(frame.data()), static_cast<int>(frame.size()));

@@ -102,7 +102,8 @@ void disarm(std::string& text)
 /// What the user typed, command by command.
 class Console {
 public:
-    explicit Console(Client& client) : m_client(client) {}
+    /// A script ends with the first login that fails.
+    Console(Client& client, bool isScript) : m_client(client), m_isScript(isScript) {}
 
     bool isOver() const { return m_over; }
     bool hasFailed() const { return m_failed; }
@@ -116,6 +117,7 @@ public:
         else
             complain("no password");
         OPENSSL_cleanse(password.data(), password.size());
+        m_over = m_over || (m_isScript && m_failed);
     }
 
     void complain(const char* what)
@@ -184,11 +186,11 @@ private:
         disarm(answer.text);
         std::fprintf(stream, "%s%s%s", done ? "" : "console: ", answer.text.c_str(),
                      answer.text.ends_with('\n') ? "" : "\n");
-        std::fflush(stream);
-        m_failed = m_failed || !done;
+        m_failed = std::fflush(stream) != 0 || m_failed || !done;
     }
 
     Client& m_client;
+    const bool m_isScript;
     bool m_over = false;
     bool m_failed = false;
     bool m_connected = true;
@@ -227,7 +229,7 @@ void runDialogue(Console& console)
 int talk(const char* host, int port, const char* user, const char* script)
 {
     Client client(host, port);
-    Console console(client);
+    Console console(client, script != nullptr || !isInteractive());
     if (user != nullptr)
         console.logIn(user);
     if (script != nullptr)
@@ -245,7 +247,8 @@ int main(int argc, char** argv)
 {
     CommandLine line(argc, argv);
     int port = 0;
-    if (!line.getInt("port", 1, 65535, port) || port == 0) {
+    if (line.getUnknown({"port", "host", "user", "c"}) != nullptr || !line.getInt("port", 1, 65535, port) ||
+        port == 0) {
         std::fputs("usage: console -port N [-host H] [-user NAME] [-c 'COMMAND; COMMAND ...']\n", stderr);
         return WrongUsage;
     }
@@ -253,7 +256,8 @@ int main(int argc, char** argv)
     std::setvbuf(stdin, nullptr, _IONBF, 0); // a password must not stay in the stream's buffer
     try {
         return talk(line.getArg("host", "127.0.0.1"), port, line.getArg("user"), line.getArg("c"));
-    } catch (const GorvSocketException&) {
-        return NoConnection; // the socket has said why
+    } catch (const GorvSocketException& failure) {
+        std::fprintf(stderr, "console: %s", failure.getMessage().c_str());
+        return NoConnection;
     }
 }
