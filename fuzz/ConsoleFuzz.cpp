@@ -21,11 +21,15 @@ void Admission::leave(int)
 
 Admission::Turn Admission::beginLogin(int, const std::string& user)
 {
-    return {user.size() % 8 != 7, Clock::now()};
+    return {user.size() % 8 != 7,
+            Clock::now() - limits::kRefusalTime + std::chrono::milliseconds(1)}; // a refusal has waited
 }
 
-void Admission::endLogin(int, bool)
-{}
+Allowance* Admission::endLogin(int, Outcome outcome, int)
+{
+    static std::optional<Allowance> s_allowance;
+    return outcome == Outcome::Admitted ? &s_allowance.emplace() : nullptr;
+}
 
 Configuration::Configuration(AComponentLog& parent) : m_parent(parent), m_client("fuzz", 1)
 {}
@@ -37,9 +41,9 @@ std::optional<std::string> Configuration::get(const std::string& name)
     return name;
 }
 
-bool Configuration::set(const std::string&, const std::string&)
+Configuration::Written Configuration::set(const std::string& name, const std::string&, Allowance&)
 {
-    return true;
+    return static_cast<Written>(name.size() % 3);
 }
 
 bool Configuration::raise(std::string, std::string)
@@ -175,7 +179,7 @@ int authenticate(pam_handle_t& handle)
 
 bool isOutcome(short result)
 {
-    return result == protocol::Done || result == protocol::Failed;
+    return result == protocol::Done || result == protocol::Failed || result == protocol::Refused;
 }
 
 /// Compare the frames that the client got with the model, up to where a failing system cut them off.

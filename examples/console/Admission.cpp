@@ -1,19 +1,17 @@
 #include "Admission.h"
 
 #include "AComponentLog.h"
+#include "Protocol.h"
 
 #include <algorithm>
+#include <ctime>
 #include <sys/socket.h>
 
 namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::size_t kStrangers = 128;
-constexpr std::size_t kLogins = 16; // at a time
-constexpr std::size_t kUsers = 352; // so that the server has room for all of these
-constexpr auto kPace = 1s;          // between two logins that are refused,
-constexpr int kUnhurried = 10;      // after so many
+constexpr auto kTurnedAwayTime = 1s;
 constexpr auto kReportPeriod = 10s;
 constexpr std::size_t kSourcesNamed = 4;
 constexpr std::size_t kNameShown = 40;
@@ -24,13 +22,19 @@ std::string oneAddress(const std::string& address)
     return address.starts_with("127.") ? "127.0.0.1" : address;
 }
 
-/// A stranger chose the name: it must not look like another part of the line.
-std::string quoted(const std::string& name)
+/// A stranger chose the name.
+std::string inWords(const std::string& user)
 {
-    std::string text = name.substr(0, kNameShown);
-    std::replace_if(
-        text.begin(), text.end(), [](char c) { return c < ' ' || c > '~' || c == '"'; }, '?');
-    return '"' + text + '"';
+    return "as " + protocol::quoted(std::string_view(user).substr(0, kNameShown));
+}
+
+std::string textOf(std::time_t time)
+{
+    std::tm local{};
+    char text[32];
+    const std::size_t length =
+        std::strftime(text, sizeof text, "%m/%d/%Y %H:%M:%S", ::localtime_r(&time, &local));
+    return {text, length};
 }
 
 } // namespace
@@ -38,11 +42,11 @@ std::string quoted(const std::string& name)
 void Admission::enter(int connection, const std::string& address)
 {
     const MonitorLock lock = m_monitor.acquireLock();
-    const Guest guest{oneAddress(address), {}};
+    const Guest guest{oneAddress(address)};
     const auto all = guests(Phase::Stranger), ofAddress = guests(Phase::Stranger, guest.address);
-    if (ofAddress.size() >= kStrangers / 2)
+    if (ofAddress.size() >= limits::kStrangers / 2)
         hangUpOneOf(ofAddress);
-    else if (all.size() >= kStrangers)
+    else if (all.size() >= limits::kStrangers)
         hangUpOneOf(all);
     m_guests.insert_or_assign(connection, guest);
 }
@@ -55,42 +59,67 @@ void Admission::leave(int connection)
         return;
     if (guest->second.phase == Phase::Trying) // it has gone before its turn
         settle(guest->second, false);
-    if (guest->second.phase == Phase::User)
+    if (guest->second.phase == Phase::User) {
+        m_allowances.at(guest->second.user).leaveSession();
         --s_users;
-    else
+    } else {
         ++m_left;
+    }
     m_guests.erase(guest);
 }
 
 Admission::Turn Admission::beginLogin(int connection, const std::string& user)
 {
     const MonitorLock lock = m_monitor.acquireLock();
-    const auto now = Clock::now();
     const auto guest = m_guests.find(connection);
-    const std::size_t trying = guests(Phase::Trying).size();
-    if (guest == m_guests.end() || trying >= kLogins || s_users + trying >= kUsers ||
-        guests(Phase::Trying, guest->second.address).size() >= kLogins / 2) {
+    if (guest == m_guests.end() || !hasPlaceFor(guest->second, user)) {
         ++m_turnedAway;
-        return {false, now + kPace};
+        return {false, Clock::now() + kTurnedAwayTime};
     }
-    guest->second.sources = {"from " + guest->second.address, "as " + quoted(user)};
-    auto turn = now;
+    guest->second.user = user;
+    const auto allowance = m_allowances.find(user);
+    auto turn = allowance != m_allowances.end() ? allowance->second.nextDeed() : Clock::now();
     for (const std::string& name : guest->second.sources) {
-        Source& source = m_sources[name];
-        turn = std::max(turn, source.due - kUnhurried * kPace);
-        source.due = std::max(source.due, now) + kPace; // taken back unless the login is refused
+        Pace& pace = m_sources[name].pace;
+        turn = std::max(turn, pace.next());
+        pace.take(); // given back unless the login is refused
     }
     guest->second.phase = Phase::Trying;
     return {true, turn};
 }
 
-void Admission::endLogin(int connection, bool succeeded)
+Allowance* Admission::endLogin(int connection, Outcome outcome, int session)
 {
     const MonitorLock lock = m_monitor.acquireLock();
     Guest& guest = m_guests.at(connection);
-    guest.phase = succeeded ? Phase::User : Phase::Stranger;
-    s_users += succeeded ? 1 : 0;
-    settle(guest, !succeeded);
+    guest.phase = Phase::Stranger;
+    if (outcome != Outcome::Unknown) // else it keeps what it took, and nobody is blamed
+        settle(guest, outcome == Outcome::Refused);
+    return outcome == Outcome::Admitted ? admit(guest, session) : nullptr;
+}
+
+void Admission::listUsers()
+{
+    const MonitorLock lock = m_monitor.acquireLock();
+    m_log.print(" %d connections of users\n", users());
+    for (const int connection : guests(Phase::User)) {
+        const Guest& guest = m_guests.at(connection);
+        m_log.print(" session %d: %s from %s since %s\n", guest.session, protocol::quoted(guest.user).c_str(),
+                    guest.address.c_str(), textOf(guest.since).c_str());
+    }
+    m_log.flush();
+}
+
+void Admission::endSession(int session)
+{
+    const MonitorLock lock = m_monitor.acquireLock();
+    int ended = 0;
+    for (const int connection : guests(Phase::User)) {
+        if (m_guests.at(connection).session == session)
+            ended += ::shutdown(connection, SHUT_RDWR) == 0 ? 1 : 0;
+    }
+    m_log.print(" session %d: %s\n", session, ended > 0 ? "ended from outside" : "there is none");
+    m_log.flush();
 }
 
 void Admission::report(bool atOnce)
@@ -107,7 +136,10 @@ void Admission::report(bool atOnce)
         m_log.flush();
     }
     m_left = m_gaveWay = m_turnedAway = 0;
-    std::erase_if(m_sources, [now](const auto& entry) { return entry.second.due <= now; });
+    std::erase_if(m_sources, [now](const auto& entry) {
+        return entry.second.pace.isUnused() && entry.second.knownUntil <= now;
+    });
+    std::erase_if(m_allowances, [](const auto& entry) { return entry.second.isUnused(); });
     for (auto& [name, source] : m_sources)
         source.refusals = 0;
 }
@@ -123,6 +155,25 @@ std::vector<int> Admission::guests(Phase phase, const std::string& address) cons
     return found;
 }
 
+/// Also chooses what the login counts under.
+bool Admission::hasPlaceFor(Guest& guest, const std::string& user) const
+{
+    const std::string asUser = inWords(user), from = "from " + guest.address;
+    const auto known = m_sources.find(asUser + ' ' + from);
+    const bool isKnown = known != m_sources.end() && known->second.knownUntil > Clock::now();
+    guest.sources = isKnown ? Sources{known->first} : Sources{from, asUser};
+    std::size_t trying = 0, alike = 0, unknown = 0;
+    for (const int other : guests(Phase::Trying)) {
+        const Sources& sources = m_guests.at(other).sources;
+        ++trying;
+        unknown += sources.size() > 1 ? 1 : 0;
+        alike += sources[0] == guest.sources[0] ? 1 : 0;
+    }
+    const bool hasPlace =
+        isKnown ? alike < limits::kKnownLogins : alike < limits::kLogins / 2 && unknown < limits::kLogins;
+    return hasPlace && s_users + trying < limits::kUsers;
+}
+
 /// Allocates nothing for a guest who leaves.
 void Admission::settle(const Guest& guest, bool refused)
 {
@@ -130,8 +181,25 @@ void Admission::settle(const Guest& guest, bool refused)
         if (refused)
             ++m_sources[name].refusals;
         else if (const auto source = m_sources.find(name); source != m_sources.end())
-            source->second.due -= kPace;
+            source->second.pace.giveBack();
     }
+}
+
+/// Returns null when the user has no session left.
+Allowance* Admission::admit(Guest& guest, int session)
+{
+    Allowance& allowance = m_allowances[guest.user];
+    allowance.takeDeed();
+    if (!allowance.takeSession()) {
+        ++m_turnedAway;
+        return nullptr;
+    }
+    m_sources[inWords(guest.user) + " from " + guest.address].knownUntil = Clock::now() + limits::kKnownTime;
+    guest.phase = Phase::User;
+    guest.session = session;
+    guest.since = std::time(nullptr);
+    ++s_users;
+    return &allowance;
 }
 
 void Admission::hangUpOneOf(const std::vector<int>& strangers)

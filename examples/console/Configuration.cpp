@@ -28,6 +28,7 @@ Configuration::Configuration(AComponentLog& parent) : m_parent(parent), m_client
     m_client.setLog(m_parent);
     m_client.initialize();
     m_client.registerCallback("console_sessions", &s_countSessions);
+    m_client.getLog().setEnabled(false); // its lines name nobody
 }
 
 Configuration::~Configuration()
@@ -42,10 +43,19 @@ std::optional<std::string> Configuration::get(const std::string& name)
     return m_client.getProperty(name.c_str(), value) ? std::optional(std::move(value)) : std::nullopt;
 }
 
-bool Configuration::set(const std::string& name, const std::string& value)
+Configuration::Written Configuration::set(const std::string& name, const std::string& value,
+                                          Allowance& allowance)
 {
     const MonitorLock lock = m_monitor.acquireLock();
-    return m_client.updateProperty(name.c_str(), value.c_str(), true) >= 0;
+    std::string before;
+    const bool isNew = !m_client.getProperty(name.c_str(), before);
+    if (isNew && !allowance.takeProperty())
+        return Written::NoRoom;
+    if (m_client.updateProperty(name.c_str(), value.c_str(), true) >= 0)
+        return Written::Done;
+    if (isNew)
+        allowance.giveBackProperty();
+    return Written::Failed;
 }
 
 bool Configuration::raise(std::string event, std::string data)
@@ -56,7 +66,6 @@ bool Configuration::raise(std::string event, std::string data)
 
 std::optional<std::string> Configuration::call(const std::string& function, std::string argument)
 {
-    const MonitorLock lock = m_monitor.acquireLock();
     std::string reply(protocol::kMaxBytes, '\0');
     int received = 0;
     const int result =

@@ -8,8 +8,10 @@
 #include <string_view>
 
 class AComponentLog;
+class Allowance;
 
-/// The daemon's one client of the configuration service. Safe from any thread: a monitor guards the client.
+/// The daemon's one client of the configuration service. Safe from any thread: a monitor guards the
+/// client, but for the calls. Says nothing in the log: whoever asks knows for whom.
 class Configuration {
 public:
     /// Attaches to the service and offers the function "console_sessions" to everybody who calls it.
@@ -19,9 +21,11 @@ public:
     Configuration& operator=(const Configuration&) = delete;
 
     std::optional<std::string> get(const std::string& name);
-    /// Returns whether the property has the value afterwards.
-    bool set(const std::string& name, const std::string& value);
+    enum class Written { Done, NoRoom, Failed };
+    /// Make the property have the value. One that wasn't there costs a property of the @p allowance.
+    Written set(const std::string& name, const std::string& value, Allowance& allowance);
     bool raise(std::string event, std::string data);
+    /// Holds up nobody else, however long the function takes.
     std::optional<std::string> call(const std::string& function, std::string argument);
 
 private:

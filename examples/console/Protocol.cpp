@@ -2,6 +2,8 @@
 
 #include "AInteger.h"
 
+#include <algorithm>
+
 namespace protocol {
 
 constexpr std::size_t kLengthSize = 4; // ahead of a field
@@ -64,6 +66,14 @@ std::string joinFields(const std::vector<std::string_view>& fields)
         result.append(field);
     }
     return result;
+}
+
+std::string quoted(std::string_view text)
+{
+    std::string result(text);
+    std::replace_if(
+        result.begin(), result.end(), [](char c) { return c < ' ' || c > '~' || c == '"'; }, '?');
+    return '"' + result + '"';
 }
 
 } // namespace protocol

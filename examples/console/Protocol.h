@@ -56,4 +56,8 @@ std::size_t sizeOf(const std::vector<std::string_view>& fields);
 /// The bytes of a request with these fields.
 std::string joinFields(const std::vector<std::string_view>& fields);
 
+/// How the log and answers show text that somebody else chose: it can't look like another part of the line,
+/// and a terminal finds nothing to obey in it.
+std::string quoted(std::string_view text);
+
 } // namespace protocol

@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr std::size_t kMaxSessions = 512;
 constexpr int kBacklog = 256;
 constexpr int kTickMs = 500;
 
@@ -52,33 +51,51 @@ int Server::listen(int port)
     return ntohs(address.sin_port);
 }
 
-void Server::serve()
+bool Server::serve()
 {
     while (!m_stopRequested) {
-        std::array<pollfd, 2> ends = {{{m_wake.get(), POLLIN, 0}, {m_listener.get(), POLLIN, 0}}};
-        if (::poll(ends.data(), ends.size(), kTickMs) < 0) {
-            if (errno != EINTR)
-                takeBreath();
+        if (!waitForClient(std::chrono::milliseconds(kTickMs)))
             continue;
-        }
-        eventfd_t wakeUps = 0;
-        ::eventfd_read(m_wake.get(), &wakeUps);
-        if (m_reopenRequested.exchange(false))
-            m_services.reopenLogs();
-        m_services.admission.report(false);
-        burySessions();
-        if (ends[1].revents != 0)
-            acceptSome();
+        acceptSome();
     }
     m_listener.reset();
+    return endSessions();
+}
+
+/// Do what was asked for meanwhile. Returns whether there is a client.
+bool Server::waitForClient(std::chrono::milliseconds time)
+{
+    std::array<pollfd, 2> ends = {{{m_wake.get(), POLLIN, 0}, {m_listener.get(), POLLIN, 0}}};
+    if (::poll(ends.data(), ends.size(), static_cast<int>(time.count())) < 0) {
+        if (errno != EINTR)
+            takeBreath();
+        return false;
+    }
+    eventfd_t wakeUps = 0;
+    ::eventfd_read(m_wake.get(), &wakeUps);
+    if (m_reopenRequested.exchange(false))
+        m_services.reopenLogs();
+    if (m_listRequested.exchange(false))
+        m_services.admission.listUsers();
+    if (const int session = m_endRequested.exchange(0); session != 0)
+        m_services.admission.endSession(session);
+    m_services.admission.report(false);
+    burySessions();
+    return ends[1].revents != 0;
+}
+
+/// What a session is in, a PAM step or a remote function, may never come back.
+bool Server::endSessions()
+{
     for (const auto& session : m_sessions) {
         session->stopThread();
         session->hangUp();
     }
-    for (const auto& session : m_sessions)
-        session->join();
-    m_sessions.clear();
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(limits::kStopSeconds);
+    while (!m_sessions.empty() && std::chrono::steady_clock::now() < end)
+        waitForClient(std::chrono::milliseconds(kTickMs));
     m_services.admission.report(true);
+    return m_sessions.empty();
 }
 
 void Server::stop()
@@ -90,6 +107,18 @@ void Server::stop()
 void Server::reopenLogs()
 {
     m_reopenRequested = true;
+    wake();
+}
+
+void Server::listUsers()
+{
+    m_listRequested = true;
+    wake();
+}
+
+void Server::endSession(int session)
+{
+    m_endRequested = session;
     wake();
 }
 
@@ -113,9 +142,9 @@ bool Server::acceptOne()
     socklen_t size = sizeof peer;
     const int descriptor =
         ::accept4(m_listener.get(), reinterpret_cast<sockaddr*>(&peer), &size, SOCK_CLOEXEC);
-    if (descriptor >= 0 && m_sessions.size() >= kMaxSessions)
+    if (descriptor >= 0 && m_sessions.size() >= limits::kConnections)
         burySessions();
-    if (descriptor >= 0 && m_sessions.size() < kMaxSessions) {
+    if (descriptor >= 0 && m_sessions.size() < limits::kConnections) {
         beginSession(Descriptor(descriptor), peer);
     } else if (descriptor >= 0) {
         refuse(descriptor);

@@ -16,15 +16,22 @@ public:
 
     /// Listen on @p port of 127.0.0.1; 0 takes a free one. Returns the port, or -1.
     int listen(int port);
-    /// Serve until stop(), then end every session.
-    void serve();
+    /// Serve until stop(), then end every session. Returns false when one didn't end in time: it runs on, and
+    /// this object must stay.
+    bool serve();
 
     /// Make serve() return. Async-signal-safe.
     void stop();
     /// Make serve() reopen the logs. Async-signal-safe.
     void reopenLogs();
+    /// Make serve() tell the log who is in. Async-signal-safe.
+    void listUsers();
+    /// Make serve() end the session of that number. Async-signal-safe.
+    void endSession(int session);
 
 private:
+    bool waitForClient(std::chrono::milliseconds time);
+    bool endSessions();
     void wake();
     void acceptSome();
     bool acceptOne();
@@ -40,4 +47,6 @@ private:
     std::list<std::unique_ptr<Session>> m_sessions;
     std::atomic<bool> m_stopRequested = false;
     std::atomic<bool> m_reopenRequested = false;
+    std::atomic<bool> m_listRequested = false;
+    std::atomic<int> m_endRequested = 0;
 };

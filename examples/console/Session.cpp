@@ -8,14 +8,15 @@
 #include <cerrno>
 #include <cstdarg>
 #include <exception>
+#include <fcntl.h>
 #include <openssl/crypto.h>
 #include <poll.h>
 #include <sys/socket.h>
 
 namespace {
 
-constexpr int kMaxRefusals = 3;
-constexpr std::size_t kMaxLine = 512;
+constexpr std::size_t kMaxLine = 640; // two names, and what is said about them
+constexpr int kSpareDescriptors = 8;  // what a PAM step may need
 constexpr std::size_t kMaxName = 255;
 constexpr auto kBeginTime =
     std::chrono::seconds(5); // a thread that has not begun by then could not be created
@@ -49,6 +50,21 @@ bool areSane(const std::vector<std::string_view>& fields)
                         [](std::string_view field) { return field.find('\0') != std::string_view::npos; }) &&
            (fields.empty() ||
             (fields[0].size() <= kMaxName && std::none_of(fields[0].begin(), fields[0].end(), isControl)));
+}
+
+/// Without descriptors modules fail as if the password were wrong.
+bool areDescriptorsLeft(int any)
+{
+    std::array<Descriptor, kSpareDescriptors> spare;
+    for (Descriptor& descriptor : spare)
+        descriptor.reset(::fcntl(any, F_DUPFD_CLOEXEC, 0));
+    return spare.back().isOpen();
+}
+
+/// Those that the log tells of.
+bool isDeed(short operation)
+{
+    return operation >= protocol::Set && operation <= protocol::Run;
 }
 
 /// Wipes what may have held a password at the end of the scope.
@@ -91,7 +107,8 @@ void Session::run()
         print("failed: %s", failure.what());
     }
     if (m_login != nullptr)
-        print("connection ended, state %d", m_socket.getSocketState());
+        print("connection of %s ended, state %d", protocol::quoted(m_login->getUser()).c_str(),
+              m_socket.getSocketState());
     m_login.reset(); // a client that vanished leaves no session behind
     hangUp();
     m_finished = true;
@@ -120,7 +137,7 @@ void Session::expectClient()
     const int idle = m_services.idleSeconds;
     m_deadline = m_login != nullptr
                      ? Clock::now() + std::chrono::seconds(idle)
-                     : m_connected + std::chrono::seconds(std::min(idle, Admission::kStrangerSeconds));
+                     : m_connected + std::chrono::seconds(std::min(idle, limits::kStrangerSeconds));
 }
 
 /// Returns whether the connection goes on.
@@ -176,7 +193,9 @@ Session::Answer Session::serve(short operation, std::string_view bytes)
 
 Session::Answer Session::dispatch(short operation, const Fields& fields)
 {
-    if (gTrace != nullptr && m_login != nullptr)
+    if (isDeed(operation) && !wait(0, m_allowance->takeDeed()))
+        return {protocol::Failed, "the connection has ended", false};
+    if (gTrace != nullptr && isDeed(operation))
         gTrace->TraceLog(3, "%s: operation %d\n", m_label.c_str(), operation);
     switch (operation) {
     case protocol::Login:
@@ -190,7 +209,7 @@ Session::Answer Session::dispatch(short operation, const Fields& fields)
     case protocol::Event:
         return print("raises", fields[0], raise(fields[0], fields[1]));
     case protocol::Call:
-        return call(fields[0], fields[1]);
+        return print("calls", fields[0], call(fields[0], fields[1]));
     case protocol::Run:
         return print("runs", fields[0], run(fields[0]));
     default:
@@ -202,35 +221,57 @@ Session::Answer Session::logIn(std::string_view user, std::string_view password)
 {
     if (m_login != nullptr)
         return {protocol::BadRequest, "logged in already"};
-    std::string service = m_services.pamService;
-    std::string name(user);
-    std::string secret(password);
-    const WipeAtExit wipe(secret.data(), secret.size());
+    const std::string name(user);
     const auto turn = m_services.admission.beginLogin(m_socket.getDescriptor(), name);
     if (!wait(0, turn.time))
         return {protocol::Failed, "the connection has ended", false};
     if (!turn.isGranted)
-        return {protocol::Busy, "no room for another login", ++m_refusals < kMaxRefusals};
-    bool skipAuth = false;
+        return {protocol::Busy, "no room for another login", ++m_refusals < limits::kRefusals};
     std::unique_ptr<PAMHelper, Dispose> login(new PAMHelper(m_remote.c_str(), m_interface.c_str()));
-    MonitorLock queue = PAMHelper::getMonitor()->acquireLock(); // logins wait here while another is slow
-    if (isStopRequested())
-        return {protocol::Failed, "the daemon is stopping", false};
-    const int status = login->authenticate(service, name, secret, skipAuth);
-    queue.releaseLock();
-    const bool admitted = login->startSession();
-    m_services.admission.endLogin(m_socket.getDescriptor(), admitted);
-    if (!admitted) // nothing tells whether there is such a user
-        return {protocol::Refused, "login refused", ++m_refusals < kMaxRefusals};
-    login->setSessionId(AUtil::generateRandomKey());
-    static std::atomic<int> s_lastSession = 0;
-    if (login->getKEPSessionId() == 0) // no module has numbered it
-        login->setKEPSessionId(++s_lastSession);
+    const Admission::Outcome outcome = check(*login, name, password);
+    m_allowance = m_services.admission.endLogin(m_socket.getDescriptor(), outcome, login->getKEPSessionId());
+    if (outcome != Admission::Outcome::Admitted)
+        return refuse(turn.time, outcome);
+    if (m_allowance == nullptr)
+        return {protocol::Busy, "no room for another session of yours", ++m_refusals < limits::kRefusals};
     m_login = std::move(login);
-    print("%s logged in, session %d", m_login->getUser().c_str(), m_login->getKEPSessionId());
-    if (status == PAM_NEW_AUTHTOK_REQD)
+    print("%s logged in, session %d", protocol::quoted(name).c_str(), m_login->getKEPSessionId());
+    if (m_login->getAuthResult() == PAM_NEW_AUTHTOK_REQD)
         return {protocol::Done, "logged in; the password must be changed"};
     return {protocol::Done, "logged in"};
+}
+
+Admission::Outcome Session::check(PAMHelper& login, std::string name, std::string_view password)
+{
+    std::string service = m_services.pamService;
+    std::string secret(password);
+    const WipeAtExit wipe(secret.data(), secret.size());
+    bool skipAuth = false;
+    MonitorLock queue = PAMHelper::getMonitor()->acquireLock(); // logins wait here while another is slow
+    if (isStopRequested() || !areDescriptorsLeft(m_socket.getDescriptor()))
+        return Admission::Outcome::Unknown;
+    login.authenticate(service, name, secret, skipAuth);
+    queue.releaseLock();
+    if (!login.startSession())
+        return areDescriptorsLeft(m_socket.getDescriptor()) ? Admission::Outcome::Refused
+                                                            : Admission::Outcome::Unknown;
+    login.setSessionId(AUtil::generateRandomKey());
+    static std::atomic<int> s_lastSession = 0;
+    if (login.getKEPSessionId() == 0) // no module has numbered it
+        login.setKEPSessionId(++s_lastSession);
+    return Admission::Outcome::Admitted;
+}
+
+/// Nothing tells whether there is such a user, not even the time that the modules took.
+Session::Answer Session::refuse(Clock::time_point turn, Admission::Outcome outcome)
+{
+    const auto taken = (Clock::now() - turn) / limits::kRefusalTime; // more than none while others are slow
+    if (!wait(0, turn + (taken + 1) * limits::kRefusalTime))
+        return {protocol::Failed, "the connection has ended", false};
+    const bool goesOn = ++m_refusals < limits::kRefusals;
+    if (outcome == Admission::Outcome::Unknown)
+        return {protocol::Busy, "no login is possible at present", goesOn};
+    return {protocol::Refused, "login refused", goesOn};
 }
 
 /// Wait till then, or only for these events. Returns whether the connection is as it was: the socket
@@ -264,9 +305,14 @@ Session::Answer Session::get(std::string_view name)
 
 Session::Answer Session::set(std::string_view name, std::string_view value)
 {
-    if (!m_services.configuration.set(std::string(name), std::string(value)))
+    switch (m_services.configuration.set(std::string(name), std::string(value), *m_allowance)) {
+    case Configuration::Written::Done:
+        return {protocol::Done, "set"};
+    case Configuration::Written::NoRoom:
+        return {protocol::Refused, "no room for another property"};
+    default:
         return {protocol::Failed, "the property could not be set"};
-    return {protocol::Done, "set"};
+    }
 }
 
 Session::Answer Session::raise(std::string_view event, std::string_view data)
@@ -301,7 +347,7 @@ Session::Answer Session::run(std::string_view program)
 
 Session::Answer Session::logOut()
 {
-    print("%s logs out", m_login->getUser().c_str());
+    print("%s logs out", protocol::quoted(m_login->getUser()).c_str());
     m_login.reset();
     return {protocol::Done, "logged out", false};
 }
@@ -309,7 +355,7 @@ Session::Answer Session::logOut()
 /// What the user does to the machine.
 Session::Answer Session::print(const char* verb, std::string_view name, Answer answer)
 {
-    print("%s %s %.*s: %s", m_login->getUser().c_str(), verb, static_cast<int>(name.size()), name.data(),
+    print("%s %s %s: %s", protocol::quoted(m_login->getUser()).c_str(), verb, protocol::quoted(name).c_str(),
           answer.result == protocol::Done ? "done" : answer.text.c_str());
     return answer;
 }

@@ -70,6 +70,8 @@ private:
     Answer dispatch(short operation, const Fields& fields);
 
     Answer logIn(std::string_view user, std::string_view password);
+    Admission::Outcome check(PAMHelper& login, std::string name, std::string_view password);
+    Answer refuse(Clock::time_point turn, Admission::Outcome outcome);
     Answer who();
     Answer get(std::string_view name);
     Answer set(std::string_view name, std::string_view value);
@@ -90,6 +92,7 @@ private:
     const Clock::time_point m_connected = Clock::now();
     AComponentLog m_log;
     std::unique_ptr<PAMHelper, Dispose> m_login;
+    Allowance* m_allowance = nullptr; // while there is a login
     int m_refusals = 0;
     std::array<unsigned char, protocol::kMaxBytes> m_bytes{};
     std::atomic<Clock::time_point> m_deadline;

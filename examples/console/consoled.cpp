@@ -1,29 +1,27 @@
 // The console daemon: lets users of a PAM service log in over loopback, read and write configuration
 // properties, raise events, call remote functions and run a few programs.
 //
-//   consoled -port N -service S [-log FILE] [-trace FILE -level N] [-confdir DIR] [-idle SECONDS]
-//
-// Port 0 takes a free one; the port is printed. -confdir names the folder of PAM service files to use instead
-// of /etc/pam.d. SIGTERM ends every session and then the daemon; SIGHUP reopens the log and the trace. Exit
-// status: 0, 1 failed to start, 2 wrong usage.
+// consoled -help tells its options, signals, limits and exit statuses.
 
 #include "ALog.h"
 #include "ATrace.h"
 #include "CommandLine.h"
 #include "EmbeddedPam.h"
+#include "PamSessions.h"
 #include "Server.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
+#include <fstream>
 #include <sys/stat.h>
 #include <system_error>
 
 namespace {
-
-constexpr int kDefaultIdleSeconds = 300;
-constexpr int kProgramSeconds = 20;
 
 const std::vector<Programs::Program> kPrograms = {
     {"date", {"/bin/date", "-u"}},
@@ -32,11 +30,61 @@ const std::vector<Programs::Program> kPrograms = {
     {"disk", {"/bin/df", "-h", "/"}},
 };
 
-Server* s_server = nullptr;
+constexpr const char* kHelp =
+    "usage: consoled -port N -service S [-log FILE] [-trace FILE -level N] [-confdir DIR] [-idle SECONDS]\n"
+    "  -port N        listen on 127.0.0.1; 0 takes a free port, which is printed\n"
+    "  -service S     the PAM service, whose file must be there\n"
+    "  -confdir DIR   where the service files are; else /etc/pam.d\n"
+    "  -log FILE      else standard error\n"
+    "  -trace FILE    with a level from 0 to 9; else none\n"
+    "  -idle SECONDS  how long a user may ask for nothing, 1 to 86400; else %d\n"
+    "SIGTERM and SIGINT end it, SIGHUP reopens log and trace, SIGUSR1 lists the users in the log, and\n"
+    "SIGUSR2 ends a session: kill -s USR2 -q NUMBER PID.\n"
+    "Exit status: 0 stopped, 1 not started or ended by exit() of a module, 2 wrong usage.\n"
+    "Limits: %zu connections, %zu of users, %d of one user; %zu without a login, each for %d s, half of "
+    "them\n"
+    "of one address. A user makes %d properties, all users %d, and does what is logged %d times at once, "
+    "then\n"
+    "%d times a second. A program has %d s, a stop %d s. A request or an answer has %zu bytes.\n"
+    "Programs:";
 
-void obey(int signal)
+Server* s_server = nullptr;
+AComponentLog* s_log = nullptr; // while nothing may end the program but main
+
+void obey(int signal, siginfo_t* info, void*)
 {
-    signal == SIGHUP ? s_server->reopenLogs() : s_server->stop();
+    switch (signal) {
+    case SIGHUP:
+        return s_server->reopenLogs();
+    case SIGUSR1:
+        return s_server->listUsers();
+    case SIGUSR2:
+        return s_server->endSession(info->si_code == SI_QUEUE ? info->si_value.sival_int : -1);
+    default:
+        return s_server->stop();
+    }
+}
+
+/// Some module has called exit(): its status, and the end of our objects under their threads, would hide it.
+void refuseToExit()
+{
+    if (s_log == nullptr)
+        return;
+    s_log->print(" ended by exit() of a module or a library\n");
+    s_log->flush();
+    std::_Exit(1);
+}
+
+int showHelp()
+{
+    using namespace limits;
+    std::printf(kHelp, kIdleSeconds, kConnections, kUsers, kUserSessions, kStrangers, kStrangerSeconds,
+                kUserProperties, kProperties, kDeedsAtOnce,
+                static_cast<int>(std::chrono::seconds(1) / kDeedPace), kProgramSeconds, kStopSeconds,
+                protocol::kMaxBytes);
+    for (const Programs::Program& program : kPrograms)
+        std::printf(" %s", program.name.c_str());
+    return std::puts("") < 0 || std::fflush(stdout) != 0 ? 1 : 0;
 }
 
 struct Options {
@@ -46,7 +94,7 @@ struct Options {
     const char* trace = nullptr;
     int level = 1;
     const char* confdir = nullptr;
-    int idleSeconds = kDefaultIdleSeconds;
+    int idleSeconds = limits::kIdleSeconds;
 };
 
 bool parse(int argc, char** argv, Options& options)
@@ -56,6 +104,11 @@ bool parse(int argc, char** argv, Options& options)
     options.log = line.getArg("log");
     options.trace = line.getArg("trace");
     options.confdir = line.getArg("confdir");
+    if (const char* unknown =
+            line.getUnknown({"port", "service", "log", "trace", "level", "confdir", "idle", "help"})) {
+        std::fprintf(stderr, "consoled: no option is -%s\n", unknown);
+        return false;
+    }
     return line.getInt("port", 0, 65535, options.port) && line.getInt("level", 0, 9, options.level) &&
            line.getInt("idle", 1, 86'400, options.idleSeconds) && options.port >= 0 &&
            options.service != nullptr;
@@ -73,6 +126,14 @@ void neverBlock(int stream)
     const Descriptor own(::open(path.c_str(), access | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!own.isOpen() || ::dup2(own.get(), stream) < 0) // a socket
         ::fcntl(stream, F_SETFL, ::fcntl(stream, F_GETFL) | O_NONBLOCK);
+}
+
+/// What the library and PAM modules say there names nobody, and users can make them say much.
+void divertOutput()
+{
+    const Descriptor nowhere(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+    if (!nowhere.isOpen() || ::dup2(nowhere.get(), STDOUT_FILENO) < 0)
+        std::perror("consoled: standard output stays");
 }
 
 /// Before there is any other thread, those of the service library included.
@@ -94,15 +155,31 @@ void setUpProcess()
     std::signal(SIGPIPE, SIG_IGN); // a vanished client is a failed write, not the end of the daemon
 }
 
-void handleSignals(void (*handler)(int))
+void handleSignals(void (*handler)(int, siginfo_t*, void*))
 {
-    for (const int signal : {SIGTERM, SIGINT, SIGHUP})
-        std::signal(signal, handler);
+    struct sigaction action {};
+    action.sa_flags = handler == nullptr ? 0 : SA_SIGINFO | SA_RESTART;
+    if (handler == nullptr)
+        action.sa_handler = SIG_IGN;
+    else
+        action.sa_sigaction = handler;
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGUSR2})
+        ::sigaction(signal, &action, nullptr);
     // Programs waits for its children itself, so no thread may take this one by chance.
     sigset_t childEnded;
     sigemptyset(&childEnded);
     sigaddset(&childEnded, SIGCHLD);
     pthread_sigmask(SIG_SETMASK, &childEnded, nullptr);
+}
+
+/// PAM takes the file of "other" for a service that has none: there it lets in whom nobody has thought of.
+bool hasServiceFile(const Options& options)
+{
+    std::string service = options.service; // PAM reads it in lower case
+    std::transform(service.begin(), service.end(), service.begin(),
+                   [](unsigned char c) { return std::tolower(c); });
+    const std::string folder = options.confdir != nullptr ? options.confdir : "/etc/pam.d";
+    return service.find('/') == std::string::npos && std::ifstream(folder + '/' + service).get() != EOF;
 }
 
 int serve(const Options& options, ALog& log, std::function<void()> reopen)
@@ -112,7 +189,7 @@ int serve(const Options& options, ALog& log, std::function<void()> reopen)
     daemon.addChildLog(sessions);
     Admission admission(sessions);
     Configuration configuration(daemon);
-    Programs programs(kPrograms, kProgramSeconds);
+    Programs programs(kPrograms, limits::kProgramSeconds);
     Services services{options.service, options.idleSeconds, sessions, admission, configuration,
                       programs,        std::move(reopen),   {}};
     Server server(services);
@@ -127,10 +204,19 @@ int serve(const Options& options, ALog& log, std::function<void()> reopen)
     std::fflush(stdout);
     daemon.print(" listening on port %d\n", port);
     daemon.flush();
-    server.serve();
-    handleSignals(SIG_IGN); // the server is about to go
+    divertOutput();
+    s_log = &daemon;
+    const bool hasEnded = server.serve();
+    s_log = nullptr;
+    handleSignals(nullptr); // the server is about to go
+    if (!hasEnded) {
+        daemon.print(" a session hangs in a step\n");
+        closePamSessions();
+    }
     daemon.print(" stopped\n");
     daemon.flush();
+    if (!hasEnded)
+        std::_Exit(0); // beside what hangs nothing may be destroyed
     return 0;
 }
 
@@ -139,12 +225,17 @@ int serve(const Options& options, ALog& log, std::function<void()> reopen)
 int main(int argc, char** argv)
 {
     setUpProcess();
+    std::atexit(refuseToExit);
     Options options;
+    if (CommandLine(argc, argv).hasArg("help"))
+        return showHelp();
     if (!parse(argc, argv, options)) {
-        std::fputs("usage: consoled -port N -service S [-log FILE] [-trace FILE -level N] [-confdir DIR] "
-                   "[-idle SECONDS]\n",
-                   stderr);
+        std::fputs("consoled: wrong options; see consoled -help\n", stderr);
         return 2;
+    }
+    if (!hasServiceFile(options)) {
+        std::fprintf(stderr, "consoled: PAM has no file for the service %s\n", options.service);
+        return 1;
     }
     useServiceFilesIn(options.confdir);
     ALog log("consoled", stderr);

@@ -1,5 +1,7 @@
 // What strangers, and users who mean no good, can do to the daemon: as much as a number says, and no more.
 
+#include "AComponentLog.h"
+#include "Admission.h"
 #include "Daemon.h"
 #include "Programs.h"
 
@@ -54,7 +56,7 @@ TEST_F(ConsoleTestAttack, SilentConnectionsLeaveRoomAndHardlyALine)
     const int logins = 3000 / kScale;
     int served = 0;
     for (int i = 0; i < logins; ++i)
-        served += Peer(m_port).logIn().result == Done ? 1 : 0;
+        served += Peer(m_port).logIn(userOf(i)).result == Done ? 1 : 0;
     EXPECT_EQ(served, logins);
     EXPECT_LE(count("fd"), 522);
     EXPECT_EQ(stop(), 0);
@@ -85,13 +87,16 @@ TEST_F(ConsoleTestAttack, GuessesAreSlowedDownAndNamed)
 {
     start("-log log");
     const auto begin = Clock::now();
-    std::string logins;
-    for (int i = 0; i < 50; ++i)
-        logins += frame(Login, joinFields({"alice", "looking-glass"})) +
-                  frame(Login, joinFields({"9 \"as \u009bx", "looking-glass"}));
+    const std::string as[] = {frame(Login, joinFields({"alice", "looking-glass"})),
+                              frame(Login, joinFields({"9 \"as \u009bx", "looking-glass"}))};
+    std::string logins[2];
+    for (int i = 0; i < 100; ++i) {
+        logins[0] += as[i % 2];
+        logins[1] += as[(i + 1) % 2];
+    }
     std::vector<Peer> peers;
     for (int i = 0; i < 24; ++i)
-        peers.emplace_back(m_port).send(logins);
+        peers.emplace_back(m_port).send(logins[i % 2]);
     std::this_thread::sleep_for(1500ms);
     EXPECT_EQ(stop(), 0);
     const long seconds = secondsSince(begin), guesses = countIn("record", "authenticate ");
@@ -120,7 +125,7 @@ TEST_F(ConsoleTestAttack, LogIsPrivateAndFollowsNoLinkAndIsReopened)
     ASSERT_TRUE(eventually([&] { return std::filesystem::exists(m_dir.path("trace")); }));
     EXPECT_EQ(Peer(m_port).logIn().result, Done);
     for (const char* file : {"log", "trace"}) {
-        EXPECT_EQ(countIn(file, "alice logged in"), 1) << file;
+        EXPECT_EQ(countIn(file, "\"alice\" logged in"), 1) << file;
         EXPECT_EQ(std::filesystem::status(m_dir.path(file)).permissions(),
                   std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
     }
@@ -153,13 +158,13 @@ TEST_F(ConsoleTestAttack, OutputThatNobodyReadsHoldsUpNothing)
     const std::string pipe = m_dir.path("pipe");
     ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
     const Descriptor reader(::open(pipe.c_str(), O_RDWR | O_CLOEXEC));
+    addToStack("auth optional [" GORV_UNKIND_MODULE "]"); // says more than the pipe takes
     start("-log log", 4096, ">pipe 2>&1");
-    const Peer peer = loggedIn(m_port);
-    int answered = 0;
-    for (int i = 0; i < 400; ++i) // two lines of the library each
-        answered += peer.ask(Call, {std::string(250, 'x'), ""}).result == Failed ? 1 : 0;
-    EXPECT_EQ(answered, 400);
-    EXPECT_EQ(peer.ask(protocol::Run, {"id"}).result, Done);
+    int served = 0;
+    for (int i = 0; i < 300; ++i)
+        served += Peer(m_port).logIn().result == Done ? 1 : 0;
+    EXPECT_EQ(served, 300);
+    EXPECT_EQ(loggedIn(m_port).ask(protocol::Run, {"id"}).result, Done);
 }
 
 TEST_F(ConsoleTestAttack, PasswordIsNowhereAfterTheLogin)
@@ -191,8 +196,172 @@ TEST_F(ConsoleTestAttack, PasswordIsNowhereAfterTheLogin)
         for (const char* file : {"log", "trace", "record", "stderr"})
             EXPECT_EQ(written(file).find(password), std::string::npos) << file;
     }
-    EXPECT_EQ(countIn("log", "bob sets motto: done"), 1);
+    EXPECT_EQ(countIn("log", "\"bob\" sets \"motto\": done"), 1);
     EXPECT_GT(piecesIn(daemon, "motto is no secret, and kept"), 0); // the search works
+}
+
+TEST_F(ConsoleTestAttack, PropertiesOfAUserAndOfAllAreBounded)
+{
+    start();
+    const std::string value(3800, 'v');
+    int made = 0;
+    const int users = std::clamp(40 / kScale, 1, 9); // in the long form one more than there is room for
+    for (int user = 0; user < users; ++user) {
+        const Peer peer = loggedIn(m_port, userOf(user));
+        for (int i = 0; i < limits::kUserProperties + 20; ++i) {
+            const Answer answer = peer.ask(Set, {userOf(user) + "." + std::to_string(i), value});
+            made += answer.result == Done ? 1 : 0;
+            EXPECT_TRUE(answer.result == Done || answer.text == "no room for another property");
+        }
+        EXPECT_EQ(peer.ask(Set, {"user0.0", "changed"}).result, Done);
+    }
+    EXPECT_EQ(made, std::min(users * limits::kUserProperties, limits::kProperties));
+    if (ProcessMemory::canBeSearched() && !isEmulated()) {
+        const std::string status = ofProcess("status");
+        EXPECT_LT(std::stol(status.substr(status.find("VmRSS:") + 6)), 32 * 1024) << made;
+    }
+}
+
+TEST_F(ConsoleTestAttack, FloodOfAUserIsPacedAndEachDeedIsInTheLog)
+{
+    start("-log log -trace trace -level 9");
+    const auto begin = Clock::now();
+    const Peer peers[] = {loggedIn(m_port), loggedIn(m_port), loggedIn(m_port)};
+    std::string flood;
+    for (int i = 0; i < 400; ++i)
+        flood += frame(Set, joinFields({"k", std::to_string(i)})) + frame(Call, joinFields({"no", ""})) +
+                 frame(Get, joinFields({"missing" + std::to_string(i)}));
+    inParallel(3, [&](unsigned i) { peers[i].send(flood); });
+    ASSERT_TRUE(eventually([&] { return countIn("log", "sets \"k\": done\n") > 200; }));
+    std::this_thread::sleep_for(2s);
+    EXPECT_EQ(loggedIn(m_port, "user1").ask(Set, {"root", "x"}).result, Done);
+    EXPECT_EQ(stop(), 0);
+    const long sets = countIn("log", "\"alice\" sets \"k\": done\n"),
+               calls = countIn("log", "\"alice\" calls \"no\": the call failed\n");
+    EXPECT_LE(sets + calls, limits::kDeedsAtOnce + 10 * (1 + secondsSince(begin)));
+    EXPECT_EQ(countIn("log", "\"user1\" sets \"root\": done\n"), 1);
+    EXPECT_LE(countIn("log", "\n"), sets + calls + 15); // and hardly any other line
+    EXPECT_EQ(written("stdout"), "consoled: listening on port " + std::to_string(m_port) + "\n");
+}
+
+TEST_F(ConsoleTestAttack, OneUserLeavesPlacesToOthers)
+{
+    start();
+    std::vector<Peer> peers;
+    for (int i = 0; i < limits::kUserSessions; ++i)
+        peers.push_back(loggedIn(m_port));
+    EXPECT_EQ(Peer(m_port).logIn().text, "no room for another session of yours");
+    EXPECT_EQ(loggedIn(m_port, "user1").ask(Who).result, Done);
+    peers.pop_back();
+    loggedIn(m_port);
+}
+
+TEST_F(ConsoleTestAttack, StepThatHangsHoldsUpNeitherOthersNorTheEnd)
+{
+    for (const bool inPam : {false, true}) {
+        std::filesystem::remove(m_dir.path("record"));
+        addToStack(inPam ? "auth optional pam_faildelay.so delay=90000000"
+                         : "auth optional [" GORV_UNKIND_MODULE "]");
+        start("-log log");
+        const Peer one = loggedIn(m_port), other = loggedIn(m_port, "user1"), guesser(m_port);
+        if (inPam)
+            guesser.send(frame(Login, joinFields({"alice", "looking-glass"})));
+        else
+            one.send(frame(Call, joinFields({"hang", ""})));
+        for (int i = 0; i < 20; ++i)
+            EXPECT_EQ(other.ask(Set, {"motto", "calm"}).result + other.ask(Get, {"motto"}).result, Done);
+        ASSERT_TRUE(eventually([&] { return countIn("record", "authenticate ") >= (inPam ? 3 : 2); }));
+        EXPECT_EQ(stop(), 0); // a kill would come before the step is over
+        EXPECT_EQ(countIn("record", "close "), 2);
+        EXPECT_EQ(countIn("log", "a session hangs"), 1);
+    }
+}
+
+TEST_F(ConsoleTestAttack, ModuleThatExitsLeavesALineAndNotTheStatusOfASuccess)
+{
+    addToStack("auth optional [" GORV_UNKIND_MODULE "]");
+    start("-log log");
+    EXPECT_EQ(loggedIn(m_port).ask(Call, {"exit", ""}).result, -1);
+    EXPECT_EQ(wait(), 1 << 8);
+    EXPECT_EQ(countIn("log", "ended by exit\\(\\)"), 1);
+}
+
+TEST_F(ConsoleTestAttack, NamesLookLikeNothingElseInTheLog)
+{
+    start("-log log -trace trace -level 9");
+    const Peer peer = loggedIn(m_port);
+    const std::string name = "z: done 11/25/2026 04:34:47 consoled - 127.0.0.1:1: bob sets root\" x\u009b";
+    for (const short operation : {Set, Event, Call})
+        peer.ask(operation, {name, "v"});
+    peer.ask(protocol::Run, {name});
+    for (const char* file : {"log", "trace"}) {
+        EXPECT_EQ(countIn(file, "\"alice\" \\w+ \"z: done[^\"\n]+root\\? x\\?\\?\": "), 4) << file;
+        EXPECT_EQ(written(file).find('\xc2'), std::string::npos) << file;
+    }
+}
+
+TEST_F(ConsoleTestAttack, RefusalsTellNothingByTheirTimeAndHoldNoPlace)
+{
+    start();
+    std::vector<Peer> peers;
+    const auto begin = Clock::now();
+    for (int i = 0; i < limits::kRefusalsAtOnce; ++i) { // there are fewer places to log in
+        peers.emplace_back(m_port).send(frame(Login, joinFields({i % 2 == 0 ? "alice" : "nobody", "wrong"})));
+        ASSERT_TRUE(eventually([&] { return countIn("record", "authenticate ") == i + 1; }));
+    }
+    for (const Peer& peer : peers) {
+        EXPECT_EQ(peer.receive().text, "login refused");
+        EXPECT_GE(Clock::now() - begin, limits::kRefusalTime);
+    }
+}
+
+TEST_F(ConsoleTestAttack, LackOfDescriptorsIsNoRefusal)
+{
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer opens a pipe to look at an object's type";
+#endif
+    start("-log log", 40);
+    std::vector<Peer> peers;
+    peers.emplace_back(m_port).ask(Who);
+    while (peers.size() < 60 && peers.emplace_back(m_port).ask(Who).result == NotLoggedIn) {
+    }
+    EXPECT_EQ(peers.front().logIn().text, "no login is possible at present");
+    peers.erase(peers.begin() + 1, peers.end());
+    EXPECT_TRUE(eventually([&] { return count("fd") < 16; }));
+    EXPECT_EQ(peers.front().logIn().result, Done);
+    EXPECT_EQ(stop(), 0);
+    EXPECT_EQ(countIn("log", "refused"), 0);
+}
+
+TEST(AdmissionTest, NameKeepsItsWayFromWhereItIsKnownWhateverOthersGuess)
+{
+    AComponentLog log;
+    Admission admission(log);
+    int connection = 1000;
+    const auto begin = [&](const std::string& address, const std::string& user) {
+        admission.enter(++connection, address);
+        return admission.beginLogin(connection, user);
+    };
+    begin("10.0.0.1", "alice");
+    ASSERT_NE(admission.endLogin(connection, Admission::Outcome::Admitted, 1), nullptr);
+    for (int i = 0; i < 12'000 / kScale; ++i) { // of addresses without end
+        begin("10.1.0." + std::to_string(i), "alice");
+        admission.endLogin(connection, Admission::Outcome::Refused, 0);
+        admission.leave(connection);
+    }
+    for (const char* address : {"10.0.0.1", "10.0.0.2", "10.0.0.3"})
+        for (int i = 0; i < 8; ++i)
+            begin(address, "bob"); // and waits for his turn: two of the addresses hold all places
+    EXPECT_FALSE(begin("10.0.0.4", "alice").isGranted);
+    const auto turn = begin("10.0.0.1", "alice");
+    EXPECT_TRUE(turn.isGranted);
+    EXPECT_LE(turn.time, Clock::now());
+    EXPECT_NE(admission.endLogin(connection, Admission::Outcome::Admitted, 2), nullptr);
+    for (int i = 0; i < 2 * limits::kRefusalsAtOnce; ++i) { // her own address is slowed down for her name
+        begin("10.0.0.1", "alice");
+        admission.endLogin(connection, Admission::Outcome::Refused, 0);
+    }
+    EXPECT_GT(begin("10.0.0.1", "alice").time, Clock::now() + limits::kRefusalPace);
 }
 
 TEST(ProgramsTest, NothingOfAProgramOutlivesItsTime)

@@ -26,12 +26,14 @@ TEST_F(ConsoleTest, ClientWalksThroughASession)
         {"-c dance", "", "1\n"},
         {"-port 0", "", "2\n"},
         {"-port 1 -c who", "", "3\n"},
+        {"-user alice -c help", "wrong", "1\n"}, // and no more
+        {"-user alice -c who >/dev/full", kPassword, "1\n"},
     };
     for (const auto& [arguments, input, outcome] : runs) {
         const std::string output = runClient(arguments, input);
         EXPECT_TRUE(std::regex_match(output, std::regex(outcome))) << arguments << output;
     }
-    EXPECT_EQ(countIn("log", "consoled - 127\\.0\\.0\\.1:\\d+: alice logged in, session 1\n"), 1);
+    EXPECT_EQ(countIn("log", "consoled - 127\\.0\\.0\\.1:\\d+: \"alice\" logged in, session 1\n"), 1);
     EXPECT_NE(written("trace").find(": operation 7\n"), std::string::npos);
     EXPECT_NE(written("record").find("close user=alice rhost=127.0.0.1 INTERFACE_IP=127.0.0.1"),
               std::string::npos);
@@ -59,9 +61,10 @@ TEST_F(ConsoleTest, TwoHundredClientsAreAllServedAndLeaveNothing)
     const int logins = std::max(40 / kScale, 1); // of each client
     std::atomic<int> served = 0;
     const auto crowd = [&](int rounds) {
-        inParallel(200, [&](unsigned) {
+        inParallel(200, [&](unsigned client) {
             for (int login = 0; login < rounds; ++login) {
-                const Peer peer = loggedIn(m_port); // they get in each other's way
+                const Peer peer =
+                    loggedIn(m_port, userOf(static_cast<int>(client))); // they get in each other's way
                 if (peer.ask(Who).result == Done &&
                     (login % 2 == 0 || peer.ask(Logout).result == Done)) // every other one just vanishes
                     ++served;
@@ -164,6 +167,36 @@ TEST_F(ConsoleTest, OneProgramRunsAtATimeAndTheNextAfterIt)
     EXPECT_TRUE((one.result == Done ? one : other).text.starts_with("uid="));
     EXPECT_EQ(first.ask(protocol::Run, {"disk"}).result, Done);
     EXPECT_EQ(count("fd"), before);
+}
+
+TEST_F(ConsoleTest, OperatorSeesWhoIsInAndEndsASession)
+{
+    start("-log log");
+    const Peer alice = loggedIn(m_port), other = loggedIn(m_port, "user1");
+    ::kill(m_pid, SIGUSR1);
+    const char* const line = "consoled - session \\d+: \"(alice|user1)\" from 127\\.0\\.0\\.1 since \\d\\d/";
+    EXPECT_TRUE(eventually([&] { return countIn("log", line) == 2; })) << written("log");
+    ::sigqueue(m_pid, SIGUSR2, {.sival_int = 1});
+    EXPECT_EQ(alice.receive().result, -1);
+    ::kill(m_pid, SIGUSR2); // names none
+    EXPECT_TRUE(eventually([&] { return countIn("log", "session -1: there is none\n") == 1; }));
+    EXPECT_EQ(countIn("log", "session 1: ended"), 1);
+    EXPECT_EQ(other.ask(Who).result, Done);
+}
+
+TEST_F(ConsoleTest, StartsOnlyWithOptionsAndAServiceThatItKnows)
+{
+    const std::pair<const char*, int> starts[] = {{"-service TEST -idle 0", 2},
+                                                  {"-lgo x", 2},
+                                                  {"-service tset", 1},
+                                                  {"-service ../test", 1},
+                                                  {"-help", 0}};
+    for (const auto& [options, status] : starts) {
+        launch(options);
+        EXPECT_EQ(wait(), status << 8) << options;
+    }
+    EXPECT_NE(written("stdout").find("256 properties"), std::string::npos);
+    start("-service TEST");
 }
 
 TEST_F(ConsoleTest, TerminationClosesEverySession)

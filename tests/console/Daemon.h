@@ -78,18 +78,24 @@ public:
         send(frame(operation, joinFields(fields)));
         return receive();
     }
-    Answer logIn() const { return ask(Login, {"alice", kPassword}); }
+    Answer logIn(std::string_view user = "alice") const { return ask(Login, {user, kPassword}); }
 
 private:
     Descriptor m_socket{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
 };
 
+/// One of ten users who are like alice.
+inline std::string userOf(int number)
+{
+    return "user" + std::to_string(number % 10);
+}
+
 /// A user's connection, however often it takes to get in.
-inline Peer loggedIn(int port)
+inline Peer loggedIn(int port, const std::string& user = "alice")
 {
     for (int i = 0; i < 5000; ++i, std::this_thread::sleep_for(2ms)) {
         Peer peer(port);
-        if (peer.logIn().result == Done)
+        if (peer.logIn(user).result == Done)
             return peer;
     }
     return Peer(port);
@@ -130,9 +136,9 @@ protected:
                 const std::string& output = ">stdout 2>stderr")
     {
         const std::string command = "cd '" + m_dir.path().string() + "' && ulimit -n " +
-                                    std::to_string(descriptors) + " && exec '" CONSOLED "' -port " +
-                                    std::to_string(m_port) + " -service test -confdir \"$PWD\" " + options +
-                                    " " + output;
+                                    std::to_string(descriptors) + " && exec '" CONSOLED "' " + options +
+                                    " -port " + std::to_string(m_port) + " -service test -confdir \"$PWD\" " +
+                                    output;
         m_pid = ::fork();
         if (m_pid == 0) {
             ::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
@@ -193,12 +199,18 @@ protected:
         return written("client");
     }
 
-    PamStack m_dir{GORV_DEMO_MODULE,
-                   "test",
-                   {{"alice", "auto"},
-                    {"bob", "auto", kPassphraseHash},
-                    {"carol", "auto", kPassphraseHash, "13"},
-                    {"dave", "auto", kPassphraseHash, "12"}}};
+    static std::vector<PamStack::Account> accounts()
+    {
+        std::vector<PamStack::Account> all = {{"alice", "auto"},
+                                              {"bob", "auto", kPassphraseHash},
+                                              {"carol", "auto", kPassphraseHash, "13"},
+                                              {"dave", "auto", kPassphraseHash, "12"}};
+        for (int i = 0; i < 10; ++i)
+            all.push_back({userOf(i), "auto"});
+        return all;
+    }
+
+    PamStack m_dir{GORV_DEMO_MODULE, "test", accounts()};
     pid_t m_pid = -1;
     int m_port = 0;
 };
