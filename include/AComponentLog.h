@@ -53,14 +53,14 @@ public:
     /// Remove the first entry for @p child, which keeps its base log. Does nothing if it isn't a child.
     void removeChildLog(AComponentLog& child);
 
-    /// @return the base log, or null.
+    /// Returns the base log, or null.
     ALog* getBaseLog();
-    /// @return exactly what getBaseLog() returns.
+    /// Returns exactly what getBaseLog() returns.
     ALog* getParentLog();
 
     /// Choose whether this component writes and flushes. On in a new component. Safe from any thread.
     void setEnabled(bool enabled);
-    /// @return whether this component writes.
+    /// Returns whether this component writes.
     bool getEnabled();
 
     /// Write one line through the base log.

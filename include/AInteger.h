@@ -29,12 +29,12 @@ public:
     /// Copies the value.
     AInteger& operator=(const AInteger&) = default;
 
-    /// @return the value given at construction.
+    /// Returns the value given at construction.
     int getValue();
 
-    /// @return the value in decimal.
+    /// Returns the value in decimal.
     std::string toString();
-    /// @return @p value in decimal.
+    /// Returns @p value in decimal.
     static std::string toString(int value);
 
     /// Read the integer that @p text, which must not be null, begins with; what follows it is ignored.
@@ -50,9 +50,9 @@ public:
     /// held.
     static bool parseWhole(const char* text, int least, int most, int& value) noexcept;
 
-    /// @return the 16-bit integer at @p data + @p offset, 0 to 65535.
+    /// Returns the 16-bit integer at @p data + @p offset, 0 to 65535.
     static int decodeShort(unsigned char* data, int offset);
-    /// @return the 32-bit integer at @p data + @p offset.
+    /// Returns the 32-bit integer at @p data + @p offset.
     static int decodeInt(unsigned char* data, int offset);
 
     /// Store the 16 bits of @p value at @p data + @p offset.

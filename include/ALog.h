@@ -80,17 +80,17 @@ public:
 
     /// Choose whether the log writes anything at all. Safe from any thread.
     void setEnabled(bool enabled);
-    /// @return whether the log writes.
+    /// Returns whether the log writes.
     bool getEnabled();
 
     /// Choose whether lines start with the date and time. On in a new log.
     void setShowTimestamp(bool show);
-    /// @return whether lines start with the date and time.
+    /// Returns whether lines start with the date and time.
     bool getShowTimestamp();
 
     /// Choose whether each line also goes to standard output, which is flushed. Off in a new log.
     void setEchoToConsole(bool echo);
-    /// @return whether each line also goes to standard output.
+    /// Returns whether each line also goes to standard output.
     bool getEchoToConsole();
 
     /// Write one line and flush the stream. Nothing is reported: where the file can't be opened the line is

@@ -104,13 +104,13 @@ public:
     /// connection. The attempt and a failure are printed all the same. Off in a new socket.
     void setSilent(bool silent);
 
-    /// @return whether the object holds a descriptor, as it still does after the peer has closed.
+    /// Returns whether the object holds a descriptor, as it still does after the peer has closed.
     bool isOpen();
 
-    /// @return the state, one of the constants above.
+    /// Returns the state, one of the constants above.
     int getSocketState();
 
-    /// @return the descriptor, which stays the object's, or -1 when it holds none. For the system's waits and
+    /// Returns the descriptor, which stays the object's, or -1 when it holds none. For the system's waits and
     /// options; make it non-blocking only if nothing is received or sent through the object any more.
     int getDescriptor();
 
@@ -138,8 +138,10 @@ public:
 
     // From here on the order of the virtual operations is part of the interface: programs call them by slot.
 
-    // Sending. Unless the state is CONNECTED nothing is sent. A failure prints "Socket write failed" on
-    // standard error and sets IO_ERROR; a part may have been sent. A signal is no failure.
+    /// @name Sending
+    /// Unless the state is CONNECTED nothing is sent. A failure prints "Socket write failed" on standard
+    /// error and sets IO_ERROR; a part may have been sent. A signal is no failure.
+    /// @{
 
     /// Send @p len bytes from @p data, however many system calls that takes: normally one.
     void write(const unsigned char* data, int len) override;
@@ -150,23 +152,31 @@ public:
     void writeString(const unsigned char* text) override;
     /// Call the system's fsync on the descriptor. Nothing is ever pending in the object.
     void flush() override;
+    /// @}
 
     /// Close the descriptor, once, and set CLOSED, in any state.
     void close() override;
 
     virtual ~ASocket();
 
+    /// @name Sending parts of a message
+    /// As above.
+    /// @{
+
     /// Send one byte, not through write().
     virtual void writeByte(unsigned char value);
     /// Send the low 16 bits of @p value through write().
     virtual void writeShort(int value);
+    /// @}
 
-    // Receiving. @p timeout is in seconds and bounds each wait for data, not the whole operation; 0 waits
-    // without limit. Once a first byte has come the rest is awaited without limit, until the peer closes, a
-    // signal arrives (a new wait follows) or the limit of setStallLimit() is reached. The result is a count
-    // of bytes, 0 after the peer has closed (CLOSED_BY_PEER), -1 after a time-out (the state stays) or a
-    // failure (IO_ERROR, with a message on standard error). A signal interrupts nothing, but a wait starts
-    // anew, with its whole time-out.
+    /// @name Receiving
+    /// @p timeout is in seconds and bounds each wait for data, not the whole operation; 0 waits without
+    /// limit. Once a first byte has come the rest is awaited without limit, until the peer closes, a signal
+    /// arrives (a new wait follows) or the limit of setStallLimit() is reached. The result is a count of
+    /// bytes, 0 after the peer has closed (CLOSED_BY_PEER), -1 after a time-out (the state stays) or a
+    /// failure (IO_ERROR, with a message on standard error). A signal interrupts nothing, but a wait starts
+    /// anew, with its whole time-out.
+    /// @{
 
     /// Receive once into @p data + @p offset. Fewer than @p len bytes (at least 1) come back when the peer
     /// closes, a signal arrives or the stall limit has passed since receiving began, though bytes may still
@@ -197,6 +207,7 @@ public:
     /// @param flag flags of the system's recv; MSG_DONTWAIT makes it ask and complain until data comes, or,
     ///   with a stall limit, wait silently
     int socket_read(unsigned char* data, int len, int flag, unsigned int timeout);
+    /// @}
 
     /// writeString(), for chains.
     ASocket& operator<<(const unsigned char* text);

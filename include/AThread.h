@@ -46,11 +46,11 @@ public:
     /// start() was not called or could create no thread, and when the thread was joined before.
     void join();
 
-    /// @return whether start() was called; the end of the body and join() don't change that. Safe from any
+    /// Returns whether start() was called; the end of the body and join() don't change that. Safe from any
     /// thread.
     bool isRunning();
 
-    /// @return the kernel's id of the calling thread, which inside run() is the object's own.
+    /// Returns the kernel's id of the calling thread, which inside run() is the object's own.
     std::int64_t getThreadID();
 
     /// Call run() on @p object, an AThread. The start routine of the thread.
@@ -62,7 +62,7 @@ private:
     pthread_attr_t m_attributes;
 
 protected:
-    /// @return whether stopThread() was called. Safe from any thread.
+    /// Returns whether stopThread() was called. Safe from any thread.
     bool isStopRequested();
 
     bool m_stopRequested; ///< Set by stopThread(), possibly while the body runs: ask isStopRequested().

@@ -32,10 +32,10 @@ public:
     CommandLine(const CommandLine&) = delete;
     CommandLine& operator=(const CommandLine&) = delete;
 
-    /// @return whether the option @p name, written without its dash, was given. A null name never was.
+    /// Returns whether the option @p name, written without its dash, was given. A null name never was.
     bool hasArg(const char* name);
 
-    /// @return the first value of the option @p name, or null if it was not given or has no value. When it
+    /// Returns the first value of the option @p name, or null if it was not given or has no value. When it
     /// was given more than once, its first occurrence answers. Points into the argument vector.
     const char* getArg(const char* name);
 

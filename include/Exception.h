@@ -35,7 +35,7 @@ public:
     /// Copies the message.
     Exception& operator=(const Exception&) = default;
 
-    /// @return the message, which lives as long as the exception.
+    /// Returns the message, which lives as long as the exception.
     const std::string& getMessage() const;
 
 protected:

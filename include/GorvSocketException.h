@@ -11,11 +11,11 @@ public:
     /// Copies its arguments.
     GorvSocketException(const std::string& function, int line, const std::string& message);
 
-    /// @return the name of the operation that failed: "createIPSocket" or "connectTo".
+    /// Returns the name of the operation that failed: "createIPSocket" or "connectTo".
     std::string getFunction() const;
-    /// @return the line of the library's source that threw.
+    /// Returns the line of the library's source that threw.
     int getLine() const;
-    /// @return what failed. The text ends with a newline unless it was cut, which happens at 255 characters.
+    /// Returns what failed. The text ends with a newline unless it was cut, which happens at 255 characters.
     std::string getMessage() const;
 
 private:

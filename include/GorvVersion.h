@@ -12,6 +12,6 @@
 /// The version as one number, 10203 for 1.2.3: `#if GORV_VERSION >= 10100`.
 #define GORV_VERSION (GORV_VERSION_MAJOR * 10000 + GORV_VERSION_MINOR * 100 + GORV_VERSION_PATCH)
 
-/// @return the version of the library that was loaded, as GORV_VERSION was when it was built: at least the
+/// Returns the version of the library that was loaded, as GORV_VERSION was when it was built: at least the
 /// one that the host was built with, if it was installed rightly. Safe from any thread.
 GORV_API int gorvVersion() noexcept;

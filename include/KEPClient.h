@@ -69,7 +69,7 @@ public:
     /// Throws std::bad_alloc when memory runs out.
     void setLog(AComponentLog& parent);
 
-    /// @return the component log that the client reports through. It belongs to the client.
+    /// Returns the component log that the client reports through. It belongs to the client.
     AComponentLog& getLog();
 
     /// Attach to the service, unless an earlier call succeeded in full, and register for the six

@@ -111,7 +111,7 @@ public:
                      std::string& envName, std::string& envValue, bool& skipAuth);
     /// @}
 
-    /// @return the PAM status of the last step; 9 (PAM_AUTHINFO_UNAVAIL) before any. The step may have been
+    /// Returns the PAM status of the last step; 9 (PAM_AUTHINFO_UNAVAIL) before any. The step may have been
     /// the check of another user, a check that was skipped or the closing of the session: 0 means that a user
     /// is logged in only right after a form with a service. Safe from any thread.
     int getAuthResult();
@@ -124,16 +124,16 @@ public:
     /// Set the address of the interface that the client reached, handed to PAM as "INTERFACE_IP". Null and
     /// mapped addresses as with setRemoteIP().
     void setInterfaceIP(const char* address);
-    /// @return the client's address, as long as the helper lives.
+    /// Returns the client's address, as long as the helper lives.
     std::string& getRemoteIP();
-    /// @return the user that authenticate() was given (while another is checked, that one), as long as the
+    /// Returns the user that authenticate() was given (while another is checked, that one), as long as the
     /// helper lives. A pointer into the text is right again when that check is over.
     std::string& getUser();
 
     /// Put @p name = @p value (neither null) into the PAM environment; an empty value is kept as such.
     /// @return PAM's status; 0, without effect, before a transaction was started.
     int setEnv(const char* name, const char* value);
-    /// @return the PAM variable @p name, or null. The text is PAM's and valid until the variable changes or
+    /// Returns the PAM variable @p name, or null. The text is PAM's and valid until the variable changes or
     /// the helper is disposed of.
     const char* getEnv(const char* name);
 
@@ -159,26 +159,26 @@ public:
     /// the id: setSessionId() registers it again. Does nothing before a transaction was started.
     /// @return 0
     int stopSession();
-    /// @return whether the PAM session is open. Safe from any thread.
+    /// Returns whether the PAM session is open. Safe from any thread.
     bool isValid();
 
     /// Register this helper under @p sessionId (which may be empty), replacing whoever is registered under
     /// it, and give up the registration under an earlier id.
     void setSessionId(const std::string& sessionId);
-    /// @return the session id, empty before setSessionId().
+    /// Returns the session id, empty before setSessionId().
     std::string& getSessionId();
     /// Set the numeric session id for a stack that sets no "SESSION_ID": after startSession(), which sets it
     /// anew.
     void setKEPSessionId(int id);
-    /// @return the numeric session id, 0 before startSession() or setKEPSessionId(). Safe from any thread.
+    /// Returns the numeric session id, 0 before startSession() or setKEPSessionId(). Safe from any thread.
     int getKEPSessionId();
 
-    /// @return the helper registered under @p sessionId, or null.
+    /// Returns the helper registered under @p sessionId, or null.
     static PAMHelper* instanceForSessionId(const std::string& sessionId);
-    /// @return the registered helper with the numeric id @p id, or null. Of several, the one with the
+    /// Returns the registered helper with the numeric id @p id, or null. Of several, the one with the
     /// smallest session id. Looks at every registered helper.
     static PAMHelper* instanceForKEPId(unsigned int id);
-    /// @return the monitor that guards the registry and the PAM steps, not locked. It is recursive: hold it
+    /// Returns the monitor that guards the registry and the PAM steps, not locked. It is recursive: hold it
     /// across several calls.
     static Monitor* getMonitor();
 
@@ -198,9 +198,9 @@ public:
     void setFwInProgress(bool flag);
     /// Record that this login holds the firmware semaphore or not.
     void setFWSemaphoreLock(bool flag);
-    /// @return what setFwInProgress() recorded. Safe from any thread.
+    /// Returns what setFwInProgress() recorded. Safe from any thread.
     bool isFwInProgress();
-    /// @return what setFWSemaphoreLock() recorded. Safe from any thread.
+    /// Returns what setFWSemaphoreLock() recorded. Safe from any thread.
     bool isFwSemLocked();
 
 private:

@@ -89,19 +89,19 @@ public:
     /// argument. Throws std::bad_alloc when memory runs out, before anything is done.
     void execute(const std::vector<std::string>& args);
 
-    /// @return where to read the child's output, or -1 before execute(), after one that failed, and after the
+    /// Returns where to read the child's output, or -1 before execute(), after one that failed, and after the
     /// child has ended.
     int getStdOut();
 
-    /// @return where to write the child's input, or -1 as for getStdOut(). Close it to end the input. The
+    /// Returns where to write the child's input, or -1 as for getStdOut(). Close it to end the input. The
     /// number still counts as the runner's and is closed again when the child ends, or by the next execute();
     /// if it could be in use for another file by then, put "/dev/null" in its place with dup2() instead.
     int getStdIn();
 
-    /// @return where to read the child's error output, or -1 as for getStdOut().
+    /// Returns where to read the child's error output, or -1 as for getStdOut().
     int getStdErr();
 
-    /// @return the id of the child, also when it has ended, or -1 before execute() and after one that failed.
+    /// Returns the id of the child, also when it has ended, or -1 before execute() and after one that failed.
     int getPid();
 
     /// Tell how the child of execute() ended, as waitpid() does, in @p status.

@@ -2,7 +2,7 @@
 
 #include "Protocol.h"
 
-#include <openssl/crypto.h>
+#include <cstring>
 
 namespace {
 
@@ -18,8 +18,8 @@ Client::Answer Client::ask(short operation, const std::vector<std::string_view>&
     std::string bytes = protocol::joinFields(fields);
     std::string frame = protocol::frame(operation, bytes);
     m_socket.write(reinterpret_cast<const unsigned char*>(frame.data()), static_cast<int>(frame.size()));
-    OPENSSL_cleanse(bytes.data(), bytes.size()); // one of the fields may be a password
-    OPENSSL_cleanse(frame.data(), frame.size());
+    explicit_bzero(bytes.data(), bytes.size()); // one of the fields may be a password
+    explicit_bzero(frame.data(), frame.size());
 
     Answer answer;
     int length = 0;

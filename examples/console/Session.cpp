@@ -7,9 +7,9 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdarg>
+#include <cstring>
 #include <exception>
 #include <fcntl.h>
-#include <openssl/crypto.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -71,7 +71,7 @@ bool isDeed(short operation)
 class WipeAtExit {
 public:
     WipeAtExit(void* bytes, std::size_t size) : m_bytes(bytes), m_size(size) {}
-    ~WipeAtExit() { OPENSSL_cleanse(m_bytes, m_size); }
+    ~WipeAtExit() { explicit_bzero(m_bytes, m_size); }
     WipeAtExit(const WipeAtExit&) = delete;
     WipeAtExit& operator=(const WipeAtExit&) = delete;
 

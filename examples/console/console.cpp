@@ -13,7 +13,7 @@
 
 #include <csignal>
 #include <cstdio>
-#include <openssl/crypto.h>
+#include <cstring>
 #include <optional>
 #include <unistd.h>
 
@@ -116,7 +116,7 @@ public:
             ask(protocol::Login, {user, password});
         else
             complain("no password");
-        OPENSSL_cleanse(password.data(), password.size());
+        explicit_bzero(password.data(), password.size());
         m_over = m_over || (m_isScript && m_failed);
     }
 

@@ -16,7 +16,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <openssl/crypto.h>
 #include <security/pam_appl.h>
 #include <string>
 
@@ -58,7 +57,7 @@ std::string readPassword(const std::string& user)
     const bool read = std::fgets(line, sizeof line, stdin) != nullptr;
     line[read ? std::strcspn(line, "\n") : 0] = '\0';
     std::string password = line;
-    OPENSSL_cleanse(line, sizeof line);
+    explicit_bzero(line, sizeof line);
     return password;
 }
 
@@ -114,7 +113,7 @@ bool logIn(const Options& options, AComponentLog& log)
     std::string password = readPassword(user);
     bool skipAuth = false;
     const int status = login->authenticate(service, user, password, skipAuth);
-    OPENSSL_cleanse(password.data(), password.size());
+    explicit_bzero(password.data(), password.size());
     report(log, "authenticate", status);
 
     const bool opened = login->startSession();

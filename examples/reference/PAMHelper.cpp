@@ -4,7 +4,7 @@
 #include "EmbeddedPam.h"
 
 #include <cstdio>
-#include <openssl/crypto.h>
+#include <cstring>
 
 void logIn(std::string user, std::string password)
 {
@@ -12,7 +12,7 @@ void logIn(std::string user, std::string password)
     bool skipAuth = false;
     auto* login = new PAMHelper("::ffff:192.168.1.20", "192.168.1.1"); // client, our interface
     const int status = login->authenticate(service, user, password, skipAuth);
-    OPENSSL_cleanse(password.data(), password.size()); // the helper wipes its own copy only
+    explicit_bzero(password.data(), password.size()); // the helper wipes its own copy only
     if (status == PAM_SUCCESS && login->startSession()) {
         login->setSessionId("key-of-" + user);
         std::printf("session %d\n", login->getKEPSessionId()); // as the PAM stack numbers them
