@@ -1,14 +1,14 @@
 # Debian packages of the installed components; script/package builds and proves them.
 
-# The first line of Debian's changelog says which version is packaged.
+# The first line of Debian's changelog says which version is packaged, or which candidate for it: 1.2.3~rc1.
 file(STRINGS cmake/debian/changelog first_line LIMIT_COUNT 1)
-string(REGEX MATCH "\\((.*)-(.*)\\)" debian_version "${first_line}")
+string(REGEX MATCH "\\(([^~-]*)(~rc[0-9]+)?-(.*)\\)" debian_version "${first_line}")
 if(NOT CMAKE_MATCH_1 STREQUAL PROJECT_VERSION)
     message(FATAL_ERROR "cmake/debian/changelog is at ${CMAKE_MATCH_1}, the project at ${PROJECT_VERSION}")
 endif()
-set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_DEBIAN_PACKAGE_RELEASE ${CMAKE_MATCH_2})
-set(debian_version ${CMAKE_MATCH_1}-${CMAKE_MATCH_2})
+set(CPACK_PACKAGE_VERSION ${CMAKE_MATCH_1}${CMAKE_MATCH_2})
+set(CPACK_DEBIAN_PACKAGE_RELEASE ${CMAKE_MATCH_3})
+set(debian_version ${CPACK_PACKAGE_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
