@@ -231,6 +231,7 @@ STEP(int, pam_start_confdir,
       pam_handle_t** handle),
      counted(Faults::s_transactions, 1, real(service, user, conversation, folder, handle)))
 STEP(int, pam_authenticate, (pam_handle_t * handle, int flags), real(handle, flags))
+STEP(int, pam_chauthtok, (pam_handle_t * handle, int flags), real(handle, flags))
 STEP(int, pam_acct_mgmt, (pam_handle_t * handle, int flags), real(handle, flags))
 STEP(int, pam_open_session, (pam_handle_t * handle, int flags),
      counted(Faults::s_sessions, 1, real(handle, flags)))
