@@ -6,6 +6,8 @@
 #include "GorvApi.h"
 #include "MonitorLock.h"
 
+#include <chrono>
+#include <ctime>
 #include <pthread.h>
 
 class AComponentLog;
@@ -18,12 +20,13 @@ extern GORV_API int NextMonitorId;
 /// A recursive lock with a condition variable.
 ///
 /// Any thread may call any operation. The thread that holds the lock may take it again; every lock needs its
-/// own release. No operation but construction throws, and none reports a result. Neither copied nor moved.
+/// own release. No operation but construction throws. Neither copied nor moved.
 ///
 /// @code
 /// MonitorLock lock = monitor.acquireLock();  // released at the end of the scope
-/// while (queue.empty())
-///     monitor.wait(500);
+/// const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+/// while (queue.empty() && monitor.waitUntil(end)) {
+/// }
 /// @endcode
 ///
 /// @include examples/reference/Monitor.cpp
@@ -61,8 +64,23 @@ public:
     /// wait is printed through the monitor's log as " pthread_cond_timedwait returned: %i\n".
     void wait(int timeoutMs);
 
+    /// Wait as wait() does, but no longer than until @p end. Neither further wake-ups nor a change of the
+    /// system's time stretch it.
+    /// @return true after a wake-up, also a spurious one; false when the time is over.
+    bool waitUntil(std::chrono::steady_clock::time_point end)
+    {
+        const std::chrono::seconds second(1);
+        const std::chrono::nanoseconds time = end.time_since_epoch();
+        const timespec deadline = {time / second, (time % second).count()};
+        // The clock is that of this wait alone, whichever the condition was made for.
+        return pthread_cond_clockwait(&m_condition, &m_mutex, CLOCK_MONOTONIC, &deadline) == 0;
+    }
+
     /// Wake at most one waiting thread. May be called with or without the lock.
     void notify();
+
+    /// Wake all threads that are waiting. May be called with or without the lock.
+    void notifyAll() { pthread_cond_broadcast(&m_condition); }
 
 private:
     pthread_mutex_t m_mutex;

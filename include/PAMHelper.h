@@ -39,18 +39,24 @@
 /// uses both does.
 ///
 /// @code
-/// auto* login = new PAMHelper("::ffff:192.168.1.20", "192.168.1.1");
+/// std::unique_ptr<PAMHelper, PAMHelper::Dispose> login(
+///     new PAMHelper("::ffff:192.168.1.20", "192.168.1.1"));
 /// bool skipAuth = false;
 /// if (login->authenticate(service, user, password, skipAuth) == PAM_SUCCESS && login->startSession())
 ///     login->setSessionId(key);
 /// // ... later, perhaps on another thread
-/// login->dispose();
+/// login.reset();
 /// @endcode
 ///
 /// @include examples/reference/PAMHelper.cpp
 /// @verbinclude examples/reference/PAMHelper.out
 class GORV_API PAMHelper {
 public:
+    /// The deleter of a std::unique_ptr that owns a helper.
+    struct Dispose {
+        void operator()(PAMHelper* helper) const { helper->dispose(); }
+    };
+
     /// Guards instanceMap and serialises the PAM steps of all helpers.
     static Monitor instanceMapMonitor;
     /// The registered helpers by session id. Owns none of them; hold instanceMapMonitor while you read it,
@@ -110,6 +116,22 @@ public:
     int authenticate(std::string& service, std::string& user, std::string& password, std::string& contextId,
                      std::string& envName, std::string& envValue, bool& skipAuth);
     /// @}
+
+    /// Change a password that must be changed: after a form with a service has returned 12, also with the
+    /// session open. The modules ask for @p oldPassword whoever the process runs as (the flag is
+    /// PAM_CHANGE_EXPIRED_AUTHTOK). pam_unix writes the shadow file, which takes root. The service file needs
+    /// lines of the type "password": those of "other" decide without.
+    ///
+    /// While it runs, a prompt without echo that contains "password: " or "Password: " is answered: with
+    /// @p newPassword if it contains "new " or "New " ("Retype new password: "), else with @p oldPassword
+    /// ("Current password: "). Any other fails. What is no such prompt is handled as in converse(), and so
+    /// are the modules' words on a new password that they don't take.
+    ///
+    /// Arguments are only read, up to their first zero byte. The helper keeps neither of them; the caller's
+    /// own strings are the caller's to wipe.
+    /// @return PAM's status. Only success is stored for getAuthResult(): after a failure, which may be tried
+    ///   again, that stays 12. The result is 6 (PAM_PERM_DENIED), without a call to PAM, unless it was 12.
+    int changePassword(const std::string& oldPassword, const std::string& newPassword);
 
     /// Returns the PAM status of the last step; 9 (PAM_AUTHINFO_UNAVAIL) before any. The step may have been
     /// the check of another user, a check that was skipped or the closing of the session: 0 means that a user
@@ -204,6 +226,8 @@ public:
     bool isFwSemLocked();
 
 private:
+    class GORV_LOCAL PamStep;
+
     GORV_LOCAL void attachConversation();
     GORV_LOCAL int startTransaction(const std::string& service, const std::string& user,
                                     const std::string& password);

@@ -10,8 +10,8 @@ constexpr std::size_t kLengthSize = 4; // ahead of a field
 
 std::optional<std::size_t> fieldCount(short operation)
 {
-    static constexpr std::size_t s_counts[] = {2, 0, 1, 2, 2, 2, 1, 0}; // from Login to Logout
-    if (operation < Login || operation > Logout)
+    static constexpr std::size_t s_counts[] = {2, 0, 1, 2, 2, 2, 1, 0, 2}; // from Login to ChangePassword
+    if (operation < Login || operation > ChangePassword)
         return std::nullopt;
     return s_counts[operation - Login];
 }

@@ -15,14 +15,15 @@
 namespace protocol {
 
 enum Operation : short {
-    Login = 1,  ///< user, password
-    Who = 2,    ///< no field
-    Get = 3,    ///< property
-    Set = 4,    ///< property, value
-    Event = 5,  ///< event, data
-    Call = 6,   ///< function, argument
-    Run = 7,    ///< program
-    Logout = 8, ///< no field
+    Login = 1,          ///< user, password
+    Who = 2,            ///< no field
+    Get = 3,            ///< property
+    Set = 4,            ///< property, value
+    Event = 5,          ///< event, data
+    Call = 6,           ///< function, argument
+    Run = 7,            ///< program
+    Logout = 8,         ///< no field
+    ChangePassword = 9, ///< current password, new password
 };
 
 enum Result : short {

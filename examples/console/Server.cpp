@@ -165,6 +165,8 @@ void Server::beginSession(Descriptor descriptor, const sockaddr_in& peer)
     try {
         m_sessions.push_back(std::make_unique<Session>(std::move(descriptor), peer, m_services));
         m_sessions.back()->start();
+        if (!m_sessions.back()->isJoinable()) // no thread is left
+            m_sessions.pop_back();
     } catch (const std::bad_alloc&) { // the client is hung up, the others go on
     }
 }

@@ -18,8 +18,6 @@ namespace {
 constexpr std::size_t kMaxLine = 640; // two names, and what is said about them
 constexpr int kSpareDescriptors = 8;  // what a PAM step may need
 constexpr std::size_t kMaxName = 255;
-constexpr auto kBeginTime =
-    std::chrono::seconds(5); // a thread that has not begun by then could not be created
 
 std::string textOf(const sockaddr_in& address)
 {
@@ -43,12 +41,12 @@ bool isControl(char c)
 }
 
 /// Names reach the log and C interfaces, so they are short and hold no control character; other fields hold
-/// no zero byte.
-bool areSane(const std::vector<std::string_view>& fields)
+/// no zero byte. Passwords are no names.
+bool areSane(short operation, const std::vector<std::string_view>& fields)
 {
     return std::none_of(fields.begin(), fields.end(),
                         [](std::string_view field) { return field.find('\0') != std::string_view::npos; }) &&
-           (fields.empty() ||
+           (fields.empty() || operation == protocol::ChangePassword ||
             (fields[0].size() <= kMaxName && std::none_of(fields[0].begin(), fields[0].end(), isControl)));
 }
 
@@ -64,7 +62,8 @@ bool areDescriptorsLeft(int any)
 /// Those that the log tells of.
 bool isDeed(short operation)
 {
-    return operation >= protocol::Set && operation <= protocol::Run;
+    return (operation >= protocol::Set && operation <= protocol::Run) ||
+           operation == protocol::ChangePassword;
 }
 
 /// Wipes what may have held a password at the end of the scope.
@@ -86,7 +85,7 @@ Session::Session(Descriptor descriptor, sockaddr_in peer, Services& services)
     : m_services(services), m_socket(descriptor.release(), peer), m_remote(textOf(peer)),
       m_interface(interfaceOf(m_socket.getDescriptor())),
       m_label(m_remote + ":" + std::to_string(ntohs(peer.sin_port))),
-      m_log(m_label.c_str(), *services.log.getBaseLog()), m_deadline(m_connected + kBeginTime)
+      m_log(m_label.c_str(), *services.log.getBaseLog())
 {
     m_services.admission.enter(m_socket.getDescriptor(), m_remote);
 }
@@ -99,7 +98,6 @@ Session::~Session()
 void Session::run()
 {
     expectClient();
-    m_begun = true;
     try {
         while (!isStopRequested() && serveRequest()) {
         }
@@ -127,7 +125,7 @@ bool Session::isOverdue() const
 
 bool Session::isOver() const
 {
-    return m_finished || (!m_begun && isOverdue());
+    return m_finished;
 }
 
 /// From now on the client has as long as it may idle: to send a whole request, or to take an answer. Before
@@ -181,12 +179,12 @@ Session::Answer Session::serve(short operation, std::string_view bytes)
     if (!count)
         return {protocol::UnknownOperation, "no such operation"};
     const auto fields = protocol::splitFields(bytes, *count);
-    if (!fields || !areSane(*fields))
+    if (!fields || !areSane(operation, *fields))
         return {protocol::BadRequest, "the request's fields don't fit its operation"};
     if (operation != protocol::Login && m_login == nullptr)
         return {protocol::NotLoggedIn, "log in first"};
     if (m_login != nullptr && m_login->getAuthResult() == PAM_NEW_AUTHTOK_REQD &&
-        operation != protocol::Who && operation != protocol::Logout)
+        operation != protocol::Who && operation != protocol::Logout && operation != protocol::ChangePassword)
         return {protocol::Refused, "the password must be changed first"};
     return dispatch(operation, *fields);
 }
@@ -212,6 +210,8 @@ Session::Answer Session::dispatch(short operation, const Fields& fields)
         return print("calls", fields[0], call(fields[0], fields[1]));
     case protocol::Run:
         return print("runs", fields[0], run(fields[0]));
+    case protocol::ChangePassword:
+        return print("changes", "password", changePassword(fields[0], fields[1]));
     default:
         return logOut();
     }
@@ -227,7 +227,7 @@ Session::Answer Session::logIn(std::string_view user, std::string_view password)
         return {protocol::Failed, "the connection has ended", false};
     if (!turn.isGranted)
         return {protocol::Busy, "no room for another login", ++m_refusals < limits::kRefusals};
-    std::unique_ptr<PAMHelper, Dispose> login(new PAMHelper(m_remote.c_str(), m_interface.c_str()));
+    Login login(new PAMHelper(m_remote.c_str(), m_interface.c_str()));
     const Admission::Outcome outcome = check(*login, name, password);
     m_allowance = m_services.admission.endLogin(m_socket.getDescriptor(), outcome, login->getKEPSessionId());
     if (outcome != Admission::Outcome::Admitted)
@@ -343,6 +343,19 @@ Session::Answer Session::run(std::string_view program)
     if (outcome == Programs::Outcome::Finished)
         answer.text = std::move(output);
     return answer;
+}
+
+Session::Answer Session::changePassword(std::string_view current, std::string_view next)
+{
+    std::string from(current), to(next);
+    const WipeAtExit wipe(from.data(), from.size()), wipeToo(to.data(), to.size());
+    if (m_login->getAuthResult() != PAM_NEW_AUTHTOK_REQD)
+        return {protocol::Refused, "the password need not be changed"};
+    if (!areDescriptorsLeft(m_socket.getDescriptor()))
+        return {protocol::Busy, "no change is possible at present"};
+    if (m_login->changePassword(from, to) != PAM_SUCCESS)
+        return {protocol::Refused, "the password was not changed"};
+    return {protocol::Done, "changed"};
 }
 
 Session::Answer Session::logOut()

@@ -47,13 +47,11 @@ public:
     void hangUp();
     /// Whether the client has owed a request, or its login, for longer than it may idle.
     bool isOverdue() const;
-    /// Whether nothing runs any more, or never began in time. Then join() returns soon.
+    /// Whether nothing runs any more. Then join() returns soon.
     bool isOver() const;
 
 private:
-    struct Dispose {
-        void operator()(PAMHelper* helper) const { helper->dispose(); }
-    };
+    using Login = std::unique_ptr<PAMHelper, PAMHelper::Dispose>;
     using Clock = Admission::Clock;
     using Fields = std::vector<std::string_view>;
 
@@ -78,6 +76,7 @@ private:
     Answer raise(std::string_view event, std::string_view data);
     Answer call(std::string_view function, std::string_view argument);
     Answer run(std::string_view program);
+    Answer changePassword(std::string_view current, std::string_view next);
     Answer logOut();
 
     void expectClient();
@@ -91,11 +90,10 @@ private:
     const std::string m_label; // address and port: no two connections share it
     const Clock::time_point m_connected = Clock::now();
     AComponentLog m_log;
-    std::unique_ptr<PAMHelper, Dispose> m_login;
+    Login m_login;
     Allowance* m_allowance = nullptr; // while there is a login
     int m_refusals = 0;
     std::array<unsigned char, protocol::kMaxBytes> m_bytes{};
-    std::atomic<Clock::time_point> m_deadline;
-    std::atomic<bool> m_begun = false;
+    std::atomic<Clock::time_point> m_deadline = Clock::time_point::max();
     std::atomic<bool> m_finished = false;
 };

@@ -27,6 +27,7 @@ constexpr const char* kHelp =
     "event NAME [DATA]    raise an event\n"
     "call NAME [ARGUMENT] call a remote function\n"
     "run PROGRAM          run date, disk, id or system\n"
+    "passwd               change a password that must be changed; asks for both\n"
     "logout               log out and leave\n"
     "quit                 leave\n"
     "Words are separated by blanks; a value is the rest of the line, as it stands. After\n"
@@ -61,11 +62,11 @@ Line readLine(std::string& line)
 }
 
 /// Reads a password without echo from a terminal, or as it comes from elsewhere.
-bool readPassword(std::string& password)
+bool readPassword(std::string& password, const char* prompt)
 {
     const HiddenInput hidden;
     if (isInteractive())
-        std::fputs("Password: ", stderr);
+        std::fputs(prompt, stderr);
     return readLine(password) == Line::Read;
 }
 
@@ -112,12 +113,26 @@ public:
     void logIn(std::string_view user)
     {
         std::string password;
-        if (readPassword(password))
+        if (readPassword(password, "Password: "))
             ask(protocol::Login, {user, password});
         else
             complain("no password");
         explicit_bzero(password.data(), password.size());
         m_over = m_over || (m_isScript && m_failed);
+    }
+
+    void changePassword()
+    {
+        std::string current, next, again;
+        if (!readPassword(current, "Current password: ") || !readPassword(next, "New password: ") ||
+            !readPassword(again, "Retype new password: "))
+            complain("no password");
+        else if (next != again)
+            complain("the new passwords differ");
+        else
+            ask(protocol::ChangePassword, {current, next});
+        for (std::string* const password : {&current, &next, &again})
+            explicit_bzero(password->data(), password->size());
     }
 
     void complain(const char* what)
@@ -143,6 +158,8 @@ public:
             ask(protocol::Get, {line});
         } else if (word == "run" && !line.empty()) {
             ask(protocol::Run, {line});
+        } else if (word == "passwd") {
+            changePassword();
         } else if (word == "logout") {
             ask(protocol::Logout, {});
             m_over = true;

@@ -2,6 +2,8 @@
 //
 // Arguments:  accounts=FILE   one account a line:
 //                             name:hash:account status:session id[:open status[:close status]]
+//             keep=yes        append to that file what an account becomes whose password is changed: the last
+//                             line of a name counts. Otherwise a new password is checked and forgotten
 //             record=FILE     append a line for each step: its name, user, client address and PAM environment
 //
 // The statuses are PAM's numbers. The session id is published as the PAM variable
@@ -21,6 +23,7 @@
 #include <security/pam_modules.h>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace {
 
@@ -58,13 +61,26 @@ bool findAccount(const std::string& path, const char* user, Account& result)
     if (file == nullptr)
         return false;
     char line[512];
+    bool isFound = false;
     while (std::fgets(line, sizeof line, file.get()) != nullptr) {
         line[std::strcspn(line, "\n")] = '\0';
-        result = parseAccount(line);
-        if (result[Name] == user)
-            return true;
+        Account account = parseAccount(line);
+        if (account[Name] != user)
+            continue;
+        result = std::move(account);
+        isFound = true;
     }
-    return false;
+    return isFound;
+}
+
+bool appendAccount(const std::string& path, const Account& account)
+{
+    Stream file(std::fopen(path.c_str(), "ae"), &std::fclose);
+    if (file == nullptr)
+        return false;
+    for (const std::string& field : account)
+        std::fprintf(file.get(), "%s%c", field.c_str(), &field == &account.back() ? '\n' : ':');
+    return std::fclose(file.release()) == 0;
 }
 
 int statusOf(const std::string& text)
@@ -74,21 +90,27 @@ int statusOf(const std::string& text)
     return status;
 }
 
-/// A stored hash is a salt, a dollar sign and the hexadecimal PBKDF2-SHA256 of the password.
-bool matches(std::string_view stored, const char* password)
+/// A stored hash is a salt, a dollar sign and the hexadecimal PBKDF2-SHA256 of the password. Returns an empty
+/// one on failure.
+std::string hashOf(const std::string& salt, const char* password)
 {
     constexpr int kRounds = 1000;
-    const std::string salt(stored.substr(0, stored.find('$')));
     std::array<unsigned char, 32> key{};
     if (PKCS5_PBKDF2_HMAC(password, -1, reinterpret_cast<const unsigned char*>(salt.data()),
                           static_cast<int>(salt.size()), kRounds, EVP_sha256(), key.size(), key.data()) != 1)
-        return false;
+        return {};
     std::string computed = salt + '$';
     for (const unsigned char byte : key) {
         computed += "0123456789abcdef"[byte >> 4];
         computed += "0123456789abcdef"[byte & 15];
     }
-    return stored.size() == computed.size() &&
+    return computed;
+}
+
+bool matches(const std::string& stored, const char* password)
+{
+    const std::string computed = hashOf(stored.substr(0, stored.find('$')), password);
+    return !computed.empty() && stored.size() == computed.size() &&
            CRYPTO_memcmp(stored.data(), computed.data(), computed.size()) == 0;
 }
 
@@ -155,6 +177,25 @@ int checkAccount(pam_handle_t* handle, int argc, const char** argv)
     return found == PAM_SUCCESS ? statusOf(account[AccountStatus]) : found;
 }
 
+/// Called twice: to check the old password, and to take the new one.
+int changePassword(pam_handle_t* handle, int flags, int argc, const char** argv)
+{
+    const bool isCheck = (flags & PAM_PRELIM_CHECK) != 0;
+    Account account;
+    const int found = beginStep(handle, argc, argv, isCheck ? "check" : "change", account);
+    const char* password = nullptr;
+    const int asked = pam_get_authtok(handle, isCheck ? PAM_OLDAUTHTOK : PAM_AUTHTOK, &password, nullptr);
+    if (asked != PAM_SUCCESS || found != PAM_SUCCESS)
+        return asked != PAM_SUCCESS ? asked : found;
+    if (isCheck)
+        return matches(account[Hash], password) ? PAM_SUCCESS : PAM_AUTH_ERR;
+    account[Hash] = hashOf("another salt", password);
+    account[AccountStatus] = "0";
+    const bool isDone = !account[Hash].empty() && (argument(argc, argv, "keep=").empty() ||
+                                                   appendAccount(argument(argc, argv, "accounts="), account));
+    return isDone ? PAM_SUCCESS : PAM_AUTHTOK_ERR;
+}
+
 int openSession(pam_handle_t* handle, int argc, const char** argv)
 {
     static std::atomic<int> s_lastSession = 0;
@@ -194,6 +235,11 @@ MODULE_ENTRY pam_sm_setcred(pam_handle_t*, int, int, const char**)
 MODULE_ENTRY pam_sm_acct_mgmt(pam_handle_t* handle, int, int argc, const char** argv)
 {
     return guarded([&] { return checkAccount(handle, argc, argv); });
+}
+
+MODULE_ENTRY pam_sm_chauthtok(pam_handle_t* handle, int flags, int argc, const char** argv)
+{
+    return guarded([&] { return changePassword(handle, flags, argc, argv); });
 }
 
 MODULE_ENTRY pam_sm_open_session(pam_handle_t* handle, int, int argc, const char** argv)

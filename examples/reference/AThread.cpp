@@ -3,7 +3,6 @@
 #include "AThread.h"
 
 #include <cstdio>
-#include <ctime>
 #include <unistd.h>
 
 class Poller : public AThread {
@@ -18,10 +17,9 @@ public:
 private:
     void run() override
     {
-        m_id = getThreadID();
-        const timespec pause = {0, 1'000'000};
-        while (!isStopRequested())
-            nanosleep(&pause, nullptr);
+        do
+            m_id = getThreadID(); // what it polls
+        while (pauseFor(60'000)); // no end of it is waited for
     }
 
     std::int64_t m_id = 0;
@@ -33,4 +31,6 @@ int main()
     std::printf("running: %d\n", poller.isRunning());
     poller.start();
     std::printf("running: %d\n", poller.isRunning());
+    if (!poller.isJoinable())
+        std::puts("the system has no thread left");
 }

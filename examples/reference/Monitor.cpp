@@ -1,7 +1,9 @@
-// A queue between two threads. A guard gives the lock back at the end of its scope.
+// A queue between two threads, which gives -1 when nothing comes for half a second. A guard gives the lock
+// back at the end of its scope.
 
 #include "Monitor.h"
 
+#include <chrono>
 #include <cstdio>
 #include <deque>
 #include <thread>
@@ -21,8 +23,11 @@ void put(Queue& queue, int value)
 int take(Queue& queue)
 {
     const MonitorLock lock = queue.monitor.acquireLock();
-    while (queue.values.empty()) // a wake-up may be spurious, or the end of the half second
-        queue.monitor.wait(500);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+    while (queue.values.empty()) { // a wake-up may be spurious
+        if (!queue.monitor.waitUntil(end))
+            return -1;
+    }
     const int value = queue.values.front();
     queue.values.pop_front();
     return value;
@@ -35,7 +40,7 @@ int main()
         for (const int value : {1, 2, 3})
             put(queue, value);
     });
-    for (int count = 0; count < 3; ++count)
+    for (int count = 0; count < 4; ++count)
         std::printf("took %d\n", take(queue));
     producer.join();
 }

@@ -47,17 +47,23 @@ private:
     pam_response* m_replies;
 };
 
-bool asksForPassword(const char* prompt)
+/// Returns null for a prompt that isn't answered.
+const char* answerTo(const char* prompt, const Secrets& secrets)
 {
-    return prompt != nullptr &&
-           (std::strcmp(prompt, "Password: ") == 0 || std::strstr(prompt, "password: ") != nullptr);
+    const auto contains = [prompt](const char* text) { return std::strstr(prompt, text) != nullptr; };
+    const bool changes = secrets.newPassword != nullptr;
+    if (!contains("password: ") &&
+        !(changes ? contains("Password: ") : std::strcmp(prompt, "Password: ") == 0))
+        return nullptr;
+    return changes && (contains("new ") || contains("New ")) ? secrets.newPassword : secrets.password;
 }
 
-bool answerFromMemory(const char* prompt, const char* password, pam_response& reply)
+bool answerFromMemory(const char* prompt, const Secrets& secrets, pam_response& reply)
 {
-    if (!asksForPassword(prompt) || password == nullptr)
+    const char* const answer = prompt == nullptr ? nullptr : answerTo(prompt, secrets);
+    if (answer == nullptr)
         return false;
-    reply.resp = strdup(password);
+    reply.resp = strdup(answer);
     return reply.resp != nullptr;
 }
 
@@ -83,11 +89,11 @@ bool showText(const char* text, FILE* stream)
 }
 
 /// Returns false when the message fails the conversation.
-bool handleMessage(const pam_message& message, const char* password, pam_response& reply)
+bool handleMessage(const pam_message& message, const Secrets& secrets, pam_response& reply)
 {
     switch (message.msg_style) {
     case PAM_PROMPT_ECHO_OFF:
-        return answerFromMemory(message.msg, password, reply);
+        return answerFromMemory(message.msg, secrets, reply);
     case PAM_PROMPT_ECHO_ON:
         return answerFromInput(message.msg, reply);
     case PAM_ERROR_MSG:
@@ -101,7 +107,8 @@ bool handleMessage(const pam_message& message, const char* password, pam_respons
 
 } // namespace
 
-int holdConversation(int count, const pam_message** messages, pam_response** responses, const char* password)
+int holdConversation(int count, const pam_message** messages, pam_response** responses,
+                     const Secrets& secrets)
 {
     if (count < 1 || count > PAM_MAX_NUM_MSG || messages == nullptr || responses == nullptr)
         return PAM_CONV_ERR;
@@ -109,7 +116,7 @@ int holdConversation(int count, const pam_message** messages, pam_response** res
     if (!replies.allocated())
         return PAM_BUF_ERR;
     for (int i = 0; i < count; ++i) {
-        if (!handleMessage(*messages[i], password, replies.at(i)))
+        if (!handleMessage(*messages[i], secrets, replies.at(i)))
             return PAM_CONV_ERR;
     }
     *responses = replies.release();

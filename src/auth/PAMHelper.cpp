@@ -29,14 +29,6 @@ constexpr const char* kContextVariable = "CONTEXT_ID";
 constexpr const char* kSessionVariable = "SESSION_ID";
 constexpr const char* kContextTrigger = "OIDC_LOGIN";
 
-/// Held over a call that takes PAM steps. A cancellation waits: libpam and its modules, which are C, would
-/// leave copies of the password behind, and a transaction that libpam can't end.
-class PamStep {
-private:
-    const CancelBlock m_block;
-    const FastLock m_lock{PAMHelper::instanceMapMonitor};
-};
-
 /// The string keeps its length.
 void wipe(std::string& secret)
 {
@@ -86,6 +78,26 @@ void endTransaction(pam_handle_t* handle, int status)
 
 } // namespace
 
+/// Held over a call that takes PAM steps. A cancellation waits: libpam and its modules, which are C, would
+/// leave copies of the password behind, and a transaction that libpam can't end. In the end the helper has
+/// forgotten what it answers prompts with.
+class PAMHelper::PamStep {
+public:
+    explicit PamStep(PAMHelper& helper) : m_helper(helper) { m_helper.attachConversation(); }
+    ~PamStep()
+    {
+        wipe(m_helper.m_password);
+        m_helper.attachConversation();
+    }
+    PamStep(const PamStep&) = delete;
+    PamStep& operator=(const PamStep&) = delete;
+
+private:
+    const CancelBlock m_block;
+    const FastLock m_lock{instanceMapMonitor};
+    PAMHelper& m_helper;
+};
+
 PAMHelper::PAMHelper(const char* remoteIP, const char* interfaceIP)
     : m_conv{}, m_pamHandle(nullptr), m_kepSessionId(0), m_wasRegistered(false),
       m_authResult(PAM_AUTHINFO_UNAVAIL), m_holds(1), m_fwInProgress(false), m_fwSemLocked(false),
@@ -104,9 +116,7 @@ PAMHelper::~PAMHelper()
 
 int PAMHelper::authenticate(std::string& user, std::string& password, bool& skipAuth)
 {
-    const PamStep step;
-    const AtExit forget([this] { wipe(m_password); });
-    attachConversation();
+    const PamStep step(*this);
     if (m_user.empty() || m_user == user)
         return checkOwnUser(user, password, skipAuth);
     return checkOtherUser(user, password, skipAuth);
@@ -114,8 +124,7 @@ int PAMHelper::authenticate(std::string& user, std::string& password, bool& skip
 
 int PAMHelper::authenticate(std::string& service, std::string& user, std::string& password, bool& skipAuth)
 {
-    const PamStep step;
-    const AtExit forget([this] { wipe(m_password); });
+    const PamStep step(*this);
     const int startStatus = startTransaction(service, user, password);
     return checkUserAndAccount(startStatus, skipAuth);
 }
@@ -123,8 +132,7 @@ int PAMHelper::authenticate(std::string& service, std::string& user, std::string
 int PAMHelper::authenticate(std::string& service, std::string& user, std::string& password,
                             std::string& token, bool& skipAuth)
 {
-    const PamStep step;
-    const AtExit forget([this] { wipe(m_password); });
+    const PamStep step(*this);
     const int startStatus = startTransaction(service, user, password);
     setEnv(kTokenVariable, token.c_str());
     return checkUserAndAccount(startStatus, skipAuth);
@@ -133,8 +141,7 @@ int PAMHelper::authenticate(std::string& service, std::string& user, std::string
 int PAMHelper::authenticate(std::string& service, std::string& user, std::string& password,
                             std::string& envName, std::string& envValue, bool& skipAuth)
 {
-    const PamStep step;
-    const AtExit forget([this] { wipe(m_password); });
+    const PamStep step(*this);
     const int startStatus = startTransaction(service, user, password);
     setEnv(envName.c_str(), envValue.c_str());
     setEnv(kContextVariable, password.c_str());
@@ -145,13 +152,26 @@ int PAMHelper::authenticate(std::string& service, std::string& user, std::string
                             std::string& contextId, std::string& envName, std::string& envValue,
                             bool& skipAuth)
 {
-    const PamStep step;
-    const AtExit forget([this] { wipe(m_password); });
+    const PamStep step(*this);
     const int startStatus = startTransaction(service, user, password);
     setEnv(envName.c_str(), envValue.c_str());
     if (envName == kContextTrigger)
         setEnv(kContextVariable, contextId.c_str());
     return checkUserAndAccount(startStatus, skipAuth);
+}
+
+int PAMHelper::changePassword(const std::string& oldPassword, const std::string& newPassword)
+{
+    const PamStep step(*this);
+    if (m_authResult != PAM_NEW_AUTHTOK_REQD)
+        return PAM_PERM_DENIED;
+    m_password = oldPassword;
+    // libpam has a copy of the record, so that ours can tell converse() what else to answer.
+    m_conv.appdata_ptr = const_cast<char*>(newPassword.c_str());
+    const int status = pam_chauthtok(m_pamHandle, PAM_CHANGE_EXPIRED_AUTHTOK);
+    if (status == PAM_SUCCESS)
+        setAuthResult(status);
+    return status;
 }
 
 int PAMHelper::getAuthResult()
@@ -193,12 +213,18 @@ int PAMHelper::converse(int num_msg, const struct pam_message** msg, struct pam_
                         void* appdata_ptr)
 {
     const auto* helper = static_cast<const PAMHelper*>(appdata_ptr);
-    return holdConversation(num_msg, msg, resp, helper == nullptr ? nullptr : helper->m_password.c_str());
+    Secrets secrets;
+    if (helper != nullptr) {
+        secrets.password = helper->m_password.c_str();
+        if (helper->m_conv.appdata_ptr != helper)
+            secrets.newPassword = static_cast<const char*>(helper->m_conv.appdata_ptr);
+    }
+    return holdConversation(num_msg, msg, resp, secrets);
 }
 
 bool PAMHelper::startSession()
 {
-    const PamStep step;
+    const PamStep step(*this);
     writeShared(m_sessionOpen, false);
     const bool mayOpen = m_authResult == PAM_SUCCESS || m_authResult == PAM_NEW_AUTHTOK_REQD;
     if (!mayOpen || pamOpenSession(m_pamHandle, 0) != PAM_SUCCESS)
@@ -316,7 +342,6 @@ int PAMHelper::startTransaction(const std::string& service, const std::string& u
     m_service = service;
     m_user = user;
     m_password = password;
-    attachConversation();
     m_pamHandle = nullptr;
     return pam_start(m_service.c_str(), user.c_str(), &m_conv, &m_pamHandle);
 }

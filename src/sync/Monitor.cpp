@@ -1,8 +1,8 @@
 #include "Monitor.h"
 
 #include "AComponentLog.h"
+#include "sync/DeadlineAfter.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <ctime>
@@ -12,10 +12,7 @@ int NextMonitorId = 1;
 
 namespace {
 
-constexpr int kMillisecondsPerSecond = 1000;
-constexpr long kNanosecondsPerMillisecond = 1'000'000;
 constexpr long kNanosecondsPerMicrosecond = 1'000;
-constexpr long kNanosecondsPerSecond = 1'000'000'000;
 
 void initialiseRecursive(pthread_mutex_t& mutex)
 {
@@ -24,21 +21,6 @@ void initialiseRecursive(pthread_mutex_t& mutex)
     pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
     pthread_mutex_init(&mutex, &attributes);
     pthread_mutexattr_destroy(&attributes);
-}
-
-timespec deadlineIn(int timeoutMs)
-{
-    timeval now{};
-    gettimeofday(&now, nullptr);
-    timespec deadline{};
-    deadline.tv_sec = now.tv_sec + timeoutMs / kMillisecondsPerSecond;
-    deadline.tv_nsec = now.tv_usec * kNanosecondsPerMicrosecond +
-                       timeoutMs % kMillisecondsPerSecond * kNanosecondsPerMillisecond;
-    if (deadline.tv_nsec >= kNanosecondsPerSecond) {
-        deadline.tv_nsec -= kNanosecondsPerSecond;
-        ++deadline.tv_sec;
-    }
-    return deadline;
 }
 
 } // namespace
@@ -87,7 +69,10 @@ void Monitor::wait()
 
 void Monitor::wait(int timeoutMs)
 {
-    const timespec deadline = deadlineIn(std::max(timeoutMs, 0));
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    const timespec deadline =
+        deadlineAfter({now.tv_sec, now.tv_usec * kNanosecondsPerMicrosecond}, timeoutMs);
     const int result = pthread_cond_timedwait(&m_condition, &m_mutex, &deadline);
     if (result != 0 && result != EINTR && result != ETIMEDOUT)
         m_log->print(" pthread_cond_timedwait returned: %i\n", result);

@@ -95,10 +95,11 @@ struct PAMHelperCallsTest : testing::Test {
         takeCalls();
     }
 
-    /// Each authentication holds this conversation. Its replies come into m_replies.
-    void letPamAsk(const std::vector<pam_message>& messages)
+    /// Each such step holds this conversation. Its replies come into m_replies.
+    void letPamAsk(const std::vector<pam_message>& messages,
+                   std::function<int(pam_handle_t&)> FakePam::*step = &FakePam::onAuthenticate)
     {
-        fakePam().onAuthenticate = [this, messages](const pam_handle_t& pam) {
+        fakePam().*step = [this, messages](const pam_handle_t& pam) {
             std::vector<const pam_message*> pointers;
             pointers.reserve(1); // without messages it is an array all the same
             for (const pam_message& message : messages)
@@ -150,6 +151,7 @@ TEST_F(PAMHelperCallsTest, WithoutTransactionPamIsNotCalled)
     EXPECT_EQ(m_helper->stopSession(), 0);
     EXPECT_EQ(m_helper->setEnv("A", "B"), 0);
     EXPECT_EQ(m_helper->getEnv("A"), nullptr);
+    EXPECT_EQ(m_helper->changePassword("a", "b"), PAM_PERM_DENIED);
     EXPECT_EQ(takeCalls(), Calls{});
 }
 
@@ -238,6 +240,7 @@ TEST_F(PAMHelperCallsTest, CancellationWaitsUntilEachOperationIsOver)
         {"own", [&] { m_helper->authenticate(m_user, m_password, skip); }},
         {"other", [&] { m_helper->authenticate(bob, m_password, skip); }},
         {"setEnv", [&] { m_helper->setEnv("NAME", "value"); }},
+        {"change", [&] { m_helper->changePassword(m_password, text); }},
         {"start", [&] { m_helper->startSession(); }},
         {"stop", [&] { m_helper->stopSession(); }},
         {"dispose", [&] { std::exchange(m_helper, new Login)->dispose(); }},
@@ -246,6 +249,7 @@ TEST_F(PAMHelperCallsTest, CancellationWaitsUntilEachOperationIsOver)
     int count = 0;
     for (const auto& [operation, run] : operations) {
         renew();
+        fakePam().statuses["account"] = PAM_NEW_AUTHTOK_REQD;
         if (operation == std::string_view("delete")) // a derived class has its own cares
             std::exchange(m_helper, new PAMHelper(nullptr, nullptr))->dispose();
         const bool isFullForm = ++count <= 4; // which would start a second transaction
@@ -460,6 +464,52 @@ TEST_F(PAMHelperCallsTest, ConversationAnswersOnlyPasswordPromptsWhicheverUserIs
     EXPECT_EQ(PAMHelper::converse(1, &messages, &replies, nullptr), PAM_CONV_ERR); // no helper
 }
 
+TEST_F(PAMHelperCallsTest, ChangeAnswersEachPromptWithItsPassword)
+{
+    const std::pair<const char*, const char*> cases[] = {
+        {"Password: ", "old"},
+        {"Current password: ", "old"},
+        {"(current) UNIX password: ", "old"},
+        {"Current Password: ", "old"},
+        {"New password: ", "new"},
+        {"Retype new Kerberos password: ", "new"},
+        {"Reenter new Password: ", "new"},
+        {"New password:", nullptr},
+        {"New PIN: ", nullptr},
+        {nullptr, nullptr},
+    };
+    for (const auto& [prompt, answer] : cases) {
+        renew();
+        m_replies.clear();
+        fakePam().statuses["account"] = PAM_NEW_AUTHTOK_REQD;
+        logIn();
+        letPamAsk({{PAM_PROMPT_ECHO_OFF, prompt}}, &FakePam::onChange);
+        EXPECT_EQ(m_helper->changePassword("old", "new"), answer == nullptr ? PAM_CONV_ERR : PAM_SUCCESS);
+        letPamAsk({{PAM_PROMPT_ECHO_OFF, "New password: "}}); // as ever, outside a change
+        EXPECT_EQ(checkAgain("alice"), PAM_SUCCESS);
+        EXPECT_EQ(m_replies, answer == nullptr ? Calls{m_password} : (Calls{answer, m_password})) << prompt;
+    }
+}
+
+TEST_F(PAMHelperCallsTest, PasswordIsChangedOnlyAndOnlyOnceIfItMustBe)
+{
+    fakePam().statuses["account"] = PAM_NEW_AUTHTOK_REQD;
+    open();
+    const auto change = [&](int status) {
+        fakePam().statuses["change"] = status;
+        const int result = m_helper->changePassword("old", "new");
+        EXPECT_EQ(m_helper->m_password.find_first_not_of('\0'), std::string::npos);
+        return result;
+    };
+    EXPECT_EQ(change(PAM_AUTHTOK_ERR), PAM_AUTHTOK_ERR);
+    EXPECT_EQ(m_helper->getAuthResult(), PAM_NEW_AUTHTOK_REQD);
+    EXPECT_EQ(change(PAM_SUCCESS), PAM_SUCCESS);
+    EXPECT_EQ(m_helper->getAuthResult(), PAM_SUCCESS);
+    EXPECT_EQ(change(PAM_SUCCESS), PAM_PERM_DENIED);
+    EXPECT_EQ(takeCalls(), (Calls{"1 change 32", "1 change 32"}));
+    EXPECT_TRUE(m_helper->isValid());
+}
+
 TEST_F(PAMHelperCallsTest, TextsAreShownAndAPromptWithEchoIsAnsweredFromStandardInput)
 {
     const std::string longLine(600, 'x');
@@ -494,6 +544,10 @@ TEST_F(PAMHelperCallsTest, NoTemporaryOrDiscardedReplyKeepsThePassword)
         EXPECT_EQ(m_helper->authenticate(m_service, m_user, password, name, value, skip),
                   skip ? PAM_SUCCESS : PAM_CONV_ERR);
     }
+    m_helper->m_authResult = PAM_NEW_AUTHTOK_REQD;
+    letPamAsk({asks, {PAM_PROMPT_ECHO_OFF, "New password: "}, {PAM_PROMPT_ECHO_OFF, "PIN: "}},
+              &FakePam::onChange);
+    EXPECT_EQ(m_helper->changePassword(password, password), PAM_CONV_ERR);
     FILE* const terminal = std::exchange(stdin, std::tmpfile());
     std::setvbuf(stdin, nullptr, _IONBF, 0);
     std::fputs(password.c_str(), stdin);

@@ -38,9 +38,10 @@ struct PAMHelperLoginTest : testing::Test {
         return helper;
     }
 
-    const PamStack m_stack{GORV_DEMO_MODULE,
-                           "test",
-                           {{"alice", "7"}, {"minus", "-1"}, {"crowd", "auto"}, {"dinah", "1", kLongHash}}};
+    const PamStack m_stack{
+        GORV_DEMO_MODULE,
+        "test",
+        {{"alice", "7"}, {"minus", "-1"}, {"crowd", "auto"}, {"dinah", "1", kLongHash, "12"}}};
 
 private:
     static constexpr const char* kLongHash = // "through the looking-glass and what she found"
@@ -49,22 +50,28 @@ private:
 
 TEST_F(PAMHelperLoginTest, CancelledLoginLeavesNoPasswordNoSessionAndNoTransaction)
 {
-    const ProcessMemory::Secret secret("through the looking-glass and what she found");
-    std::string password = secret.text(), service = "test", user = "dinah", other = "alice";
+    const ProcessMemory::Secret secret("through the looking-glass and what she found"),
+        newSecret("what Alice found there is nobody's business");
+    std::string password = secret.text(), next = newSecret.text(), service = "test", user = "dinah",
+                other = "alice";
     bool skip = false;
     s_ends = 0;
     EXPECT_TRUE(endsDespiteCancellation([&] {
         auto* const helper = new PAMHelper("10.0.0.9", "10.0.0.1");
-        EXPECT_EQ(helper->authenticate(service, user, password, skip), PAM_SUCCESS);
+        EXPECT_EQ(helper->authenticate(service, user, password, skip), PAM_NEW_AUTHTOK_REQD);
         EXPECT_TRUE(helper->startSession());
+        EXPECT_EQ(helper->changePassword(password, next), PAM_SUCCESS);
+        EXPECT_EQ(helper->authenticate(user, next, skip), PAM_SUCCESS);
         EXPECT_EQ(helper->authenticate(other, password, skip), PAM_AUTH_ERR);
         helper->dispose();
     }));
     EXPECT_EQ(s_ends, 2);
     EXPECT_NE(readFile(m_stack.path("record")).find("close user=dinah"), std::string::npos);
     OPENSSL_cleanse(password.data(), password.size());
-    // A sanitizer's own memory is searched in vain.
-    EXPECT_FALSE(ProcessMemory::canBeSearched() && ProcessMemory::holds(secret));
+    OPENSSL_cleanse(next.data(), next.size());
+    for (const auto* each : {&secret, &newSecret}) { // a sanitizer's own memory is searched in vain
+        EXPECT_FALSE(ProcessMemory::canBeSearched() && ProcessMemory::holds(*each));
+    }
 }
 
 TEST_F(PAMHelperLoginTest, HelperIsFoundByTextAndNumberUntilItsSessionStops)

@@ -174,9 +174,9 @@ TEST_F(ConsoleTestAttack, PasswordIsNowhereAfterTheLogin)
     start("-log log -trace trace -level 9");
     const std::string daemon = std::to_string(m_pid);
     const std::tuple<const char*, std::string, const char*> logins[] = {
-        {"bob", kPassphrase, "logged in"},
+        {"bob", kPassphrase, "need not be changed"},
         {"carol", kPassphrase, "login refused"},
-        {"dave", kPassphrase, "must be changed"},
+        {"dave", kPassphrase, "\nchanged\n"},
         {"alice", "x94Kfq!m0Z", "login refused"},
         {"nobody", std::string(100, 'q') + std::string(100, 'w'), "login refused"},
     };
@@ -187,7 +187,10 @@ TEST_F(ConsoleTestAttack, PasswordIsNowhereAfterTheLogin)
                      std::to_string(m_port) + " -user " + user + " >client 2>&1")
                         .c_str(),
                     "w");
-        std::fprintf(client, "%s\nset motto motto is no secret, and kept\n", password.c_str());
+        std::fprintf(client, "%s\npasswd\n", password.c_str());
+        for (int i = 0; i < 3; ++i)
+            std::fprintf(client, "%s\n", password.c_str());
+        std::fprintf(client, "set motto motto is no secret, and kept\n");
         std::fflush(client);
         EXPECT_TRUE(eventually([&, text = outcome] { return countIn("client", text) > 0; })) << user;
         EXPECT_EQ(piecesIn(std::to_string(std::stoi(written("pid"))), password), 0) << "client, " << user;

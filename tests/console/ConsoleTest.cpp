@@ -9,6 +9,8 @@ TEST_F(ConsoleTest, ClientWalksThroughASession)
     start("-log log -trace trace -level 3");
     const std::string longLine =
         "wonderland\nget hostname\nset k " + std::string(5000, 'x') + " run id\nget k";
+    const std::string next = "\ntea party\ntea party\n";
+    const std::string changes = std::string(kPassphrase) + "\nwrong" + next + kPassphrase + next;
     const std::tuple<const char*, std::string, const char*> runs[] = {
         {"-user alice -c 'set hostname box-17; set hostname box-17; get hostname; event "
          "gui_event_config_changed now; "
@@ -21,6 +23,10 @@ TEST_F(ConsoleTest, ClientWalksThroughASession)
          "logout'",
          kPassphrase,
          "logged in; the password must be changed\ndave from 127.0.0.1, session \\d+\nlogged out\n1\n"},
+        {"-user dave -c 'passwd; get hostname; passwd; get hostname; passwd'", changes,
+         "logged in; the password must be changed\nchanged\nbox-17\n1\n"},
+        {"-user dave -c 'passwd'", "tea party\nanother\none",
+         "logged in\n1\n"},                                  // with the new password; the new ones differ
         {"-user alice", longLine, "logged in\nbox-17\n1\n"}, // the long line is refused as a whole
         {"-c who", "", "1\n"},
         {"-c dance", "", "1\n"},
@@ -34,6 +40,7 @@ TEST_F(ConsoleTest, ClientWalksThroughASession)
         EXPECT_TRUE(std::regex_match(output, std::regex(outcome))) << arguments << output;
     }
     EXPECT_EQ(countIn("log", "consoled - 127\\.0\\.0\\.1:\\d+: \"alice\" logged in, session 1\n"), 1);
+    EXPECT_EQ(countIn("log", "\"dave\" changes \"password\": (done|the password was not changed)\n"), 2);
     EXPECT_NE(written("trace").find(": operation 7\n"), std::string::npos);
     EXPECT_NE(written("record").find("close user=alice rhost=127.0.0.1 INTERFACE_IP=127.0.0.1"),
               std::string::npos);

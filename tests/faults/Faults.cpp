@@ -218,6 +218,12 @@ STEP(void, funlockfile, (FILE * stream) noexcept, real(stream))
 CALL(std::tm*, localtime_r, (const std::time_t* second, std::tm* time) noexcept, real(second, time), 0,
      nullptr, 0)
 STEP(void, tzset, () noexcept, real())
+CALL(int, pthread_create,
+     (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*), void* object) noexcept,
+     real(thread, attributes, body, object), Fails, EAGAIN, 0)
+STEP(int, pthread_cond_clockwait,
+     (pthread_cond_t * condition, pthread_mutex_t* mutex, clockid_t clock, const timespec* end),
+     real(condition, mutex, clock, end))
 STEP(int, pthread_mutex_lock, (pthread_mutex_t * mutex) noexcept, real(mutex))
 STEP(int, pthread_mutex_unlock, (pthread_mutex_t * mutex) noexcept, real(mutex))
 STEP(int, pam_start_confdir,
@@ -225,6 +231,7 @@ STEP(int, pam_start_confdir,
       pam_handle_t** handle),
      counted(Faults::s_transactions, 1, real(service, user, conversation, folder, handle)))
 STEP(int, pam_authenticate, (pam_handle_t * handle, int flags), real(handle, flags))
+STEP(int, pam_chauthtok, (pam_handle_t * handle, int flags), real(handle, flags))
 STEP(int, pam_acct_mgmt, (pam_handle_t * handle, int flags), real(handle, flags))
 STEP(int, pam_open_session, (pam_handle_t * handle, int flags),
      counted(Faults::s_sessions, 1, real(handle, flags)))

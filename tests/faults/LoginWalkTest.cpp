@@ -39,7 +39,8 @@ struct HostLogin : PAMHelper {
 
 /// From the check of a password to the end of the session.
 struct Login : Road {
-    explicit Login(const ProcessMemory::Secret& secret) : m_secret(secret), m_password(secret.text())
+    Login(const ProcessMemory::Secret& secret, const char* user)
+        : m_secret(secret), m_password(secret.text()), m_user(user)
     {
         m_outcome.reserve(100); // only what is watched shall allocate
     }
@@ -49,6 +50,8 @@ struct Login : Road {
         try {
             m_helper = new HostLogin("::ffff:10.20.30.40", "2001:db8:1234:5678:9abc:def0:1234:5678");
             m_outcome = std::to_string(m_helper->authenticate(m_service, m_user, m_password, m_skip));
+            if (m_helper->changePassword(m_password, m_next) == PAM_SUCCESS)
+                m_outcome += " changed";
             if (m_helper->startSession())
                 m_outcome += " opened";
             m_helper->setSessionId(AUtil::generateRandomKey());
@@ -89,8 +92,9 @@ struct Login : Road {
     const ProcessMemory::Secret& m_secret;
     // None of them fits into a string itself.
     std::string m_password;
-    std::string m_service = "a-service-with-a-long-name", m_user = "a-user-with-a-long-name";
+    std::string m_service = "a-service-with-a-long-name", m_user;
     std::string m_stranger = "another-user-with-a-long-name";
+    const std::string m_next = "a-new-password-that-libpam-leaks"; // where it has no memory to ask twice
     bool m_skip = false;
     std::atomic<bool> m_isEnding = false;
     std::string m_outcome = "-1";
@@ -99,17 +103,29 @@ struct Login : Road {
 
 TEST(LoginWalkTest, NothingThatHappensToALoginLeavesItOpenOrLetsAWrongPasswordIn)
 {
-    const PamStack stack(GORV_DEMO_MODULE, "a-service-with-a-long-name", {{"a-user-with-a-long-name", "7"}});
+    const char* const user = "a-user-with-a-long-name";
+    const char* const expired = "a-user-with-an-old-password";
+    const PamStack stack(GORV_DEMO_MODULE, "a-service-with-a-long-name",
+                         {{user, "7"}, {expired, "7", PamStack::Account().hash, "12"}}, false);
     useServiceFilesIn(stack.path().c_str());
     ::dlopen(GORV_DEMO_MODULE, RTLD_NOW); // loading it anew for each walk would take long
     const ProcessMemory::Secret right("wonderland"), wrong("a password that is wrong and long");
-    for (const auto* secret : {&right, &wrong}) {
-        const std::string status = secret == &right ? "0 opened" : "7";
-        const std::string any = secret == &right ? ".*" : "-1|[^0].*"; // PAM has much to fail with
-        const std::string none = "(0 opened|7) registered";
+    const struct {
+        const char* name;
+        const ProcessMemory::Secret& secret;
+        const char* undisturbed;
+        const char* any; // PAM has much to fail with
+        const char* none;
+    } logins[] = {
+        {user, right, "0 opened registered", ".*", "(0 opened|7) registered"},
+        {user, wrong, "7 registered", "-1|[^0].*", "7 registered"},
+        {expired, right, "12 changed opened registered", ".*", "(12 changed opened|12 opened|7) registered"},
+    };
+    for (const auto& [name, secret, undisturbed, any, none] : logins) {
+        const auto begin = [&, of = name, with = &secret] { return std::make_unique<Login>(*with, of); };
         walkEachCall({"login",
-                      [&] { return std::make_unique<Login>(*secret); },
-                      status + " registered",
+                      begin,
+                      undisturbed,
                       {{"calloc", any},
                        {"malloc", any},
                        {"new", any},

@@ -16,7 +16,7 @@ struct pam_handle {
 
 /// What the stand-in answers and records.
 struct FakePam {
-    std::function<int(pam_handle_t&)> onAuthenticate;
+    std::function<int(pam_handle_t&)> onAuthenticate, onChange;
     const char* sessionId = nullptr;                ///< The variable SESSION_ID.
     bool records = false;                           ///< Otherwise no argument is kept or copied.
     std::vector<std::string> calls;                 ///< "1 account 0": the transaction or "-", and the call.

@@ -15,12 +15,14 @@ public:
         std::string status = "0"; // of the account
     };
 
-    PamStack(const char* module, const char* service, const std::vector<Account>& accounts)
+    /// A password that is changed is kept, unless @p keeps is false.
+    PamStack(const char* module, const char* service, const std::vector<Account>& accounts, bool keeps = true)
     {
         std::ofstream stack(path(service)), list(path("accounts"));
-        for (const char* type : {"auth", "account", "session"})
+        for (const char* type : {"auth", "account", "password", "session"})
             stack << type << " required [" << module << "] [accounts=" << path("accounts")
-                  << "] [record=" << path("record") << "]\n"; // there may be a blank in the paths
+                  << "] [record=" << path("record") << "]"
+                  << (keeps ? " keep=yes\n" : "\n"); // there may be a blank in the paths
         for (const auto& [user, sessionId, hash, status] : accounts)
             list << user << ':' << hash << ':' << status << ':' << sessionId << '\n';
     }

@@ -2,8 +2,17 @@
 #include "support/Cancelled.h"
 #include "support/Interposed.h"
 
+#include <algorithm>
+#include <array>
 #include <atomic>
+#include <csignal>
 #include <gtest/gtest.h>
+
+#ifdef __SANITIZE_THREAD__ // which keeps them until the system call is over
+constexpr bool kTakesSignals = false;
+#else
+constexpr bool kTakesSignals = true;
+#endif
 
 static bool s_creationFails = false;
 
@@ -46,9 +55,12 @@ TEST(AThreadTest, JoinWaitsForNothingWithoutAThreadToJoin)
 {
     Counter thread, next, refused;
     thread.join(); // not started
+    EXPECT_FALSE(thread.isJoinable());
     thread.stopThread();
     thread.start();
+    EXPECT_TRUE(thread.isJoinable());
     thread.join();
+    EXPECT_FALSE(thread.isJoinable());
     next.start();
     thread.join(); // must not wait for the next thread, which has taken over the handle
     next.stopThread();
@@ -56,9 +68,73 @@ TEST(AThreadTest, JoinWaitsForNothingWithoutAThreadToJoin)
     s_creationFails = true;
     refused.start();
     s_creationFails = false;
+    EXPECT_FALSE(refused.isJoinable());
     refused.join(); // never there
     EXPECT_TRUE(refused.isRunning());
 }
+
+/// Pauses until it is asked to stop.
+struct Sleeper : AThread {
+    void run() override
+    {
+        m_handle = ::pthread_self();
+        goesOn(50);
+        goesOn(-1);
+        m_state = Asleep;
+        m_state = pauseFor(3'600'000) ? Overslept : Ended;
+    }
+    void goesOn(int timeoutMs)
+    {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        EXPECT_TRUE(pauseFor(timeoutMs));
+        EXPECT_GE(std::chrono::steady_clock::now(), end);
+    }
+    void awaitSleep() const
+    {
+        while (m_state != Asleep)
+            std::this_thread::yield();
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    enum State { Awake, Asleep, Overslept, Ended };
+    std::atomic<State> m_state = Awake;
+    std::atomic<pthread_t> m_handle = 0;
+    using AThread::pauseFor;
+};
+
+TEST(AThreadTest, PauseLastsUntilItsOwnThreadIsAskedToStopEvenByASignalHandler)
+{
+    std::array<Sleeper, 40> sleepers; // some share what they are woken by
+    static Sleeper* s_stopped = nullptr;
+    std::signal(SIGUSR1, [](int) { s_stopped->stopThread(); });
+    for (Sleeper& sleeper : sleepers)
+        sleeper.start();
+    for (const Sleeper& sleeper : sleepers)
+        sleeper.awaitSleep();
+    for (Sleeper& sleeper : sleepers) {
+        s_stopped = &sleeper;
+        const bool takesItself = &sleeper == &sleepers[0] && kTakesSignals;
+        ::pthread_kill(takesItself ? sleeper.m_handle.load() : ::pthread_self(), SIGUSR1);
+        sleeper.join();
+        EXPECT_EQ(sleeper.m_state, Sleeper::Ended);
+        const auto later = sleepers.begin() + (&sleeper - sleepers.data()) + 1;
+        EXPECT_TRUE(
+            std::all_of(later, sleepers.end(), [](Sleeper& s) { return s.m_state == Sleeper::Asleep; }));
+    }
+    EXPECT_FALSE(sleepers[0].pauseFor(3'600'000)); // asked before
+    std::signal(SIGUSR1, SIG_DFL);
+}
+
+#if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__) // which guard the stack that is unwound
+TEST(AThreadTest, CancellationEndsAPause)
+{
+    Sleeper sleeper;
+    sleeper.start();
+    sleeper.awaitSleep();
+    ::pthread_cancel(sleeper.m_handle);
+    sleeper.join();
+    EXPECT_EQ(sleeper.m_state, Sleeper::Asleep);
+}
+#endif
 
 #ifndef __SANITIZE_THREAD__ // which can't have a join cancelled
 TEST(AThreadTest, CancelledJoinLeavesTheThreadToBeJoined)

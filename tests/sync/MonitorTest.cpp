@@ -72,10 +72,40 @@ TEST(MonitorTest, NotifyWakesOneWaiterAndATimedWaitEndsEarlyOrAtItsLimit)
     }
 }
 
+TEST(MonitorTest, NotifyAllWakesEveryWaiterAndOnlyTheEndOfTheTimeIsATimeOut)
+{
+    constexpr int kWaiters = 3;
+    Monitor monitor;
+    int waiting = 0, woken = 0;
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < kWaiters; ++i) {
+        threads.emplace_back([&] {
+            const MonitorLock lock = monitor.acquireLock();
+            ++waiting;
+            woken += monitor.waitUntil(std::chrono::steady_clock::now() + 1h) ? 1 : 0;
+        });
+    }
+    const auto end = std::chrono::steady_clock::now() + 100ms;
+    {
+        const MonitorLock lock = monitor.acquireLock();
+        while (waiting < kWaiters)
+            monitor.wait(1); // lets the others in
+        while (monitor.waitUntil(end)) {
+        }
+        EXPECT_GE(std::chrono::steady_clock::now(), end);
+        EXPECT_FALSE(monitor.waitUntil(end));
+        EXPECT_FALSE(monitor.waitUntil({}));
+        monitor.notifyAll();
+    }
+    threads.clear();
+    EXPECT_EQ(woken, kWaiters);
+}
+
 TEST(MonitorTest, CancelledWaitLeavesTheLockFree)
 {
     Monitor monitor;
-    const std::function<void()> waits[] = {[&] { monitor.wait(); }, [&] { monitor.wait(3'600'000); }};
+    const std::function<void()> waits[] = {[&] { monitor.wait(); }, [&] { monitor.wait(3'600'000); },
+                                           [&] { monitor.waitUntil(std::chrono::steady_clock::now() + 1h); }};
     for (const auto& wait : waits) {
         EXPECT_FALSE(endsDespiteCancellation([&] {
             const MonitorLock lock = monitor.acquireLock();

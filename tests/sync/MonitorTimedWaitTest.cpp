@@ -17,6 +17,13 @@ INTERPOSED int pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*, const t
     return s_result;
 }
 
+INTERPOSED int pthread_cond_clockwait(pthread_cond_t*, pthread_mutex_t*, clockid_t clock,
+                                      const timespec* deadline)
+{
+    s_deadline = *deadline;
+    return clock == CLOCK_MONOTONIC ? s_result : EINVAL;
+}
+
 INTERPOSED int gettimeofday(timeval* now, void*) noexcept
 {
     *now = s_now;
@@ -40,6 +47,19 @@ TEST(MonitorTimedWaitTest, OnlyUnexpectedResultsAreLogged)
     }
     EXPECT_EQ(output.text(), "box - pthread_cond_timedwait returned: 22\n"
                              "box - pthread_cond_timedwait returned: 1\n");
+}
+
+TEST(MonitorTimedWaitTest, WaitUntilKeepsToTheClockThatNobodySets)
+{
+    using std::chrono::nanoseconds, std::chrono::steady_clock;
+    const std::pair<int, bool> cases[] = {{0, true}, {ETIMEDOUT, false}, {EPERM, false}};
+    Monitor monitor;
+    for (const auto& [result, isWoken] : cases) {
+        s_result = result;
+        EXPECT_EQ(monitor.waitUntil(steady_clock::time_point(nanoseconds(7'999'999'999))), isWoken) << result;
+        EXPECT_EQ(s_deadline.tv_sec, 7);
+        EXPECT_EQ(s_deadline.tv_nsec, 999'999'999);
+    }
 }
 
 TEST(MonitorTimedWaitTest, DeadlineCarriesNanosecondsIntoSeconds)
