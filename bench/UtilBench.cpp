@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <spawn.h>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -81,6 +82,9 @@ void splitIntoVectors(benchmark::State& state)
         benchmark::DoNotOptimize(options);
     }
 }
+
+constexpr std::size_t kSmall = 16U << 20;
+constexpr std::size_t kLarge = 1U << 30;
 
 /// Memory that the process has touched, as a large daemon has.
 using Ballast = std::unique_ptr<char[]>;
@@ -161,12 +165,52 @@ Body forkWithPipes(std::size_t resident)
     };
 }
 
+const char* const kTrue[] = {"true", nullptr};
+
+/// With three pipes, all of which are read to their end, and waited for.
+void spawnWithPipes(benchmark::State& state)
+{
+    const Ballast memory = ballast(kSmall);
+    for (auto _ : state) {
+        std::array<std::array<int, 2>, 3> pipes{};
+        for (auto& ends : pipes)
+            benchmark::DoNotOptimize(::pipe2(ends.data(), O_CLOEXEC));
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, pipes[0][0], 0);
+        posix_spawn_file_actions_adddup2(&actions, pipes[1][1], 1);
+        posix_spawn_file_actions_adddup2(&actions, pipes[2][1], 2);
+        pid_t child = -1;
+        ::posix_spawnp(&child, kTrue[0], &actions, nullptr, const_cast<char* const*>(kTrue), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        for (const int end : {pipes[0][0], pipes[0][1], pipes[1][1], pipes[2][1]})
+            ::close(end);
+        for (const int end : {pipes[1][0], pipes[2][0]}) {
+            char text[64];
+            while (::read(end, text, sizeof text) > 0) {
+            }
+            ::close(end);
+        }
+        ::waitpid(child, nullptr, 0);
+    }
+}
+
+Body runProgram(std::size_t resident)
+{
+    return [resident](benchmark::State& state) {
+        const Ballast memory = ballast(resident);
+        SystemExec::Job job;
+        job.args = kTrue;
+        SystemExec::Result result;
+        for (auto _ : state)
+            benchmark::DoNotOptimize(SystemExec::run(job, result));
+    };
+}
+
 } // namespace
 
 void registerUtilComparisons()
 {
-    constexpr std::size_t kSmall = 16U << 20;
-    constexpr std::size_t kLarge = 1U << 30;
     compare({"generateRandomKey", "open + four reads + close of the device", 1.20}, randomKey, readDevice);
     compare({"CommandLine over 200 options", "the same split into vectors", 1.20}, commandLine,
             splitIntoVectors);
@@ -174,4 +218,8 @@ void registerUtilComparisons()
             forkWithPipes(kSmall));
     compare({"SystemExec::execute, 1 GiB resident", "pipes + fork", 1.05}, execute(kLarge),
             forkWithPipes(kLarge));
+    compare({"SystemExec::run, 16 MiB resident", "pipes + posix_spawn", 1.05}, runProgram(kSmall),
+            spawnWithPipes);
+    compare({"SystemExec::run, 1 GiB resident", "the same with 16 MiB", 1.10}, runProgram(kLarge),
+            runProgram(kSmall));
 }

@@ -34,9 +34,9 @@
 /// translated one isn't answered (see converse()), and a right password gets 20 (PAM_AUTHTOK_ERR). A host
 /// that is built with AddressSanitizer or ThreadSanitizer links libcrypt, or pam_unix crashes in it.
 ///
-/// PAM modules may start programs and wait for them. While a program of SystemExec runs, its SIGCHLD handler
-/// may take such a child away or wait for it, and the login fails or hangs: SystemExec says what a host that
-/// uses both does.
+/// PAM modules may start programs and wait for them. While a program of SystemExec::execute() runs, its
+/// SIGCHLD handler may take such a child away or wait for it, and the login fails or hangs. Those of
+/// SystemExec::run() run beside logins.
 ///
 /// @code
 /// std::unique_ptr<PAMHelper, PAMHelper::Dispose> login(

@@ -6,7 +6,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <cstring>
 #include <memory>
 
 void logIn(std::string user, std::string password)

@@ -1,36 +1,57 @@
-// Text through a sorting child process, without losing any of it to the SIGCHLD handler.
+// Text through a sorting program, and a program that is watched while it runs.
 
 #include "SystemExec.h"
 
-#include <csignal>
 #include <cstdio>
-#include <string_view>
+#include <cstring>
 #include <sys/wait.h>
 #include <unistd.h>
 
+namespace {
+
+void sortLines()
+{
+    const char* const args[] = {"sort", "-r", nullptr};
+    SystemExec::Job job;
+    job.args = args;
+    job.input = "alice\ndave\ncarol\n";
+    job.timeoutMs = 5000;
+    SystemExec::Result result;
+    switch (SystemExec::run(job, result)) {
+    case SystemExec::Outcome::Ended:
+        std::printf("%sexit status: %d\n", result.output.c_str(), WEXITSTATUS(result.status));
+        break;
+    case SystemExec::Outcome::NotStarted:
+        std::printf("not started: %s\n", std::strerror(result.reason));
+        break;
+    case SystemExec::Outcome::Overdue:
+        std::printf("not ready in five seconds\n");
+    }
+}
+
+void watch()
+{
+    const char* const args[] = {"sh", "-c", "echo ready; exec sleep 60", nullptr};
+    SystemExec::Program program;
+    program.args = args;
+    SystemExec::Child child; // ends it if nothing else does
+    if (const int error = child.start(program); error != 0) {
+        std::printf("not started: %s\n", std::strerror(error));
+        return;
+    }
+    char line[64];
+    const ssize_t count = ::read(child.getStdOut(), line, sizeof line);
+    std::printf("it says: %.*s", count > 0 ? static_cast<int>(count) : 0, line);
+    int status = -1;
+    std::printf("%s\n", child.waitFor(50, status) ? "it has ended" : "it runs");
+    status = child.end();
+    std::printf("%s\n", WIFSIGNALED(status) ? "it was ended" : "it ended by itself");
+}
+
+} // namespace
+
 int main()
 {
-    sigset_t child;
-    sigset_t before;
-    sigemptyset(&child);
-    sigaddset(&child, SIGCHLD);
-    pthread_sigmask(SIG_BLOCK, &child, &before); // the handler closes the pipes when the child ends
-
-    static SystemExec s_runner; // outlives its child
-    std::string command = "sort";
-    s_runner.setCommand(command);
-    s_runner.execute({"sort", "-r"}); // no result: -1 for the child tells of a failure
-
-    constexpr std::string_view kInput = "alice\ndave\ncarol\n";
-    if (s_runner.getPid() < 0 || ::write(s_runner.getStdIn(), kInput.data(), kInput.size()) < 0)
-        return 1;
-    ::close(s_runner.getStdIn()); // the end of the input
-    char buffer[64];
-    for (ssize_t count = 0; (count = ::read(s_runner.getStdOut(), buffer, sizeof buffer)) > 0;)
-        std::printf("%.*s", static_cast<int>(count), buffer);
-
-    int status = 0;
-    while (!s_runner.getStatus(status))
-        sigsuspend(&before); // lets the handler close and reap
-    std::printf("exit status: %d\n", WEXITSTATUS(status));
+    sortLines();
+    watch();
 }

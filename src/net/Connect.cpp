@@ -1,57 +1,17 @@
 #include "ASocket.h"
 
 #include "GorvSocketException.h"
+#include "base/Deadline.h"
 #include "net/TcpSocket.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <memory>
 #include <netdb.h>
 #include <poll.h>
 
 namespace {
-
-/// When a time-out ends, on the clock that nobody sets. With 0 seconds it never does.
-class Deadline {
-public:
-    explicit Deadline(unsigned int seconds) : m_end(seconds == 0 ? kNever : now() + seconds * kSecond) {}
-
-    /// The end of the first of @p parts equal ones.
-    Deadline share(int parts) const
-    {
-        Deadline part(*this);
-        if (m_end != kNever)
-            part.m_end -= (m_end - now()) / parts * (parts - 1);
-        return part;
-    }
-
-    /// What is left for poll, in milliseconds; -1 is for ever.
-    int left() const
-    {
-        if (m_end == kNever)
-            return -1;
-        const long long milliseconds = (m_end - now() + kMillisecond - 1) / kMillisecond;
-        return static_cast<int>(std::clamp(milliseconds, 0LL, static_cast<long long>(INT_MAX)));
-    }
-
-private:
-    static constexpr long long kNever = LLONG_MAX; // all in nanoseconds
-    static constexpr long long kMillisecond = 1'000'000;
-    static constexpr long long kSecond = 1'000'000'000;
-
-    static long long now()
-    {
-        timespec time{};
-        ::clock_gettime(CLOCK_MONOTONIC, &time);
-        return time.tv_sec * kSecond + time.tv_nsec;
-    }
-
-    long long m_end;
-};
 
 struct FreeAddresses {
     void operator()(addrinfo* first) const { ::freeaddrinfo(first); }
@@ -132,7 +92,7 @@ int connectWithin(int socket, const addrinfo& address, const Deadline& deadline)
 
 void ASocket::connectTo(const char* host, const char* service, unsigned int timeout)
 {
-    const Deadline deadline(timeout);
+    const Deadline deadline(timeout == 0 ? -1 : timeout * 1000LL);
     const Target target{host, service};
     startAfresh();
     m_socketState = CONNECT_FAILED; // until one is made

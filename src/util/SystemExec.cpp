@@ -1,7 +1,6 @@
 #include "SystemExec.h"
 
-#include "base/CancelBlock.h"
-#include "base/FileDescriptor.h"
+#include "util/ChildPipes.h"
 
 #include <algorithm>
 #include <atomic>
@@ -12,7 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <link.h>
 #include <sys/wait.h>
 
@@ -33,32 +31,6 @@ constinit std::atomic<std::uint64_t> s_lastChild = 0;
 constexpr std::uint64_t childWithStatus(pid_t child, int status)
 {
     return static_cast<std::uint64_t>(child) << 32 | static_cast<std::uint32_t>(status);
-}
-
-struct Pipe {
-    FileDescriptor readEnd;
-    FileDescriptor writeEnd;
-};
-
-struct ChildPipes {
-    Pipe input;
-    Pipe output;
-    Pipe error;
-};
-
-bool openPipe(Pipe& pipe)
-{
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0)
-        return false;
-    pipe.readEnd = FileDescriptor(ends[0]);
-    pipe.writeEnd = FileDescriptor(ends[1]);
-    return leaveStandardNumbers(pipe.readEnd) && leaveStandardNumbers(pipe.writeEnd);
-}
-
-bool openPipes(ChildPipes& pipes)
-{
-    return openPipe(pipes.input) && openPipe(pipes.output) && openPipe(pipes.error);
 }
 
 sigset_t childSignal()
@@ -110,19 +82,15 @@ pid_t forkWithoutHandlers()
     return child;
 }
 
-bool redirect(const FileDescriptor& end, int stream)
-{
-    int result = -1;
-    do {
-        result = ::dup2(end.get(), stream);
-    } while (result < 0 && errno == EINTR);
-    return result >= 0;
-}
-
 bool redirectStreams(const ChildPipes& pipes)
 {
-    return redirect(pipes.input.readEnd, STDIN_FILENO) && redirect(pipes.output.writeEnd, STDOUT_FILENO) &&
-           redirect(pipes.error.writeEnd, STDERR_FILENO);
+    for (int stream = STDIN_FILENO; stream <= STDERR_FILENO;) {
+        if (::dup2(pipes.childs[stream].get(), stream) >= 0)
+            ++stream;
+        else if (errno != EINTR)
+            return false;
+    }
+    return true;
 }
 
 /// What a caller of execute() does to these two signals for its own sake would pass to the new program.
@@ -139,8 +107,9 @@ void restoreSignals()
 [[noreturn]] void reportFailure(const char* command, int error, const ChildPipes& pipes)
 {
     std::signal(SIGPIPE, SIG_IGN);
-    ::dprintf(pipes.output.writeEnd.get(), "SystemExec child: %s: execl Error!:", command);
-    ::dprintf(pipes.error.writeEnd.get(), "SystemExec child: Unable to exec.: %s\n", std::strerror(error));
+    ::dprintf(pipes.childs[STDOUT_FILENO].get(), "SystemExec child: %s: execl Error!:", command);
+    ::dprintf(pipes.childs[STDERR_FILENO].get(), "SystemExec child: Unable to exec.: %s\n",
+              std::strerror(error));
     ::closefrom(STDIN_FILENO);
     for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
         ::open("/dev/null", O_RDWR); // the lowest number that is free
@@ -186,15 +155,6 @@ void installHandler()
     action.sa_handler = handlerOfThisLibrary();
     action.sa_flags = SA_RESTART | SA_NOCLDSTOP;
     sigaction(SIGCHLD, &action, nullptr);
-}
-
-/// The handler may run at any point of another thread's execute(): whoever takes the number out of the field
-/// closes it.
-void closeOnce(int& descriptor)
-{
-    const int number = std::atomic_ref<int>(descriptor).exchange(-1);
-    if (number >= 0)
-        ::close(number);
 }
 
 int readDescriptor(int& descriptor)
@@ -251,7 +211,7 @@ void SystemExec::execute(const std::vector<std::string>& args)
     start(args.empty() ? nullptr : pointers.data());
 }
 
-void SystemExec::start(char** args)
+void SystemExec::start(char** args) noexcept
 {
     const CancelBlock cancelBlock; // the child would act on it, too
     leaveLastChild();
@@ -274,9 +234,9 @@ void SystemExec::start(char** args)
             runChild(m_command.c_str(), args == nullptr ? commandOnly : args, pipes);
         }
         if (m_pid > 0) {
-            keep(pipes.output.readEnd, m_stdOut);
-            keep(pipes.input.writeEnd, m_stdIn);
-            keep(pipes.error.readEnd, m_stdErr);
+            keep(pipes.ours[STDOUT_FILENO], m_stdOut);
+            keep(pipes.ours[STDIN_FILENO], m_stdIn);
+            keep(pipes.ours[STDERR_FILENO], m_stdErr);
             enterHandler();
         }
     }

@@ -13,6 +13,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <security/pam_appl.h>
+#include <spawn.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -185,6 +186,14 @@ CALL(int, fcntl, (int file, int command, long argument), real(file, command, arg
 CALL(int, open, (const char* path, int flags, mode_t mode), real(path, flags, mode), Fails, -1, ENFILE)
 CALL(ssize_t, read, (int file, void* data, std::size_t size), real(file, data, size), Fails | IsInterrupted,
      -1, EIO)
+CALL(int, posix_spawn_file_actions_adddup2, (posix_spawn_file_actions_t * actions, int from, int to) noexcept,
+     real(actions, from, to), Fails, ENOMEM, 0)
+CALL(int, posix_spawnp,
+     (pid_t * child, const char* file, const posix_spawn_file_actions_t* actions,
+      const posix_spawnattr_t* attributes, char* const* args, char* const* environment),
+     real(child, file, actions, attributes, args, environment), Fails, EAGAIN, 0)
+CALL(int, waitid, (idtype_t type, id_t id, siginfo_t* info, int options), real(type, id, info, options),
+     IsInterrupted, -1, 0)
 CALL(pid_t, wait, (int* status), real(status), Fails | IsInterrupted, -1, ECHILD)
 CALL(int, dup2, (int from, int to) noexcept, real(from, to), Fails | IsInterrupted, -1, EBUSY)
 CALL(int, dup3, (int from, int to, int flags) noexcept, real(from, to, flags), Fails, -1, EBUSY)

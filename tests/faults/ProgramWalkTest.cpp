@@ -1,5 +1,6 @@
 #include "KEPClient.h"
 #include "SystemExec.h"
+#include "base/FileDescriptor.h"
 #include "faults/Walk.h"
 #include "support/Files.h"
 
@@ -100,6 +101,90 @@ TEST(ProgramWalkTest, NothingThatHappensToAProgramRunLeavesAPipeOrAChild)
                   [] { return std::make_unique<ProgramRun>(true); },
                   s_echo + "\n",
                   {{"wait", s_echo + "\nnot reaped"}}});
+}
+
+/// A program is run beside others, with a pipe at the number of the standard input: to its end, or by hand.
+struct Job : Road {
+    explicit Job(bool isByHand) : m_isByHand(isByHand)
+    {
+        ::close(STDIN_FILENO);
+        m_job.args = m_args;
+        m_job.environment = m_environment; // others change the process's
+        m_job.input = s_echo;
+    }
+    ~Job() override
+    {
+        ::dup2(m_input, STDIN_FILENO);
+        ::close(m_input);
+    }
+
+    void walk() override
+    {
+        m_outcome = "cancelled";
+        try {
+            m_outcome = m_isByHand ? wait() : run();
+        } catch (const std::bad_alloc&) {
+            m_outcome = "no memory";
+        }
+    }
+    std::string arrive() override
+    {
+        const std::string outcome = m_outcome;
+        walk();
+        EXPECT_EQ(m_outcome, "0, " + s_echo);
+        m_child.end();
+        return outcome;
+    }
+
+    std::string run()
+    {
+        if (SystemExec::run(m_job, m_result) == SystemExec::Outcome::NotStarted)
+            return "error " + std::to_string(m_result.reason);
+        return std::to_string(m_result.status) + ", " + m_result.output + m_result.error;
+    }
+    std::string wait()
+    {
+        const int error = m_child.start(m_job);
+        if (error != 0)
+            return "error " + std::to_string(error);
+        FileDescriptor(m_child.takeStdIn());
+        int status = -1;
+        return m_child.waitFor(-1, status) ? std::to_string(status) + ", " + s_echo : "overdue";
+    }
+
+    const bool m_isByHand;
+    const int m_input = ::dup(STDIN_FILENO);
+    const char* const m_args[2] = {"/bin/cat", nullptr};
+    char* m_environment[1] = {nullptr};
+    SystemExec::Job m_job;
+    SystemExec::Result m_result;
+    SystemExec::Child m_child;
+    std::string m_outcome;
+};
+
+TEST(ProgramWalkTest, NothingThatHappensToAJobLeavesAPipeOrAChild)
+{
+    const std::string undisturbed = "0, " + s_echo;
+    const std::map<std::string, std::string> beginnings = {
+        {"new", undisturbed + "|no memory"}, // for what is told here as well
+        {"malloc", undisturbed + "|no memory"},
+        {"pipe2", "error 24"},
+        {"fcntl", "error 24|" + undisturbed}, // where only what tells of the end is missing
+        {"posix_spawn_file_actions_adddup2", "error 12"},
+        {"posix_spawnp", "error 11"},
+    };
+    std::map<std::string, std::string> failures = {{"write", "0, "}, {"read", "0, (" + s_echo + ")?"}};
+    failures.insert(beginnings.begin(), beginnings.end());
+    walkEachCall({"job",
+                  [] { return std::make_unique<Job>(false); },
+                  undisturbed,
+                  failures,
+                  {{"poll", "cancelled"}, {"read", "cancelled"}, {"write", "cancelled"}}});
+    walkEachCall({"child",
+                  [] { return std::make_unique<Job>(true); },
+                  undisturbed,
+                  beginnings,
+                  {{"poll", "cancelled"}}});
 }
 
 /// Properties of each type are written and read.
