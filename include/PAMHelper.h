@@ -54,6 +54,7 @@ class GORV_API PAMHelper {
 public:
     /// The deleter of a std::unique_ptr that owns a helper.
     struct Dispose {
+        /// Disposes of @p helper.
         void operator()(PAMHelper* helper) const { helper->dispose(); }
     };
 

@@ -98,6 +98,7 @@ public:
         int reason = 0;     ///< Why it wasn't started, an error number of the system.
     };
 
+    /// How a Job ended.
     enum class Outcome {
         Ended,      ///< By itself, in whatever way.
         NotStarted, ///< Not found, not executable, no such folder, out of descriptors or processes...
