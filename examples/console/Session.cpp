@@ -333,8 +333,8 @@ Session::Answer Session::call(std::string_view function, std::string_view argume
 Session::Answer Session::run(std::string_view program)
 {
     std::string output;
-    const auto outcome = m_services.programs.run(
-        program, protocol::kMaxBytes, [this] { return isStopRequested(); }, output);
+    const auto outcome =
+        m_services.programs.run(program, protocol::kMaxBytes, m_socket.getDescriptor(), output);
     static const Answer s_answers[] = {{protocol::Done, ""},
                                        {protocol::Refused, "not one of the programs that may run"},
                                        {protocol::Busy, "another program is running"},

@@ -24,10 +24,10 @@
 namespace {
 
 const std::vector<Programs::Program> kPrograms = {
-    {"date", {"/bin/date", "-u"}},
-    {"id", {"/usr/bin/id"}},
-    {"system", {"/bin/uname", "-srm"}},
-    {"disk", {"/bin/df", "-h", "/"}},
+    {"date", {"/bin/date", "-u", nullptr}},
+    {"id", {"/usr/bin/id", nullptr}},
+    {"system", {"/bin/uname", "-srm", nullptr}},
+    {"disk", {"/bin/df", "-h", "/", nullptr}},
 };
 
 constexpr const char* kHelp =
@@ -165,11 +165,9 @@ void handleSignals(void (*handler)(int, siginfo_t*, void*))
         action.sa_sigaction = handler;
     for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGUSR2})
         ::sigaction(signal, &action, nullptr);
-    // Programs waits for its children itself, so no thread may take this one by chance.
-    sigset_t childEnded;
-    sigemptyset(&childEnded);
-    sigaddset(&childEnded, SIGCHLD);
-    pthread_sigmask(SIG_SETMASK, &childEnded, nullptr);
+    sigset_t none;
+    sigemptyset(&none);
+    pthread_sigmask(SIG_SETMASK, &none, nullptr);
 }
 
 /// PAM takes the file of "other" for a service that has none: there it lets in whom nobody has thought of.
