@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 #include "AInteger.h"
 #include "ALog.h"
 #include "ASocket.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 #include "AUtil.h"
 #include "CommandLine.h"
 #include "Compare.h"

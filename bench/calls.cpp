@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Makes the calls that hosts make most, each many times in a function of its own: script/instructions counts
 // what the processor executes for them.
 

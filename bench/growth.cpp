@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // How each cost grows: a look-up with the logins, a hand-down with the components, a log line with the
 // threads.
 

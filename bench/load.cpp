@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // What it costs a process to have the library: the memory of its own after loading, and the time of dlopen
 // held against an empty library with the same dependencies. usage: gorv_load LIBRARY EMPTY
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Prints the table of ratios. usage: gorv_bench [FILTER]   only the figures whose name contains FILTER
 
 #include "Compare.h"

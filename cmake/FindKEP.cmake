@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 # Finds the controller's configuration service library and defines the target KEP::kep.
 include(FindPackageHandleStandardArgs)
 

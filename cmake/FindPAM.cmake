@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 # Finds Linux-PAM and defines the target PAM::PAM.
 include(FindPackageHandleStandardArgs)
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 # Compiler and linker options that every target of this project shares.
 include(CheckLinkerFlag)
 include(CheckPIESupported)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 # What may leave the library: all of the public classes, of which each header has one and its name, and a few globals.
 set(GORV_EXPORTED_GLOBALS NextMonitorId gTrace se "ShowLastError(char*)" "gorvVersion()" "signalHandler(int)")
 

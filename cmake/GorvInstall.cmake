@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 # What `cmake --install` puts where, in the components that become packages: the library, the stand-in for the
 # configuration service that it loads, and what a host's author needs besides.
 include(CMakePackageConfigHelpers)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 # Debian packages of the installed components; script/package builds and proves them.
 
 # The first line of Debian's changelog says which version is packaged, or which candidate for it: 1.2.3~rc1.

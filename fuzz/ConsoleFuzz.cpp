@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The console daemon's session against a client that sends anything. A naive reading of the same bytes tells
 // the answers that the client must get.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Lines of the log, with formats and arguments of any kind, against vsnprintf.
 
 #include "Fuzz.h"

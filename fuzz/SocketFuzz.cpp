@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The reading operations of ASocket against a peer that sends, stalls and leaves as it likes, on a system
 // that interrupts and fails. What comes back has to be the peer's bytes, and the state has to tell what
 // happened.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 # The controller's processor: Debian's cross compiler, and the libraries that `script/setup aarch64` unpacks.
 # Programs that the build runs, the tests among them, run under the user-mode emulator.
 set(CMAKE_SYSTEM_NAME Linux)

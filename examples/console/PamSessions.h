@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
 /// Close every PAM session of this program that is open, without waiting for the PAM step of another login:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Talks to consoled, interactively or from a script.
 //
 //   console -port N [-host H] [-user NAME] [-c 'COMMAND; COMMAND ...']

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The console daemon: lets users of a PAM service log in over loopback, read and write configuration
 // properties, raise events, call remote functions and run a few programs.
 //

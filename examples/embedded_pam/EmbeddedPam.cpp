@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 #include "EmbeddedPam.h"
 
 #include <security/pam_appl.h>

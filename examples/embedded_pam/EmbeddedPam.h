@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
 /// Makes every PAM transaction of this program, the library's included, read its service files from @p

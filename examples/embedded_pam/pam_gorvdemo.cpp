@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // A small PAM module that serves the examples and the tests without touching the machine's accounts.
 //
 // Arguments:  accounts=FILE   one account a line:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Logs one user in through PAM and walks the whole road of a login: authenticate, open the session, register
 // it, find it again, close it, dispose of it.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // A server and its connections report through one log that none of them owns.
 
 #include "AComponentLog.h"

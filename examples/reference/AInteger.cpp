@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // A frame with a type and a length, most significant byte first, numbers in four notations, and a
 // port that is all of its text or none.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // A log on standard output: what a line holds, and what switches it off.
 
 #include "ALog.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Both ends of a connection in one program: a message, a time-out, a stalled message, what is there, the end
 // of the stream, and a refused connection.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // A class whose work runs on a thread of its own until it is told to stop.
 
 #include "AThread.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Lines up to a threshold go into a trace file, which is then shown without the stamps.
 
 #include "ATrace.h"

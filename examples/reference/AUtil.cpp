@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // A default for the environment, an array of heap strings, and a random key.
 
 #include "AUtil.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Options and their values, as if called: serverd ignored -port 7578 7579 -trace --verbose
 
 #include "CommandLine.h"

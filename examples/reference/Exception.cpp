@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // An exception of the host's own, and the one that the library throws for a text that is no number.
 
 #include "AInteger.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Properties of the configuration service: a number, and a text of any length; an event, and a remote
 // function.
 

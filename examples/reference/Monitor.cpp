@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // A queue between two threads, which gives -1 when nothing comes for half a second. A guard gives the lock
 // back at the end of its scope.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // One login from the password to the end of the session, one that is refused, and one whose password must be
 // changed.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Text through a sorting program, and a program that is watched while it runs.
 
 #include "SystemExec.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 #include "auth/Conversation.h"
 
 #include "base/AtExit.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // What hosts call for each request, built for speed; the rest of a login waits for PAM.
 
 #include "PAMHelper.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 #include "GorvVersion.h"
 
 int gorvVersion() noexcept

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
 /// Read the integer that @p text, which must not be null, begins with; what follows it is ignored.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 #include "NumberFormatException.h"
 
 NumberFormatException::NumberFormatException() = default;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 #include "KEPClient.h"
 
 #include "base/CancelBlock.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 #include "GorvSocketException.h"
 
 GorvSocketException::GorvSocketException(const std::string& function, int line, const std::string& message)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 #include "KEPClient.h"
 #include "ALog.h"
 #include "FakeService.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // What strangers, and users who mean no good, can do to the daemon: as much as a number says, and no more.
 
 #include "AComponentLog.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // A PAM module that never refuses, and offers two functions to whoever calls the configuration service:
 // "hang" doesn't return, "exit" ends the process.
 

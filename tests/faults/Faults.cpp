@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 #include "faults/Faults.h"
 #include "support/Interposed.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 #include "AUtil.h"
 #include "EmbeddedPam.h"
 #include "faults/Walk.h"

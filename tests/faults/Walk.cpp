@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 #include "faults/Walk.h"
 #include "ALog.h"
 #include "support/Files.h"

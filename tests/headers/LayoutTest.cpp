@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Hosts embed the objects by value, derive from them and compile the constants in. Built with access to
 // private members. Offsets, sizes and the slots of virtual operations are compared with the record in abi/.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 #include "ATrace.h"
 #include "support/Files.h"
 #include "support/Interposed.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 #include "support/FakePam.h"
 #include "auth/PamCalls.h" // these declarations allow a null handle
 #include "support/Interposed.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 #include "AThread.h"
 #include "support/Cancelled.h"
 #include "support/Interposed.h"

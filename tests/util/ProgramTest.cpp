@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 #include "SystemExec.h"
 #include "support/Emulated.h"
 #include "support/Files.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // A program of somebody who has the installed library only: the log, an exception, the service, and the PAM
 // header.
 
