@@ -13,6 +13,7 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <link.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 
 SystemExec* se = nullptr;
@@ -103,14 +104,23 @@ void restoreSignals()
     pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
 
-/// The texts go past the standard streams, whose buffers may hold what is the caller's to write. Both pipes
-/// end before the caller's exit handlers run, which may write or wait.
+/// Write three texts at once, past the standard streams, whose buffers may hold what is the caller's to
+/// write. Nor is anything allocated or translated: another thread may have held the lock for that when the
+/// child came to be.
+void tell(int descriptor, const char* begin, const char* middle, const char* end)
+{
+    const auto piece = [](const char* text) { return iovec{const_cast<char*>(text), std::strlen(text)}; };
+    const iovec pieces[] = {piece(begin), piece(middle), piece(end)};
+    [[maybe_unused]] const ssize_t count = ::writev(descriptor, pieces, 3);
+}
+
+/// Both pipes end before the caller's exit handlers run, which may write or wait.
 [[noreturn]] void reportFailure(const char* command, int error, const ChildPipes& pipes)
 {
     std::signal(SIGPIPE, SIG_IGN);
-    ::dprintf(pipes.childs[STDOUT_FILENO].get(), "SystemExec child: %s: execl Error!:", command);
-    ::dprintf(pipes.childs[STDERR_FILENO].get(), "SystemExec child: Unable to exec.: %s\n",
-              std::strerror(error));
+    tell(pipes.childs[STDOUT_FILENO].get(), "SystemExec child: ", command, ": execl Error!:");
+    tell(pipes.childs[STDERR_FILENO].get(), "SystemExec child: Unable to exec.: ", ::strerrordesc_np(error),
+         "\n");
     ::closefrom(STDIN_FILENO);
     for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
         ::open("/dev/null", O_RDWR); // the lowest number that is free
@@ -119,8 +129,9 @@ void restoreSignals()
 
 [[noreturn]] void runChild(const char* command, char* const* args, const ChildPipes& pipes)
 {
-    ::dprintf(STDOUT_FILENO, "SystemExec child: In forked process for %s, pid=%i, pgid=%i\n", command,
-              ::getpid(), ::getpgid(0));
+    char ids[64];
+    std::snprintf(ids, sizeof ids, ", pid=%i, pgid=%i\n", ::getpid(), ::getpgid(0));
+    tell(STDOUT_FILENO, "SystemExec child: In forked process for ", command, ids);
     ::sleep(kStartDelaySeconds);
     if (redirectStreams(pipes)) {
         restoreSignals();
