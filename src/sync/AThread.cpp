@@ -24,14 +24,17 @@ unsigned groupOf(const AThread* object)
     return 1U << reinterpret_cast<std::uintptr_t>(object) / kAlignment % kGroups;
 }
 
+/// The C library's header says that it throws nothing; a cancellation does.
+extern "C" long cancellableSyscall(long number, ...) __asm__("syscall");
+
 /// Returns false when the time is over. A cancellation acts here as in the C library's own waits; on its way
 /// nothing may need to be destroyed.
 bool sleepUntil(const timespec& end, unsigned requests, unsigned group)
 {
     int type = 0;
     pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &type);
-    const long result =
-        ::syscall(SYS_futex, &s_stopRequests, FUTEX_WAIT_BITSET_PRIVATE, requests, &end, nullptr, group);
+    const long result = cancellableSyscall(SYS_futex, &s_stopRequests, FUTEX_WAIT_BITSET_PRIVATE, requests,
+                                           &end, nullptr, group);
     const bool isOver = result != 0 && errno == ETIMEDOUT;
     pthread_setcanceltype(type, nullptr);
     return !isOver;
