@@ -25,10 +25,16 @@ public:
         /// Looks for the second half: freed memory may have lost the first bytes.
         bool isIn(const void* block, std::size_t size) const
         {
-            const char *const begin = static_cast<const char*>(block), *const end = begin + size;
-            const auto half = m_scrambled.begin() + static_cast<std::ptrdiff_t>(m_scrambled.size() / 2);
-            const auto matches = [](char byte, char scrambled) { return (byte ^ kMask) == scrambled; };
-            return std::search(begin, end, half, m_scrambled.end(), matches) != end;
+            const std::string_view half = std::string_view(m_scrambled).substr(m_scrambled.size() / 2);
+            const std::string_view bytes(static_cast<const char*>(block), size);
+            const auto isHere = [&](std::size_t at) {
+                return scrambled(bytes.substr(at, half.size())) == half;
+            };
+            const char first = static_cast<char>(half.front() ^ kMask);
+            for (std::size_t at = 0; (at = bytes.find(first, at)) != bytes.npos; ++at)
+                if (isHere(at))
+                    return true;
+            return false;
         }
 
     private:
