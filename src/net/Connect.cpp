@@ -48,7 +48,7 @@ Addresses resolve(const Target& target)
     }
     if (status != 0)
         target.fail(__LINE__, "host info not found",
-                    status == EAI_SYSTEM ? std::strerror(errno) : ::gai_strerror(status));
+                    status == EAI_SYSTEM ? ::strerrordesc_np(errno) : ::gai_strerror(status));
     return Addresses(first);
 }
 
@@ -111,7 +111,7 @@ void ASocket::connectTo(const char* host, const char* service, unsigned int time
         m_socketState = CONNECTED;
         return;
     }
-    target.fail(__LINE__, "Unable to connect socket", std::strerror(error));
+    target.fail(__LINE__, "Unable to connect socket", ::strerrordesc_np(error));
 }
 
 void throwFailure(const char* operation, int line, const char* message)

@@ -109,8 +109,10 @@ void restoreSignals()
 /// child came to be.
 void tell(int descriptor, const char* begin, const char* middle, const char* end)
 {
-    const auto piece = [](const char* text) { return iovec{const_cast<char*>(text), std::strlen(text)}; };
-    const iovec pieces[] = {piece(begin), piece(middle), piece(end)};
+    iovec pieces[3];
+    iovec* piece = pieces;
+    for (const char* const text : {begin, middle, end})
+        *piece++ = {const_cast<char*>(text), std::strlen(text)};
     [[maybe_unused]] const ssize_t count = ::writev(descriptor, pieces, 3);
 }
 
