@@ -178,7 +178,8 @@ TEST_F(ConsoleTestAttack, PasswordIsNowhereAfterTheLogin)
         std::fprintf(client, "set motto motto is no secret, and kept\n");
         std::fflush(client);
         EXPECT_TRUE(eventually([&, text = outcome] { return countIn("client", text) > 0; })) << user;
-        EXPECT_EQ(piecesIn(std::to_string(std::stoi(written("pid"))), password), 0) << "client, " << user;
+        if (outcome != std::string_view("login refused")) // a client that was refused has ended
+            EXPECT_EQ(piecesIn(std::to_string(std::stoi(written("pid"))), password), 0) << "client, " << user;
         EXPECT_EQ(piecesIn(daemon, password), 0) << "daemon, " << user;
         ::pclose(client);
         for (const char* file : {"log", "trace", "record", "stderr"})
