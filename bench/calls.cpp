@@ -11,6 +11,7 @@
 #include "PAMHelper.h"
 
 #include <cstdio>
+#include <ctime>
 #include <string>
 #include <sys/socket.h>
 
@@ -21,6 +22,15 @@ constexpr int kLogins = 100;
 constexpr const char* kFormat = "session %d of %s: get %s\n";
 constexpr const char* kNull = "/dev/null";
 
+/// A second that began among the calls would put the making of a new stamp into their count.
+void awaitNextSecond()
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const timespec begin{now.tv_sec + 1, 0};
+    clock_nanosleep(CLOCK_REALTIME, TIMER_ABSTIME, &begin, nullptr);
+}
+
 /// The objects that the calls work on.
 struct Scene {
     explicit Scene(int (&ends)[2]) : writer(ends[0], address), reader(ends[1], address)
@@ -28,6 +38,7 @@ struct Scene {
         trace.Init(1, kNull);
         for (int i = 0; i < kLogins; ++i)
             (new PAMHelper(nullptr, nullptr))->setSessionId("login" + std::to_string(i));
+        awaitNextSecond();
         log.print("%s", "loads the time zone\n");
         trace.TraceLog(0, "%s", "opens the file\n");
     }
