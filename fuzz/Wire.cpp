@@ -58,17 +58,6 @@ ssize_t Wire::receive(void* buffer, std::size_t size)
     return count;
 }
 
-ssize_t Wire::send(const void* bytes, std::size_t size)
-{
-    const std::uint8_t step = nextStep();
-    if (step == 1 || step == 3)
-        return failWith<ssize_t>(step == 1 ? EINTR : EPIPE);
-    if (step > 3)
-        size = std::min<std::size_t>(size, step - 3);
-    m_sent.append(static_cast<const char*>(bytes), size);
-    return static_cast<ssize_t>(size);
-}
-
 int Wire::wait(short& events)
 {
     const std::uint8_t step = nextStep();
@@ -114,11 +103,6 @@ ssize_t recv(int descriptor, void* buffer, std::size_t size, int flags)
     if (isWire(descriptor))
         return s_wire->receive(buffer, size);
     return ::syscall(SYS_recvfrom, descriptor, buffer, size, flags, nullptr, nullptr);
-}
-
-ssize_t write(int descriptor, const void* bytes, std::size_t size)
-{
-    return isWire(descriptor) ? s_wire->send(bytes, size) : ::syscall(SYS_write, descriptor, bytes, size);
 }
 
 int ppoll(pollfd* entries, nfds_t count, const timespec* limit, const sigset_t* mask)

@@ -28,11 +28,9 @@ public:
     int nearEnd() const { return m_near; }
     Outcome lastOutcome() const { return m_outcome; }
     std::size_t received() const { return m_received; }
-    const std::string& sent() const { return m_sent; }
 
     // The system calls on the near end.
     ssize_t receive(void* buffer, std::size_t size);
-    ssize_t send(const void* bytes, std::size_t size);
     int wait(short& events);
 
 private:
@@ -45,7 +43,6 @@ private:
     std::string_view m_script;
     Outcome m_outcome = Outcome::None;
     std::size_t m_received = 0;
-    std::string m_sent;
 };
 
 } // namespace fuzz

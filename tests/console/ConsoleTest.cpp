@@ -47,18 +47,6 @@ TEST_F(ConsoleTest, ClientWalksThroughASession)
               std::string::npos);
 }
 
-TEST_F(ConsoleTest, WrongPasswordAndUnknownUserAreAnsweredAlikeAndThreeTriesAreAll)
-{
-    start();
-    const Peer wrong(m_port), unknown(m_port);
-    for (int i = 0; i < 3; ++i) {
-        const Answer answer = wrong.ask(Login, {"alice", "looking-glass"});
-        EXPECT_EQ(answer.result, Refused);
-        EXPECT_EQ(answer, unknown.ask(Login, {"nobody", kPassword}));
-    }
-    EXPECT_EQ(wrong.receive().result, -1);
-}
-
 TEST_F(ConsoleTest, TwoHundredClientsAreAllServedAndLeaveNothing)
 {
     start();
