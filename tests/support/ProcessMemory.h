@@ -68,24 +68,49 @@ public:
         return found;
     }
 
-    /// Hand over all that the process can write, block by block.
+    /// Hand over all that the process can write and has touched, block by block.
     template <typename Visitor>
     static void visit(const std::string& process, Visitor visitor)
     {
         std::ifstream maps("/proc/" + process + "/maps");
-        const int memory = ::open(("/proc/" + process + "/mem").c_str(), O_RDONLY | O_CLOEXEC);
+        const auto open = [&](const char* what) {
+            return ::open(("/proc/" + process + what).c_str(), O_RDONLY | O_CLOEXEC);
+        };
+        const int memory = open("/mem"), pagemap = open("/pagemap");
+        const auto size = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
         for (std::string line; std::getline(maps, line);) {
             std::uintptr_t begin = 0, end = 0;
             char access[5] = {};
             std::sscanf(line.c_str(), "%" SCNxPTR "-%" SCNxPTR " %4s", &begin, &end, access);
             if (access[1] != 'w')
                 continue;
-            std::vector<char> bytes(end - begin);
-            const ssize_t count = ::pread(memory, bytes.data(), bytes.size(), static_cast<off_t>(begin));
-            EXPECT_GT(count, 0) << "what can't be read can't be searched";
-            visitor(bytes);
-            ::explicit_bzero(bytes.data(), bytes.size()); // no second copy is left behind
+            std::vector<std::uint64_t> pages((end - begin) / size);
+            readAll(pagemap, begin / size * sizeof pages[0], pages);
+            for (auto last = pages.begin(), page = last;
+                 (page = std::find_if(last, pages.end(), isThere)) != pages.end();) {
+                last = std::find_if_not(page, pages.end(), isThere);
+                std::vector<char> bytes(static_cast<std::size_t>(last - page) * size);
+                readAll(memory, begin + static_cast<std::uintptr_t>(page - pages.begin()) * size, bytes);
+                visitor(bytes);
+                ::explicit_bzero(bytes.data(), bytes.size()); // no second copy is left behind
+            }
         }
         ::close(memory);
+        ::close(pagemap);
+    }
+
+private:
+    /// In memory or swapped out.
+    static bool isThere(std::uint64_t page)
+    {
+        return page >> 62 != 0;
+    }
+
+    template <typename Element>
+    static void readAll(int file, std::uintptr_t offset, std::vector<Element>& elements)
+    {
+        const std::size_t size = elements.size() * sizeof(Element);
+        EXPECT_EQ(::pread(file, elements.data(), size, static_cast<off_t>(offset)), size)
+            << "what can't be read can't be searched";
     }
 };
