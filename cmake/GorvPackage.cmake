@@ -13,8 +13,9 @@ set(debian_version ${CPACK_PACKAGE_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL libgorvutil1 libgorvutil-dev libkep1-substitute)
+set(CPACK_COMPONENTS_ALL libgorvutil1 libgorvutil-dev libkep1-substitute gorvutil-consoled)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
+set(CPACK_SET_DESTDIR ON) # one component installs below /etc
 set(CPACK_STRIP_FILES ON)
 set(CPACK_PACKAGE_NAME libgorvutil)
 set(CPACK_PACKAGE_CONTACT "The libgorvUtil authors <authors@gorvutil.invalid>")
@@ -24,7 +25,12 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SOURCE libgorvutil)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${PROJECT_BINARY_DIR}/platform/kep")
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${PROJECT_BINARY_DIR}" "${PROJECT_BINARY_DIR}/platform/kep")
+if(CMAKE_CROSSCOMPILING)
+    # Whose libraries lie below the sysroot, as does what dpkg knows of them.
+    set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE arm64)
+    list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${CMAKE_SYSROOT}/usr/lib/${CMAKE_CXX_LIBRARY_ARCHITECTURE}")
+endif()
 
 # gorv_debian_package(NAME SECTION DESCRIPTION): a component with the files that Debian's policy asks for.
 function(gorv_debian_package name section description)
@@ -52,6 +58,16 @@ function(gorv_debian_package name section description)
         set(${prefix}_PACKAGE_SHLIBDEPS ON PARENT_SCOPE)
         set(${prefix}_PACKAGE_CONTROL_EXTRA "${documents}/shlibs;${documents}/triggers" PARENT_SCOPE)
     endif()
+    if(IS_DIRECTORY "${folder}/${name}") # what dpkg reads and runs
+        file(GLOB scripts "${folder}/${name}/*")
+        foreach(script IN LISTS scripts)
+            cmake_path(GET script FILENAME file)
+            configure_file("${script}" "${documents}/${file}" @ONLY)
+        endforeach()
+        list(TRANSFORM scripts REPLACE ".*/" "${documents}/")
+        set(${prefix}_PACKAGE_SHLIBDEPS ON PARENT_SCOPE)
+        set(${prefix}_PACKAGE_CONTROL_EXTRA "${scripts}" PARENT_SCOPE)
+    endif()
 endfunction()
 
 gorv_debian_package(libgorvutil1 libs "general-purpose classes for controller daemons
@@ -72,5 +88,12 @@ A libkep.so.1 for machines other than the controller: properties, events and
 functions live in the process that loads it.")
 set(CPACK_DEBIAN_LIBKEP1-SUBSTITUTE_PACKAGE_PROVIDES libkep1)
 set(CPACK_DEBIAN_LIBKEP1-SUBSTITUTE_PACKAGE_CONFLICTS libkep1)
+
+gorv_debian_package(gorvutil-consoled admin "console daemon of the controller
+Users log in through PAM, read and write properties, raise events, call remote
+functions and run a few programs; each of them can cost the controller so much
+and no more. With the client, and the service for systemd.")
+set(CPACK_DEBIAN_GORVUTIL-CONSOLED_PACKAGE_DEPENDS "libgorvutil1 (>= ${CPACK_PACKAGE_VERSION}), systemd, libpam-modules, libpam-runtime")
+set(CPACK_DEBIAN_GORVUTIL-CONSOLED_PACKAGE_SUGGESTS "logrotate")
 
 include(CPack)

@@ -40,7 +40,7 @@ constexpr const char* kHelp =
     "  -trace FILE    with a level from 0 to 9; else none\n"
     "  -idle SECONDS  how long a user may ask for nothing, 1 to 86400; else %d\n"
     "SIGTERM and SIGINT end it, SIGHUP reopens log and trace, SIGUSR1 lists the users in the log, and\n"
-    "SIGUSR2 ends a session: kill -s USR2 -q NUMBER PID.\n"
+    "SIGUSR2 ends a session: /bin/kill -s USR2 -q NUMBER PID.\n"
     "Exit status: 0 stopped, 1 not started or ended by exit() of a module, 2 wrong usage.\n"
     "Limits: %zu connections, %zu of users, %d of one user; %zu without a login, each for %d s, half of "
     "them\n"
