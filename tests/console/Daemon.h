@@ -4,7 +4,6 @@
 #include "AInteger.h"
 #include "Descriptor.h"
 #include "Protocol.h"
-#include "support/Emulated.h"
 #include "support/PamStack.h"
 #include "support/ProcessMemory.h"
 

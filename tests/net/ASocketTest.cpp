@@ -3,7 +3,6 @@
 
 #include "ALog.h"
 #include "GorvSocketException.h"
-#include "support/Emulated.h"
 #include "support/Files.h"
 #include "support/Interposed.h"
 
@@ -318,12 +317,11 @@ TEST(ASocketTest, TimeOutComesNoSoonerThanAskedInSpiteOfSignalsAndOfADescriptorA
                      complaint + "*read returned 2, 4 bytes have been read.\n*");
     ::ualarm(0, 0);
     for (const rlim_t limit : {4096, 0}) { // none, as a sandbox allows
-        ASocket& socket = limit == 0 && isEmulated() ? link.socket : high;
         const auto start = std::chrono::steady_clock::now();
         EXPECT_PRED2(matches, told([&] {
                          limitDescriptors(limit);
                          unsigned char byte = 0;
-                         EXPECT_EQ(socket.socket_read(&byte, 1, 0, 1), -1);
+                         EXPECT_EQ(high.socket_read(&byte, 1, 0, 1), -1);
                          limitDescriptors(4096);
                      }),
                      "*timeout=<1>\nsocket_read select timed out.\n");
@@ -346,7 +344,7 @@ TEST(ASocketTest, SendsAllOf64MebibytesInSpiteOfSignals)
         ::recv(link.peer, received.data(), received.size(), MSG_WAITALL);
     });
     static int s_signalsLeft;
-    s_signalsLeft = 10; // more of them could hold an emulator up for ever
+    s_signalsLeft = 10; // more of them could hold a slow machine up for ever
     interruptWith([](int) {
         if (--s_signalsLeft == 0)
             ::ualarm(0, 0);

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "SystemExec.h"
-#include "support/Emulated.h"
 #include "support/Files.h"
 #include "support/OtherThread.h"
 
@@ -81,8 +80,6 @@ TEST_F(ProgramTest, EndsAsItsOutcomeAndStatusTell)
 
 TEST_F(ProgramTest, IsNotStartedForTheSystemsReason)
 {
-    if (isEmulated())
-        GTEST_SKIP() << "an emulator doesn't tell of it";
     const std::tuple<const char*, const char*, int> rows[] = {
         {"no-such-program", nullptr, ENOENT}, {"", nullptr, ENOENT},     {"/etc/passwd", nullptr, EACCES},
         {"true", "/no-such-folder", ENOENT},  {"/etc", nullptr, EACCES},
