@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // A sensor hub: pollers measure, keep what they measured as properties, and run a program when a limit is
-// passed; users log in over TCP and ask. README.md tells more. Exit status: 0 stopped, 1 not started, 2 wrong
-// usage.
+// passed; users log in over TCP, ask, and set the limits. README.md tells more. Exit status: 0 stopped, 1 not
+// started, 2 wrong usage.
 
 #include "AComponentLog.h"
+#include "AInteger.h"
 #include "ALog.h"
 #include "ASocket.h"
 #include "AThread.h"
@@ -17,6 +18,7 @@
 #include <arpa/inet.h>
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <cstring>
 #include <fstream>
@@ -30,14 +32,12 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* kUsage =
-    "usage: hub -port N [-service NAME] [-log FILE] [-alarm PROGRAM] [-tasks N] [-dirty N] [-used N]\n";
+constexpr const char* kUsage = "usage: hub -port N [-service NAME] [-log FILE] [-alarm PROGRAM]\n";
 constexpr std::size_t kSessions = 64;
 constexpr std::size_t kMaxLine = 256;
 constexpr std::chrono::seconds kTimeToLogIn{10};
 constexpr unsigned kIdleSeconds = 300;
 constexpr int kAlarmMs = 5000;
-constexpr int kNoLimit = 1'000'000'000;
 constexpr int kPauseMs = 1000; // between two measurements
 
 /// What pollers and sessions share.
@@ -54,24 +54,24 @@ struct Hub {
         const MonitorLock lock = monitor.acquireLock();
         return client.getProperty(name, value);
     }
-    void set(const char* name, int value)
+    bool set(const char* name, int value)
     {
         const MonitorLock lock = monitor.acquireLock();
-        client.updateProperty(name, value, true);
+        return client.updateProperty(name, value, true) >= 0;
     }
 };
 
 struct Sensor {
-    const char *name, *file, *key;
+    const char *name, *limit, *file, *key;
 };
 
-constexpr Sensor kSensors[] = {{"tasks", "/proc/stat", "procs_running"},
-                               {"dirty", "/proc/meminfo", "Dirty:"}, // KiB
-                               {"used", "/proc/meminfo", "Committed_AS:"}};
+constexpr Sensor kSensors[] = {{"tasks", "tasks.limit", "/proc/stat", "procs_running"},
+                               {"dirty", "dirty.limit", "/proc/meminfo", "Dirty:"}, // KiB
+                               {"used", "used.limit", "/proc/meminfo", "Committed_AS:"}};
 
 class Poller : public AThread {
 public:
-    Poller(const Sensor& sensor, int limit, Hub& hub) : m_sensor(sensor), m_limit(limit), m_hub(hub) {}
+    Poller(const Sensor& sensor, Hub& hub) : m_sensor(sensor), m_hub(hub) {}
     ~Poller() override
     {
         stopThread();
@@ -83,34 +83,34 @@ private:
     {
         bool wasHigh = false;
         do {
-            const int value = measure();
-            m_hub.set(m_sensor.name, value);
-            if (value > m_limit && !wasHigh)
-                raiseAlarm(value);
-            wasHigh = value > m_limit;
+            int value = 0, limit = 0;
+            if (measure(value) && m_hub.set(m_sensor.name, value) && m_hub.get(m_sensor.limit, limit)) {
+                if (value > limit && !wasHigh)
+                    raiseAlarm(value, limit);
+                wasHigh = value > limit;
+            }
             m_hub.log.flush(); // what others wrote as well
         } while (pauseFor(kPauseMs));
     }
-    int measure() const
+    bool measure(int& value) const
     {
         std::ifstream text(m_sensor.file);
-        for (std::string word; text >> word;) {
-            int number = 0;
-            if (word == m_sensor.key && text >> number)
-                return number;
-        }
-        return -1;
+        for (std::string word; text >> word;)
+            if (word == m_sensor.key)
+                return static_cast<bool>(text >> value);
+        return false;
     }
-    void raiseAlarm(int value)
+    void raiseAlarm(int value, int limit)
     {
-        m_hub.log.print(" %s is %d, above %d\n", m_sensor.name, value, m_limit);
+        const std::string text =
+            std::string(m_sensor.name) + " is " + std::to_string(value) + ", above " + std::to_string(limit);
+        m_hub.log.print(" %s\n", text.c_str());
         if (m_hub.alarm == nullptr)
             return;
-        const std::string number = std::to_string(value);
-        const char* const args[] = {m_hub.alarm, m_sensor.name, nullptr};
+        const char* const args[] = {m_hub.alarm, nullptr};
         SystemExec::Job job;
         job.args = args;
-        job.input = number;
+        job.input = text;
         job.timeoutMs = kAlarmMs;
         job.stop.fd = m_hub.ending;
         SystemExec::Result result;
@@ -121,14 +121,16 @@ private:
     }
 
     const Sensor& m_sensor;
-    const int m_limit;
     Hub& m_hub;
 };
 
 /// A client's connection. Its thread only ends by itself: whoever destroys it hangs it up first.
 class Session : public AThread {
 public:
-    Session(int descriptor, sockaddr_in& peer, Hub& hub) : m_socket(descriptor, peer), m_hub(hub) {}
+    Session(int descriptor, sockaddr_in& peer, Hub& hub) : m_socket(descriptor, peer), m_hub(hub)
+    {
+        ::inet_ntop(AF_INET, &peer.sin_addr, m_peer, sizeof m_peer);
+    }
     ~Session() override
     {
         m_socket.shutDown();
@@ -171,17 +173,27 @@ private:
             return false; // "quit", for one
         if (std::strcmp(word, "login") == 0)
             return logIn(name, m_rest);
-        if (!m_isUser || std::strcmp(word, "get") != 0 || !m_hub.get(name, value))
-            m_socket << "refused\n";
-        else
+        if (m_isUser && std::strcmp(word, "get") == 0 && m_hub.get(name, value))
             m_socket << std::to_string(value).c_str() << "\n";
+        else if (m_isUser && std::strcmp(word, "set") == 0 && setLimit(name, m_rest))
+            m_socket << "done\n";
+        else
+            m_socket << "refused\n";
         return m_isUser;
+    }
+    bool setLimit(const char* name, const char* text)
+    {
+        int value = 0;
+        for (const Sensor& sensor : kSensors)
+            if (std::strcmp(sensor.limit, name) == 0)
+                return AInteger::parseWhole(text, 0, INT_MAX, value) && m_hub.set(name, value);
+        return false;
     }
     bool logIn(std::string user, std::string password)
     {
         std::string service = m_hub.service;
         bool skipsCheck = false;
-        m_login.reset(new PAMHelper("127.0.0.1", "127.0.0.1"));
+        m_login.reset(new PAMHelper(m_peer, "127.0.0.1"));
         m_isUser = m_login->authenticate(service, user, password, skipsCheck) == PAM_SUCCESS &&
                    m_login->startSession();
         ::explicit_bzero(password.data(), password.size());
@@ -195,7 +207,7 @@ private:
     const Clock::time_point m_begin = Clock::now();
     std::atomic<bool> m_isUser = false, m_isOver = false;
     std::unique_ptr<PAMHelper, PAMHelper::Dispose> m_login;
-    char m_line[kMaxLine];
+    char m_line[kMaxLine], m_peer[INET_ADDRSTRLEN];
     char* m_rest = nullptr;
 };
 
@@ -244,14 +256,9 @@ void serve(int listener, int signals, ALog& log, const char* file, Hub& hub)
 int main(int argc, char** argv)
 {
     CommandLine line(argc, argv);
-    int port = 0, limits[std::size(kSensors)];
-    bool isSane = !line.getUnknown({"port", "service", "log", "alarm", "tasks", "dirty", "used"}) &&
-                  line.getInt("port", 1, 65535, port) && port != 0;
-    for (std::size_t i = 0; i < std::size(limits); ++i) {
-        limits[i] = kNoLimit;
-        isSane = isSane && line.getInt(kSensors[i].name, 0, kNoLimit, limits[i]);
-    }
-    if (!isSane) {
+    int port = 0;
+    if (line.getUnknown({"port", "service", "log", "alarm"}) || !line.getInt("port", 1, 65535, port) ||
+        port == 0) {
         std::fputs(kUsage, stderr);
         return 2;
     }
@@ -275,8 +282,8 @@ int main(int argc, char** argv)
     }
     hub.client.initialize();
     std::list<Poller> pollers;
-    for (std::size_t i = 0; i < std::size(kSensors); ++i)
-        pollers.emplace_back(kSensors[i], limits[i], hub).start();
+    for (const Sensor& sensor : kSensors)
+        pollers.emplace_back(sensor, hub).start();
     log.print(" listening on port %d\n", port);
     serve(listener, signals, log, file, hub);
     ::eventfd_write(hub.ending, 1); // ends an alarm
