@@ -34,6 +34,7 @@ enum Trait : unsigned {
 };
 
 thread_local bool s_armed = false;
+thread_local int s_lockedStreams = 0;
 Faults::Kind s_kind = Faults::Kind::Failure;
 int s_callsLeft = 0;
 const char* s_cancelledIn = "";
@@ -113,6 +114,19 @@ auto pass(const char* name, Call call)
         s_cancelledIn = *s_cancelledIn == '\0' ? name : s_cancelledIn;
         throw;
     }
+}
+
+/// A stream that nobody else uses meanwhile.
+FILE* locked(FILE* stream)
+{
+    Faults::s_wrongUses += s_lockedStreams == 0;
+    return stream;
+}
+
+int taken(int status)
+{
+    s_lockedStreams += status == 0;
+    return status;
 }
 
 /// A session that a module can't close is none any more.
@@ -215,16 +229,16 @@ CALL(int, kep_config_set_int, (const char* name, int value, bool flag), real(nam
 
 STEP(int, fclose, (FILE * stream), real(stream))
 STEP(int, fflush, (FILE * stream), real(stream))
-STEP(int, fflush_unlocked, (FILE * stream), real(stream))
-STEP(int, fputs_unlocked, (const char* text, FILE* stream), real(text, stream))
+STEP(int, fflush_unlocked, (FILE * stream), real(locked(stream)))
+STEP(int, fputs_unlocked, (const char* text, FILE* stream), real(text, locked(stream)))
 STEP(std::size_t, fwrite_unlocked, (const void* data, std::size_t size, std::size_t count, FILE* stream),
-     real(data, size, count, stream))
+     real(data, size, count, locked(stream)))
 STEP(int, __vsnprintf_chk,
      (char* text, std::size_t size, int flag, std::size_t room, const char* format, va_list args) noexcept,
      real(text, size, flag, room, format, args))
-STEP(void, flockfile, (FILE * stream) noexcept, real(stream))
-STEP(int, ftrylockfile, (FILE * stream) noexcept, real(stream))
-STEP(void, funlockfile, (FILE * stream) noexcept, real(stream))
+STEP(void, flockfile, (FILE * stream) noexcept, (real(stream), void(taken(0))))
+STEP(int, ftrylockfile, (FILE * stream) noexcept, taken(real(stream)))
+STEP(void, funlockfile, (FILE * stream) noexcept, (--s_lockedStreams, real(stream)))
 CALL(std::tm*, localtime_r, (const std::time_t* second, std::tm* time) noexcept, real(second, time), 0,
      nullptr, 0)
 STEP(void, tzset, () noexcept, real())

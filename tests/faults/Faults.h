@@ -30,6 +30,6 @@ public:
     static inline void (*s_letThrough)(const char* call) = nullptr;
     /// How many PAM transactions and sessions have been started and not ended, and objects made with new.
     static inline std::atomic<int> s_transactions = 0, s_sessions = 0, s_objects = 0;
-    /// How often somebody closed a number that wasn't open.
-    static inline std::atomic<int> s_wrongCloses = 0;
+    /// How often somebody closed a number that wasn't open, or used a stream without a lock.
+    static inline std::atomic<int> s_wrongCloses = 0, s_wrongUses = 0;
 };

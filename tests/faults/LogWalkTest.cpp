@@ -14,8 +14,9 @@ using Act = void (*)(Lines& lines);
 
 enum Trait : unsigned {
     CanFail = 1,
-    IsLine = 2,  ///< A cancellation may act where it is written.
-    IsShared = 4 ///< Other threads may use the objects meanwhile.
+    IsLine = 2,   ///< A cancellation may act where it is written.
+    IsShared = 4, ///< Other threads may use the objects meanwhile.
+    IsFirst = 8   ///< The log has no file yet.
 };
 
 /// What is walked with a log and a trace, and what stands in both then, and on standard output.
@@ -31,7 +32,9 @@ struct Row {
 struct Lines : Road {
     explicit Lines(const Row& row) : m_row(row)
     {
-        m_log.setOutputFile(m_path.c_str());
+        std::filesystem::current_path(m_folder.path());
+        if ((row.traits & IsFirst) == 0)
+            m_log.setOutputFile(m_path.c_str());
         m_other.setOutputFile(m_folder.path("other").c_str());
         m_log.setEnabled(true);
         m_other.setEnabled(true);
@@ -44,6 +47,7 @@ struct Lines : Road {
             if (log->m_file != nullptr)
                 std::fclose(log->m_file);
         }
+        std::filesystem::current_path("/");
     }
 
     void approach() override { m_row.approach(*this); }
@@ -85,7 +89,8 @@ struct Lines : Road {
 
     const Row& m_row;
     const TempDir m_folder;
-    const std::string m_path = m_folder.path("log"), m_tracePath = m_folder.path("trace");
+    const std::string m_path = m_folder.path((m_row.traits & IsFirst) != 0 ? "debug.log" : "log"),
+                      m_tracePath = m_folder.path("trace");
     CapturedStream m_output{stdout};
     ALog m_log{"log"}, m_other{"other"};
     ATrace m_trace;
@@ -123,6 +128,14 @@ void buffer(Lines& lines, const char* format, ...)
 
 const Row s_rows[] = {
     {"plain", printPlain, "log -plain 7\nlog -next\nopened\nplain 7\nnext\n"},
+    {"first of all",
+     printPlain,
+     "log -plain 7\nlog -next\nopened\nplain 7\nnext\n",
+     [](Lines&) {},
+     CanFail | IsLine | IsShared | IsFirst,
+     {{"open", "log -next\nopened\nplain 7\nnext\n"},
+      {"malloc", "(log -plain 7\n)?log -next\nopened\nplain 7\nnext\n"},
+      {"fdopen", "log -next\nopened\nplain 7\nnext\n"}}},
     {"in the same second", printPlain,
      "log -plain 7\nlog -plain 7\nlog -next\nopened\nplain 7\nplain 7\nnext\n", printPlain},
     {"formatted", printFormatted, "log -  1.5\nlog -next\nopened\n  1.5\nnext\n"},

@@ -148,12 +148,12 @@ void letThrough(const char* call)
         intruder.letThrough(mustPass);
 }
 
-/// What must be after each step as it was before: descriptors, objects, transactions, sessions, and numbers
-/// closed that weren't open.
-std::array<int, 5> balance()
+/// What must be after each step as it was before: descriptors, objects, transactions, sessions, and what
+/// nobody may do.
+std::array<int, 6> balance()
 {
-    return {openDescriptors(), Faults::s_objects, Faults::s_transactions, Faults::s_sessions,
-            Faults::s_wrongCloses};
+    return {openDescriptors(),  Faults::s_objects,     Faults::s_transactions,
+            Faults::s_sessions, Faults::s_wrongCloses, Faults::s_wrongUses};
 }
 
 void expectFree(Road& road)

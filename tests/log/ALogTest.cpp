@@ -178,7 +178,7 @@ TEST_F(ALogTest, ReopenedFileKeepsWhatItHoldsAndAFailureKeepsTheStream)
         EXPECT_EQ(m_log.reopenOutputFile(path), -1);
         EXPECT_EQ(errno, error);
     }
-    m_log.print("to the old stream\n");
+    m_log.print(ALog::INFO, "to the old stream\n");
     EXPECT_EQ(written(), "box -to the old stream\n");
     close(0);
     EXPECT_EQ(m_log.reopenOutputFile("kept.log"), 0);
