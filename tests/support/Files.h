@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <string>
 #include <unistd.h>
 #include <utility>
@@ -36,7 +37,9 @@ private:
 inline std::string readFile(const std::string& path)
 {
     std::ifstream stream(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), {}};
+    std::ostringstream text;
+    text << stream.rdbuf(); // nothing of a process that has ended
+    return text.str();
 }
 
 /// Redirects a standard stream of the process into a file for one scope.
