@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // A PAM module that never refuses, and offers two functions to whoever calls the configuration service:
-// "hang" doesn't return, "exit" ends the process.
+// "hang" says so and doesn't return, "exit" ends the process.
 
 #include "kep.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <security/pam_ext.h>
 #include <security/pam_modules.h>
@@ -13,6 +14,7 @@ namespace {
 
 int hang(int*, int, void*, void*)
 {
+    ::dprintf(STDERR_FILENO, "hangs\n");
     for (;;)
         ::pause();
 }
