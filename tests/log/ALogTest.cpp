@@ -293,22 +293,6 @@ TEST_F(ALogTest, ForkWaitsForAnotherThreadThatReadsTheTimeZoneAndNeverForItsOwn)
     EXPECT_TRUE(thread->isDone());
 }
 
-TEST_F(ALogTest, CancellationEndsALineAndWaitsForAllThatOpensAFile)
-{
-    ALog first("box", nullptr);
-    first.setShowTimestamp(false);
-    const std::tuple<ALog&, const char*, std::function<void()>, bool> calls[] = {
-        {first, "debug.log", [&] { first.print("cancelled\n"); }, false},
-        {m_log, "set.log", [&] { m_log.setOutputFile("set.log"); }, true},
-        {m_log, "reopened.log", [&] { m_log.reopenOutputFile("reopened.log"); }, true},
-    };
-    for (const auto& [log, path, call, returns] : calls) {
-        EXPECT_EQ(returnsWhenCancelled(call), returns) << path;
-        log.print("next\n");
-        EXPECT_EQ(readFile(path), returns ? "box -next\n" : "box -cancelled\nbox -next\n") << path;
-    }
-}
-
 struct AComponentLogTest : ALogTest {};
 
 void useEveryOperation(AComponentLog& log)

@@ -125,18 +125,6 @@ TEST_F(ATraceTest, AnotherThreadsLineGetsThroughWhileOneIsComposedAndNoStampIsOl
     EXPECT_EQ(readFile(m_path), expected);
 }
 
-TEST_F(ATraceTest, CancellationEndsALineAndWaitsForAReopening)
-{
-    const int before = openDescriptors();
-    m_trace.Init(0, m_path.c_str());
-    EXPECT_FALSE(returnsWhenCancelled([this] { m_trace.TraceLog(0, "cancelled\n"); }));
-    EXPECT_TRUE(returnsWhenCancelled([this] { m_trace.Reopen(m_other.c_str()); }));
-    m_trace.TraceLog(0, "next\n");
-    EXPECT_EQ(readFile(m_path) + readFile(m_other), kStamp + "cancelled\n" + kStamp + "next\n");
-    EXPECT_TRUE(returnsWhenCancelled([this] { m_trace.Close(); }));
-    EXPECT_EQ(openDescriptors(), before);
-}
-
 TEST_F(ATraceTest, LinesThatCannotBeWrittenAreDropped)
 {
     m_trace.Init(0, "/dev/full");

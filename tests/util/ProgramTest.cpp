@@ -9,7 +9,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 
 // The programs that are run and started beside others: SystemExec::run() and SystemExec::Child.
@@ -159,28 +158,6 @@ TEST_F(ProgramTest, StopsWhenItIsTold)
     EXPECT_EQ(m_result.status, SIGTERM);
     EXPECT_TRUE(other.isDone());
     ::close(event);
-}
-
-TEST_F(ProgramTest, LeavesNothingOpenWhereverDescriptorsRunOut)
-{
-    rlimit limit{};
-    ::getrlimit(RLIMIT_NOFILE, &limit);
-    const int first = ::dup(STDIN_FILENO);
-    ::close(first);
-    const char* const args[] = {"echo", "text", nullptr};
-    SystemExec::Job job; // no member: to look at one a sanitizer opens a pipe
-    job.args = args;
-    for (rlim_t left = 0; left < 9; ++left) {
-        SystemExec::Result result;
-        const rlimit lowered{static_cast<rlim_t>(first) + left, limit.rlim_max};
-        ::setrlimit(RLIMIT_NOFILE, &lowered);
-        const Outcome outcome = SystemExec::run(job, result);
-        ::setrlimit(RLIMIT_NOFILE, &limit);
-        EXPECT_EQ(outcome, left < 6 ? Outcome::NotStarted : Outcome::Ended) << left;
-        EXPECT_EQ(result.reason, left < 6 ? EMFILE : 0);
-        EXPECT_EQ(result.output, left < 6 ? "" : "text\n");
-        EXPECT_EQ(openDescriptors(), m_descriptors) << left;
-    }
 }
 
 TEST_F(ProgramTest, CallerWithoutStandardStreamsKeepsTheirNumbers)
