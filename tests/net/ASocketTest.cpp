@@ -5,6 +5,7 @@
 #include "GorvSocketException.h"
 #include "support/Files.h"
 #include "support/Interposed.h"
+#include "support/OtherThread.h"
 
 #include <gtest/gtest.h>
 
@@ -433,24 +434,6 @@ TEST(ASocketTest, StallLimitEndsAMessageThatHasBegunAndNoOther)
                  "4 66051 1 *\nSocket recv failed: Resource temporarily unavailable\n*");
 }
 
-/// Whether @p operation returned in a thread that is cancelled @p later, or already when it begins.
-bool returnsWhenCancelled(bool later, const std::function<void()>& operation)
-{
-    bool returned = false;
-    std::thread thread([&] {
-        if (!later)
-            ::pthread_cancel(::pthread_self());
-        operation();
-        returned = true;
-    });
-    if (later) {
-        ::usleep(100'000);
-        ::pthread_cancel(thread.native_handle());
-    }
-    thread.join();
-    return returned;
-}
-
 TEST(ASocketTest, CancellationActsInTheWaitsOnlyAndLosesNoDescriptor)
 {
 #ifdef __SANITIZE_ADDRESS__
@@ -476,13 +459,13 @@ TEST(ASocketTest, CancellationActsInTheWaitsOnlyAndLosesNoDescriptor)
         const int before = openDescriptors();
         bool returned = false;
         told([&, later = isWait, call = operation] {
-            returned = returnsWhenCancelled(later, [&] { call(link); });
+            returned = returnsWhenCancelled([&] { call(link); }, later);
         });
         EXPECT_EQ(returned, !isWait) << name;
         EXPECT_EQ(openDescriptors(), before) << name;
     }
     Link link; // of which a reader was cancelled
-    told([&] { returnsWhenCancelled(true, [&] { link.socket.readAvailable(&byte, 1, 0); }); });
+    told([&] { returnsWhenCancelled([&] { link.socket.readAvailable(&byte, 1, 0); }, true); });
     link.send("\7");
     EXPECT_PRED2(matches, toldBy(link.socket, &ASocket::readByte, 5), "1 7 1 *");
 }

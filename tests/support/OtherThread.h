@@ -6,6 +6,7 @@
 #include <future>
 #include <pthread.h>
 #include <thread>
+#include <unistd.h>
 #include <utility>
 
 /// Another thread that does something at once.
@@ -25,15 +26,22 @@ private:
     std::future<void> m_done; // is waited for in the end
 };
 
-/// Make @p call in a thread whose cancellation is pending.
+/// Make @p call in a thread that is cancelled @p later, while it waits, or has been already.
 /// @return whether the call came back.
-inline bool returnsWhenCancelled(const std::function<void()>& call)
+inline bool returnsWhenCancelled(const std::function<void()>& call, bool later = false)
 {
     bool returned = false;
-    std::thread([&] {
-        ::pthread_cancel(::pthread_self());
+    std::thread thread([&] {
+        if (!later)
+            ::pthread_cancel(::pthread_self());
         call();
+        ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
         returned = true;
-    }).join();
+    });
+    if (later) {
+        ::usleep(100'000);
+        ::pthread_cancel(thread.native_handle());
+    }
+    thread.join();
     return returned;
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "AThread.h"
-#include "support/Cancelled.h"
 #include "support/Interposed.h"
+#include "support/OtherThread.h"
 
 #include <algorithm>
 #include <array>
@@ -142,7 +142,7 @@ TEST(AThreadTest, CancelledJoinLeavesTheThreadToBeJoined)
 {
     Counter thread;
     thread.start();
-    EXPECT_FALSE(endsDespiteCancellation([&] { thread.join(); }));
+    EXPECT_FALSE(returnsWhenCancelled([&] { thread.join(); }));
     thread.stopThread();
     thread.join();
     EXPECT_TRUE(thread.m_hasEnded);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
-#include "support/Cancelled.h"
 #include "support/LockProbe.h"
+#include "support/OtherThread.h"
 
 #include <atomic>
 #include <functional>
@@ -108,7 +108,7 @@ TEST(MonitorTest, CancelledWaitLeavesTheLockFree)
     const std::function<void()> waits[] = {[&] { monitor.wait(); }, [&] { monitor.wait(3'600'000); },
                                            [&] { monitor.waitUntil(std::chrono::steady_clock::now() + 1h); }};
     for (const auto& wait : waits) {
-        EXPECT_FALSE(endsDespiteCancellation([&] {
+        EXPECT_FALSE(returnsWhenCancelled([&] {
             const MonitorLock lock = monitor.acquireLock();
             wait();
         }));
