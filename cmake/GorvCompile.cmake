@@ -65,7 +65,7 @@ function(gorv_library_options target)
         list(APPEND lean -fno-builtin-fflush -fno-builtin-fputs -fno-builtin-fwrite -fno-builtin-printf -fno-builtin-puts
             -fno-builtin-perror)
     endif()
-    list(APPEND lean $<$<CONFIG:Release>:-Os>)
+    list(APPEND lean $<$<CONFIG:Release>:-Oz>)
     target_compile_options(${target} PRIVATE ${lean})
     target_link_options(${target} PRIVATE ${lean}) # link-time optimisation asks again
     target_link_options(${target} PRIVATE "LINKER:--version-script=${GORV_VERSION_SCRIPT}" LINKER:--enable-new-dtags
