@@ -89,6 +89,9 @@ struct Sleeper : AThread {
         const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
         EXPECT_TRUE(pauseFor(timeoutMs));
         EXPECT_GE(std::chrono::steady_clock::now(), end);
+        int type = -1;
+        ::pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &type);
+        EXPECT_EQ(type, PTHREAD_CANCEL_DEFERRED); // again, once nobody waits
     }
     void awaitSleep() const
     {
