@@ -2,20 +2,32 @@
 #include "util/ChildPipes.h"
 
 #include <atomic>
+#include <utility>
+
+namespace {
+
+/// Make a pipe that never has the number of a standard stream, which the host may have closed: what another
+/// thread prints would be in it, even if it moved to other numbers at once.
+bool openPipe(FileDescriptor& readEnd, FileDescriptor& writeEnd)
+{
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0)
+        return false;
+    FileDescriptor from(ends[0]), to(ends[1]);
+    if (ends[0] <= STDERR_FILENO || ends[1] <= STDERR_FILENO)
+        return openPipe(readEnd, writeEnd); // while this one takes such numbers
+    readEnd = std::move(from);
+    writeEnd = std::move(to);
+    return true;
+}
+
+} // namespace
 
 bool openPipes(ChildPipes& pipes)
 {
-    for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
-        int ends[2];
-        if (::pipe2(ends, O_CLOEXEC) != 0)
-            return false;
-        const bool isInput = stream == STDIN_FILENO;
-        pipes.childs[stream] = FileDescriptor(ends[isInput ? 0 : 1]);
-        pipes.ours[stream] = FileDescriptor(ends[isInput ? 1 : 0]);
-        if (!leaveStandardNumbers(pipes.childs[stream]) || !leaveStandardNumbers(pipes.ours[stream]))
-            return false;
-    }
-    return true;
+    return openPipe(pipes.childs[STDIN_FILENO], pipes.ours[STDIN_FILENO]) &&
+           openPipe(pipes.ours[STDOUT_FILENO], pipes.childs[STDOUT_FILENO]) &&
+           openPipe(pipes.ours[STDERR_FILENO], pipes.childs[STDERR_FILENO]);
 }
 
 void closeOnce(int& descriptor)

@@ -171,8 +171,17 @@ TEST_F(ProgramTest, CallerWithoutStandardStreamsKeepsTheirNumbers)
         m_job.input = "input";
         bool isRight = child.start(m_job) == 0 && ::fcntl(STDIN_FILENO, F_GETFD) == -1 &&
                        ::fcntl(STDOUT_FILENO, F_GETFD) == -1 && ::fcntl(STDERR_FILENO, F_GETFD) == -1;
-        isRight = isRight && SystemExec::run(m_job, m_result) == Outcome::Ended && m_result.output == "input";
-        ::_exit(isRight && child.end() == SIGKILL ? 0 : 1);
+        isRight = isRight && child.end() == SIGKILL;
+        std::thread([] { // which goes on printing
+            while (true)
+                for (const int stream : {STDOUT_FILENO, STDERR_FILENO})
+                    [[maybe_unused]] const ssize_t count = ::write(stream, "noise", 5);
+        })
+            .detach();
+        for (int i = 0; i < 50; ++i)
+            isRight = isRight && SystemExec::run(m_job, m_result) == Outcome::Ended &&
+                      m_result.output == "input" && m_result.error.empty();
+        ::_exit(isRight ? 0 : 1);
     }
     int status = -1;
     ::waitpid(caller, &status, 0);
