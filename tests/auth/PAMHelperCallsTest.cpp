@@ -439,6 +439,8 @@ TEST_F(PAMHelperCallsTest, ConversationAnswersOnlyPasswordPromptsWhicheverUserIs
     const pam_message* messages = &asks;
     pam_response* replies = nullptr;
     EXPECT_EQ(PAMHelper::converse(1, &messages, &replies, nullptr), PAM_CONV_ERR); // no helper
+    EXPECT_EQ(PAMHelper::converse(1, nullptr, &replies, m_helper), PAM_CONV_ERR);
+    EXPECT_EQ(PAMHelper::converse(1, &messages, nullptr, m_helper), PAM_CONV_ERR);
 }
 
 TEST_F(PAMHelperCallsTest, ChangeAnswersEachPromptWithItsPassword)

@@ -144,6 +144,14 @@ TEST_F(KEPClientTest, TextThatFillsTheBufferOrIsNoneIsReadInsideIt)
               "kep_config_get_str_n p 4\n -Failed to get a value for property: xxx\n");
     answers.clear();
     answeredText = "text";
+    // No room, not even for an end.
+    char bytes[] = "--";
+    for (const int found : {1, 0}) {
+        answers = {{"kep_config_get", found}};
+        outputOf([&] { EXPECT_EQ(m_client.getProperty("p", bytes + 1, 0), found == 1); });
+        EXPECT_STREQ(bytes, "--");
+    }
+    answers.clear();
 }
 
 TEST_F(KEPClientTest, UpdateTellsFailureFromNoChangeForTextsOfAnyLength)

@@ -218,10 +218,14 @@ TEST(ASocketTest, EachCopyClosesADescriptorOfItsOwnAboveTheStandardOnesAndConnec
     {
         std::optional<ASocket> copied;
         told([&] {
-            ::close(STDIN_FILENO);
+            const int errors = ::dup(STDERR_FILENO);
+            for (const int stream : {STDIN_FILENO, STDERR_FILENO})
+                ::close(stream);
             copied.emplace(link.socket);
             link.socket.createIPSocket("127.0.0.2", link.port());
             ::open("/dev/null", O_RDONLY | O_CLOEXEC); // the standard input again
+            ::dup2(errors, STDERR_FILENO);
+            ::close(errors);
         });
         ASocket& copy = *copied;
         for (ASocket* socket : {&copy, &link.socket}) {
@@ -426,10 +430,11 @@ TEST(ASocketTest, StallLimitEndsAMessageThatHasBegunAndNoOther)
     EXPECT_EQ(blocked.socket.getSocketState(), ASocket::IO_ERROR);
     EXPECT_FALSE(ASocket().setStallLimit(1));
     Link plain; // with a time-out that its program sets
-    const timeval second{1, 0};
-    ::setsockopt(plain.end, SOL_SOCKET, SO_RCVTIMEO, &second, sizeof second);
+    const timeval limit{1, 500'000};
+    for (const int option : {SO_RCVTIMEO, SO_SNDTIMEO})
+        ::setsockopt(plain.end, SOL_SOCKET, option, &limit, sizeof limit);
     plain.send("\0\1"s);
-    const std::jthread rest = plain.sendLater(2'500'000, "\2\3");
+    const std::jthread rest = plain.sendLater(3'500'000, "\2\3");
     EXPECT_PRED2(matches, toldBy(plain.socket, &ASocket::readInt, 0),
                  "4 66051 1 *\nSocket recv failed: Resource temporarily unavailable\n*");
 }
