@@ -135,12 +135,17 @@ TEST(ASocketTest, ConnectingTellsItsProgressOrThrowsWhatItPrinted)
     const std::string target = " ip=\"127.0.0.2\" port=" + std::to_string(port) + "\n";
     const std::string begun = "ASocket in constructor:" + target + "createIPSocket" + target;
     EXPECT_EQ(told([&] { ASocket("127.0.0.2", port, true); }), begun);
-    EXPECT_EQ(
-        told([&] { ASocket("127.0.0.2", port); }),
-        begun + "createIPSocket:       connecting...\ncreateIPSocket  Successful connection to 127.0.0.2\n");
+    const std::string progress =
+        "createIPSocket:       connecting...\ncreateIPSocket  Successful connection to 127.0.0.2\n";
+    EXPECT_EQ(told([&] { ASocket("127.0.0.2", port); }), begun + progress);
     ASocket quiet;
     quiet.setSilent(true);
     EXPECT_EQ(told([&] { quiet.createIPSocket("127.0.0.2", port); }), "createIPSocket" + target);
+    sockaddr_in address{};
+    ASocket copy(quiet), accepted(::dup(link.end), address); // are not
+    for (ASocket* const socket : {&copy, &accepted})
+        EXPECT_EQ(told([&] { socket->createIPSocket("127.0.0.2", port); }),
+                  "createIPSocket" + target + progress);
     const std::string name(300, 'x'), message = ("host info not found ip=\"" + name).substr(0, 255);
     EXPECT_PRED2(matches, told([&] { EXPECT_THROW(ASocket(name.c_str(), port), GorvSocketException); }),
                  "*connecting...\ncreateIPSocket " + message +
