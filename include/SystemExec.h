@@ -119,8 +119,9 @@ public:
     /// before it has read its input. If SIGCHLD is ignored, or something else waits for any child, run()
     /// returns all the same, but the status is -1.
     ///
-    /// A cancellation of the thread acts here, and ends the program as Child::end() does. Throws
-    /// std::bad_alloc when memory runs out, with the same effect.
+    /// The job may point into @p result, at what another program has printed. A cancellation of the thread
+    /// acts here, and ends the program as Child::end() does. Throws std::bad_alloc when memory runs out, with
+    /// the same effect. Either way @p result stays as it was.
     static Outcome run(const Job& job, Result& result);
 
     /// A program that runs while its caller does something else. One thread at a time uses it.

@@ -219,14 +219,15 @@ private:
 
 SystemExec::Outcome SystemExec::run(const Job& job, Result& result)
 {
-    result.output.clear();
-    result.error.clear();
-    result.status = -1;
+    Result made; // the job may read what another one has printed
+    Outcome outcome = Outcome::NotStarted;
     Child child;
-    result.reason = child.start(job);
-    if (result.reason != 0)
-        return Outcome::NotStarted;
-    const bool isInTime = Talk(child, job, result).finish(Deadline(job.timeoutMs));
-    result.status = child.end();
-    return isInTime ? Outcome::Ended : Outcome::Overdue;
+    made.reason = child.start(job);
+    if (made.reason == 0) {
+        const bool isInTime = Talk(child, job, made).finish(Deadline(job.timeoutMs));
+        made.status = child.end();
+        outcome = isInTime ? Outcome::Ended : Outcome::Overdue;
+    }
+    result = std::move(made);
+    return outcome;
 }

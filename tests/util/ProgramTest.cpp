@@ -117,6 +117,12 @@ TEST_F(ProgramTest, ReadsAndPrintsMuchAtOnce)
         EXPECT_TRUE(m_result.output == input.substr(0, limit)) << m_result.output.size();
         EXPECT_TRUE(m_result.error == m_result.output) << m_result.error.size();
     }
+    m_job.outputLimit = kMuch;
+    EXPECT_EQ(run(script("exec cat")), Outcome::Ended);
+    m_job.input = m_result.output;
+    EXPECT_EQ(run(script("exec cat")), Outcome::Ended);
+    EXPECT_TRUE(m_result.output == input) << "of what the one before printed";
+    m_job.input = input;
     EXPECT_EQ(run(script("exec head -c 9 /dev/null")), Outcome::Ended); // though the rest isn't read
     EXPECT_EQ(run(script("exec <&-; exec sleep 0.1")), Outcome::Ended);
     EXPECT_EQ(run(script("exec sleep 99"), 300), Outcome::Overdue);
