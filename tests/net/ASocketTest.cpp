@@ -143,9 +143,11 @@ TEST(ASocketTest, ConnectingTellsItsProgressOrThrowsWhatItPrinted)
     EXPECT_EQ(told([&] { quiet.createIPSocket("127.0.0.2", port); }), "createIPSocket" + target);
     sockaddr_in address{};
     ASocket copy(quiet), accepted(::dup(link.end), address); // are not
-    for (ASocket* const socket : {&copy, &accepted})
+    for (ASocket* const socket : {&copy, &accepted}) {
         EXPECT_EQ(told([&] { socket->createIPSocket("127.0.0.2", port); }),
                   "createIPSocket" + target + progress);
+        EXPECT_EQ(::fcntl(socket->getDescriptor(), F_GETFD), FD_CLOEXEC);
+    }
     const std::string name(300, 'x'), message = ("host info not found ip=\"" + name).substr(0, 255);
     EXPECT_PRED2(matches, told([&] { EXPECT_THROW(ASocket(name.c_str(), port), GorvSocketException); }),
                  "*connecting...\ncreateIPSocket " + message +
