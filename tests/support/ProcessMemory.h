@@ -14,7 +14,7 @@
 #include <unistd.h>
 #include <vector>
 
-/// Looks for a secret in all that a process can write.
+/// Looks for a secret in all that this process can write.
 class ProcessMemory {
 public:
     /// A text that stands in memory only where somebody asked for it.
@@ -59,24 +59,13 @@ public:
 #endif
     }
 
-    static bool holds(const Secret& secret, const std::string& process = "self")
+    /// Whether it is in what the process can write and has touched.
+    static bool holds(const Secret& secret)
     {
         bool found = false;
-        visit(process, [&](const std::vector<char>& bytes) {
-            found = found || secret.isIn(bytes.data(), bytes.size());
-        });
-        return found;
-    }
-
-    /// Hand over all that the process can write and has touched, block by block.
-    template <typename Visitor>
-    static void visit(const std::string& process, Visitor visitor)
-    {
-        std::ifstream maps("/proc/" + process + "/maps");
-        const auto open = [&](const char* what) {
-            return ::open(("/proc/" + process + what).c_str(), O_RDONLY | O_CLOEXEC);
-        };
-        const int memory = open("/mem"), pagemap = open("/pagemap");
+        std::ifstream maps("/proc/self/maps");
+        const int memory = ::open("/proc/self/mem", O_RDONLY | O_CLOEXEC),
+                  pagemap = ::open("/proc/self/pagemap", O_RDONLY | O_CLOEXEC);
         const auto size = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
         for (std::string line; std::getline(maps, line);) {
             std::uintptr_t begin = 0, end = 0;
@@ -91,12 +80,13 @@ public:
                 last = std::find_if_not(page, pages.end(), isThere);
                 std::vector<char> bytes(static_cast<std::size_t>(last - page) * size);
                 readAll(memory, begin + static_cast<std::uintptr_t>(page - pages.begin()) * size, bytes);
-                visitor(bytes);
+                found = found || secret.isIn(bytes.data(), bytes.size());
                 ::explicit_bzero(bytes.data(), bytes.size()); // no second copy is left behind
             }
         }
         ::close(memory);
         ::close(pagemap);
+        return found;
     }
 
 private:

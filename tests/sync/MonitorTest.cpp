@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: BSD-3-Clause
-#include "support/LockProbe.h"
+#include "Monitor.h"
 #include "support/OtherThread.h"
 
 #include <atomic>
@@ -12,9 +12,15 @@ namespace {
 
 using namespace std::chrono_literals;
 
+/// Takes the lock as soon as it is free, and gives it back at once.
+OtherThread probe(Monitor& monitor)
+{
+    return OtherThread([&] { const MonitorLock lock = monitor.acquireLock(); });
+}
+
 TEST(MonitorTest, LockIsFreeOnlyAfterAsManyReleasesAsLocksAndAGuardReleasesOnce)
 {
-    Monitor monitor, other;
+    Monitor monitor, another;
     monitor.fastLock();
     monitor.fastLock();
     {
@@ -25,45 +31,53 @@ TEST(MonitorTest, LockIsFreeOnlyAfterAsManyReleasesAsLocksAndAGuardReleasesOnce)
         const MonitorLock byScope = monitor.acquireLock();
     }
     monitor.acquireLock(); // a dropped guard holds nothing
-    const LockProbe probe(monitor);
-    EXPECT_TRUE(probe.isKeptOut());
+    const OtherThread other = probe(monitor);
+    EXPECT_TRUE(other.isKeptWaiting());
     monitor.releaseLock();
-    EXPECT_TRUE(probe.isKeptOut());
+    EXPECT_TRUE(other.isKeptWaiting());
     {
         MonitorLock rebound(monitor);
-        other.fastLock();
-        rebound.setMonitor(other); // releases the monitor bound last only
+        another.fastLock();
+        rebound.setMonitor(another); // releases the monitor bound last only
     }
-    EXPECT_TRUE(LockProbe(other).gotIt());
-    EXPECT_TRUE(probe.isKeptOut());
+    EXPECT_TRUE(probe(another).isDone());
+    EXPECT_TRUE(other.isKeptWaiting());
     monitor.releaseLock();
-    EXPECT_TRUE(probe.gotIt());
+    EXPECT_TRUE(other.isDone());
 }
 
-TEST(MonitorTest, NotifyWakesOneWaiterAndATimedWaitEndsEarlyOrAtItsLimit)
+constexpr int kWaiters = 3;
+
+/// Threads that are in a wait, with the lock, by now.
+std::vector<std::jthread> waiters(Monitor& monitor, const std::function<void()>& wait)
 {
-    constexpr int kWaiters = 3;
-    Monitor monitor;
     int waiting = 0;
-    std::atomic<int> returned = 0;
     std::vector<std::jthread> threads;
-    for (int i = 0; i < kWaiters; ++i) {
-        threads.emplace_back([&, timed = i == 0] {
+    for (int i = 0; i < kWaiters; ++i)
+        threads.emplace_back([&, wait] {
             const MonitorLock lock = monitor.acquireLock();
             ++waiting;
-            if (timed)
-                monitor.wait(3'600'000);
-            else
-                monitor.wait();
-            ++returned;
+            wait();
         });
-    }
-    {
-        const MonitorLock lock = monitor.acquireLock();
-        do
-            monitor.wait(10); // lets the others in
-        while (waiting < kWaiters);
-    }
+    const MonitorLock lock = monitor.acquireLock();
+    do
+        monitor.wait(1); // lets the others in
+    while (waiting < kWaiters);
+    return threads;
+}
+
+TEST(MonitorTest, NotifyWakesOneWaiterAndATimedWaitEndsEarly)
+{
+    Monitor monitor;
+    int timed = 0;
+    std::atomic<int> returned = 0;
+    const auto threads = waiters(monitor, [&] {
+        if (timed++ == 0)
+            monitor.wait(3'600'000);
+        else
+            monitor.wait();
+        ++returned;
+    });
     for (int round = 1; round <= kWaiters; ++round) {
         monitor.notify();
         while (returned < round)
@@ -75,22 +89,13 @@ TEST(MonitorTest, NotifyWakesOneWaiterAndATimedWaitEndsEarlyOrAtItsLimit)
 
 TEST(MonitorTest, NotifyAllWakesEveryWaiterAndOnlyTheEndOfTheTimeIsATimeOut)
 {
-    constexpr int kWaiters = 3;
     Monitor monitor;
-    int waiting = 0, woken = 0;
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < kWaiters; ++i) {
-        threads.emplace_back([&] {
-            const MonitorLock lock = monitor.acquireLock();
-            ++waiting;
-            woken += monitor.waitUntil(std::chrono::steady_clock::now() + 1h) ? 1 : 0;
-        });
-    }
+    int woken = 0;
+    auto threads =
+        waiters(monitor, [&] { woken += monitor.waitUntil(std::chrono::steady_clock::now() + 1h) ? 1 : 0; });
     const auto end = std::chrono::steady_clock::now() + 100ms;
     {
         const MonitorLock lock = monitor.acquireLock();
-        while (waiting < kWaiters)
-            monitor.wait(1); // lets the others in
         while (monitor.waitUntil(end)) {
         }
         EXPECT_GE(std::chrono::steady_clock::now(), end);
@@ -112,7 +117,7 @@ TEST(MonitorTest, CancelledWaitLeavesTheLockFree)
             const MonitorLock lock = monitor.acquireLock();
             wait();
         }));
-        EXPECT_TRUE(LockProbe(monitor).gotIt());
+        EXPECT_TRUE(probe(monitor).isDone());
     }
 }
 

@@ -236,23 +236,6 @@ TEST_F(SystemExecTest, ChildThatIsKilledAtOnceIsReapedWhileTheOutputBlocks)
     EXPECT_EQ(status, SIGKILL);
 }
 
-TEST_F(SystemExecTest, CancellationWaitsForTheStartAndForTheHandler)
-{
-    int steps = 0;
-    std::thread([&] {
-        ::pthread_cancel(::pthread_self());
-        start("true");
-        ++steps;
-        signalHandler(SIGCHLD);
-        ++steps;
-        ::pthread_testcancel();
-        ++steps;
-    }).join();
-    EXPECT_EQ(steps, 2);
-    expectHeld(0);
-    EXPECT_EQ(::wait(nullptr), -1);
-}
-
 TEST_F(SystemExecTest, RunsInARowLeaveNoPipeAndNoZombie)
 {
     for (int run = 0; run < 50; ++run, letHandlerRun())
@@ -332,19 +315,6 @@ TEST_F(SystemExecTest, PipesOfARunnerThatIsNotNamedAnyMoreAreTheCallers)
     }
     signalHandler(SIGCHLD);
     expectHeld(6);
-}
-
-TEST_F(SystemExecTest, CallerWithoutStandardStreamsGetsItsPipesAllTheSame)
-{
-    const pid_t caller = ::fork();
-    if (caller == 0) {
-        ::close_range(STDIN_FILENO, STDERR_FILENO, 0);
-        start("cat"); // which must not get the progress lines
-        ::_exit(talk("input") == Texts("input", "") ? 0 : 1);
-    }
-    int status = -1;
-    ::waitpid(caller, &status, 0);
-    EXPECT_EQ(status, 0);
 }
 
 } // namespace
