@@ -201,6 +201,11 @@ CALL(int, fcntl, (int file, int command, long argument), real(file, command, arg
 CALL(int, open, (const char* path, int flags, mode_t mode), real(path, flags, mode), Fails, -1, ENFILE)
 CALL(ssize_t, read, (int file, void* data, std::size_t size), real(file, data, size), Fails | IsInterrupted,
      -1, EIO)
+/// The same where the size is checked, as some builds do.
+INTERPOSED ssize_t __read_chk(int file, void* data, std::size_t size, std::size_t)
+{
+    return ::read(file, data, size);
+}
 CALL(int, posix_spawn_file_actions_adddup2, (posix_spawn_file_actions_t * actions, int from, int to) noexcept,
      real(actions, from, to), Fails, ENOMEM, 0)
 CALL(int, posix_spawnp,
