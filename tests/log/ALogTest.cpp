@@ -24,7 +24,7 @@
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 
 static std::atomic<std::time_t> s_now = 1794009599; // 2026-11-06 23:59:59 UTC
-static char s_timeFormat[16] = "%H:%M:%S";          // of the time locale
+static char s_timeFormat[32] = "%H:%M:%S";          // of the time locale
 static std::string s_timeOfDay = s_timeFormat;      // what that comes down to
 
 // These take the place of the C library's clock and time locale for the log.
@@ -109,6 +109,8 @@ TEST_F(ALogTest, StampFollowsClockZoneAndLocaleFromLineToLineAndErrnoIsTheCaller
         {"11/ 7/2026 05:02:59", 0, longName + "-5:3"},
         {"11/ 6/2026 23:59:59", 0, "Missing/Zone"}, // the search for its file sets errno
         {"11/ 6/2026 23.59.59", 0, "UTC", "%H.%M.%S", "%H.%M.%S"},
+        {"11/ 6/2026 23:59:59 23:59:59 23:59:", 0, "UTC", "%H:%M:%S %H:%M:%S %H:%M:", // longer than kept
+         "%H:%M:%S %H:%M:%S %H:%M:"},
         {"11/ 6/2026 11:59:59 PM", 0, "UTC", "%r", "%I:%M:%S %p"},
         {"11/ 6/2026 11.59.59 PM", 0, "UTC", "%r", "%I.%M.%S %p"},
         {"11/ 6/2026 23:59:59", 0, "UTC"}, // and as it was
