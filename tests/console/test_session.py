@@ -159,6 +159,7 @@ def test_operator_sees_who_is_in_and_ends_a_session(daemon):
     daemon.signal(signal.SIGUSR1)
     assert eventually(
         lambda: daemon.count(r'consoled - session \d+: "(alice|user1)" from 127\.0\.0\.1 since \d\d/') == 2)
+    assert daemon.count("consoled - 2 connections of users\n") == 1
     daemon.end_session(1)
     assert alice.receive() == CLOSED
     daemon.signal(signal.SIGUSR2)  # names none

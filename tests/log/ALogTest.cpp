@@ -181,11 +181,14 @@ TEST_F(ALogTest, ReopenedFileKeepsWhatItHoldsAndAFailureKeepsTheStream)
     }
     m_log.print(ALog::INFO, "to the old stream\n");
     EXPECT_EQ(written(), "box -to the old stream\n");
+    const int next = fcntl(1, F_DUPFD, 3);
+    close(next);
     close(0);
     EXPECT_EQ(m_log.reopenOutputFile("kept.log"), 0);
     EXPECT_EQ(fcntl(0, F_GETFD), -1); // not taken
     m_log.vprint("buffered\n", m_noArguments);
     EXPECT_EQ(m_log.reopenOutputFile("new.log"), 0);
+    EXPECT_EQ(fcntl(next, F_GETFD), FD_CLOEXEC); // which has moved on
     EXPECT_EQ(readFile("kept.log"), "earlier\nbox -buffered\n");
     EXPECT_EQ(std::filesystem::status("new.log").permissions(), std::filesystem::perms{0600});
 }
