@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 #include <langinfo.h>
 #include <regex>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 
@@ -175,7 +176,9 @@ TEST_F(ALogTest, ReopenedFileKeepsWhatItHoldsAndAFailureKeepsTheStream)
 {
     std::ofstream("kept.log") << "earlier\n";
     std::filesystem::create_symlink("kept.log", "link.log");
-    for (const auto& [path, error] : {std::pair{"missing/own.log", ENOENT}, {"link.log", ELOOP}}) {
+    mkfifo("fifo", 0600); // which nobody reads yet
+    for (const auto& [path, error] :
+         {std::pair{"missing/own.log", ENOENT}, {"link.log", ELOOP}, {"fifo", ENXIO}}) {
         EXPECT_EQ(m_log.reopenOutputFile(path), -1);
         EXPECT_EQ(errno, error);
     }
@@ -191,6 +194,9 @@ TEST_F(ALogTest, ReopenedFileKeepsWhatItHoldsAndAFailureKeepsTheStream)
     EXPECT_EQ(fcntl(next, F_GETFD), FD_CLOEXEC); // which has moved on
     EXPECT_EQ(readFile("kept.log"), "earlier\nbox -buffered\n");
     EXPECT_EQ(std::filesystem::status("new.log").permissions(), std::filesystem::perms{0600});
+    open("fifo", O_RDONLY | O_NONBLOCK);
+    EXPECT_EQ(m_log.reopenOutputFile("fifo"), 0);
+    EXPECT_EQ(fcntl(next, F_GETFL) & O_NONBLOCK, 0); // a slow reader misses nothing
 }
 
 TEST_F(ALogTest, EchoedLineAlsoReachesStandardOutputAndAFullDiskStopsNothing)
@@ -203,11 +209,17 @@ TEST_F(ALogTest, EchoedLineAlsoReachesStandardOutputAndAFullDiskStopsNothing)
     std::fputs("more ", stdout);
     m_log.flush();
     EXPECT_TRUE(output.arrived().ends_with("more "));
+    flockfile(stdout); // as a host does amid a line
+    {
+        const OtherThread other([this] { m_log.print("late\n"); });
+        EXPECT_TRUE(other.isKeptWaiting());
+        funlockfile(stdout);
+    }
     EXPECT_EQ(m_log.setOutputFile("/dev/full"), 0);
     for (const char* line : {"lost\n", "lost again\n"})
         m_log.print("%s", line);
-    EXPECT_EQ(output.text(), "box -100% %d\nmore box -lost\nbox -lost again\n");
-    EXPECT_EQ(written(), "box -100% %d\n");
+    EXPECT_EQ(output.text(), "box -100% %d\nmore box -late\nbox -lost\nbox -lost again\n");
+    EXPECT_EQ(written(), "box -100% %d\nbox -late\n");
 }
 
 TEST_F(ALogTest, LinesOfManyThreadsStayWholeWhileFilesMoveAndAHostHoldsTheStream)

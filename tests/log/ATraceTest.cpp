@@ -71,7 +71,12 @@ TEST_F(ATraceTest, FileIsEmptiedAtTheFirstOpeningOfAnObjectOnly)
     m_trace.Init(3, std::string(m_path).data());
     EXPECT_EQ(readFile(m_path), "old\n"); // no start line without gTrace
     gTrace = &m_trace;
-    ATrace().Init(3, m_other.c_str()); // its start line goes through gTrace
+    ATrace early;
+    EXPECT_EQ(early.Reopen(m_other.c_str()), 0);
+    early.TraceLog(0, "before Init\n");
+    early.Init(3, m_other.c_str()); // its start line goes through gTrace
+    early.Close();
+    early.TraceLog(0, "after a reopening\n");
     m_trace.Close();
     m_trace.TraceLog(0, std::string("%s\n").data(), "appended");
     m_trace.Init(3, m_other.c_str()); // the open file stays the destination
@@ -84,7 +89,8 @@ TEST_F(ATraceTest, FileIsEmptiedAtTheFirstOpeningOfAnObjectOnly)
     m_trace.Close();
     m_trace.TraceLog(3, "reopened\n");
     EXPECT_EQ(readFile(m_path), kStartLine + kStamp + "appended\n" + kStartLine + kStamp + "reopened\n");
-    EXPECT_EQ(readFile(m_other), "kept\n" + kStamp + "last\n" + kStamp + "Not a directory\n");
+    EXPECT_EQ(readFile(m_other),
+              "kept\n" + kStamp + "after a reopening\n" + kStamp + "last\n" + kStamp + "Not a directory\n");
 }
 
 TEST_F(ATraceTest, MessagesAreWholeWhateverTheirFormAndLength)
