@@ -244,7 +244,7 @@ bool ATrace::openFile()
     if (m_firstOpen) {
         m_firstOpen = false;
         const FileDescriptor emptied(
-            ::open(m_fileName, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kPermissions));
+            ::open(m_fileName, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, kPermissions));
     }
     m_file = openStream(m_fileName, O_WRONLY | O_APPEND, kPermissions, "a");
     return m_file != nullptr;

@@ -48,20 +48,16 @@ FILE* openStream(const char* path, int flags, mode_t permissions, const char* mo
         errno = EINVAL;
         return nullptr;
     }
-    FileDescriptor file(::open(path, flags | O_CREAT | O_CLOEXEC, permissions));
+    FileDescriptor file(::open(path, flags | O_CREAT | O_CLOEXEC | O_NONBLOCK, permissions));
     FILE* const stream = leaveStandardNumbers(file) ? ::fdopen(file.get(), mode) : nullptr;
     if (stream != nullptr)
-        file.release();
+        ::fcntl(file.release(), F_SETFL, flags); // only the opening must not wait
     return stream;
 }
 
 FILE* openToAppend(const char* path)
 {
-    FILE* const stream =
-        openStream(path, O_WRONLY | O_APPEND | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK, 0600, "a");
-    if (stream != nullptr)
-        ::fcntl(::fileno(stream), F_SETFL, O_APPEND); // only the opening must not wait
-    return stream;
+    return openStream(path, O_WRONLY | O_APPEND | O_NOFOLLOW | O_NOCTTY, 0600, "a");
 }
 
 void StreamLocks::lock(FILE* first, FILE* second)

@@ -7,11 +7,11 @@
 
 /// Opens the file at @p path, made if need be, as open() does with @p flags and @p permissions and fdopen()
 /// with @p mode: close-on-exec, and on none of the three standard descriptors, where the host's lines would
-/// go into it. Returns null with errno on failure, as for a null path.
+/// go into it. Returns null with errno on failure, as for a null path, and for a FIFO that is to be written
+/// to and that nobody reads: it waits for nobody.
 FILE* openStream(const char* path, int flags, mode_t permissions, const char* mode);
 
-/// The same for appending. A new file has mode 0600; a symbolic link at the end of the path is refused, and
-/// so is a FIFO that nobody reads.
+/// The same for appending. A new file has mode 0600; a symbolic link at the end of the path is refused.
 FILE* openToAppend(const char* path);
 
 /// Holds the locks of the streams that one line goes to, so that nothing comes between the line and its
