@@ -47,8 +47,9 @@ public:
     void setBaseLog(ALog& log);
 
     /// Append @p child; it and everything below it take this component's base log, if there is one. A child
-    /// may be added more than once. A child that would close a cycle is refused without effect. Throws
-    /// std::bad_alloc when memory runs out, without effect.
+    /// may be added more than once, and is then visited as often, in a tree no deeper than the stack bears. A
+    /// child that would close a cycle is refused without effect. Throws std::bad_alloc when memory runs out,
+    /// without effect.
     void addChildLog(AComponentLog& child);
 
     /// Remove the first entry for @p child, which keeps its base log. Does nothing if it isn't a child.

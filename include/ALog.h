@@ -31,9 +31,11 @@ class StreamLocks;
 /// fflush(nullptr): a line may open the time zone's file.
 ///
 /// A stream that fails, on a full disk for instance, may keep a part of a line, which the next one continues.
-/// A signal whose handler was installed without SA_RESTART may lose a line that waits for a full pipe. Lines
-/// to a stream of wide orientation vanish, echoed ones too. "%n" is best not used: it ends the program in a
-/// format that isn't constant, and in any while no descriptor is left.
+/// A signal whose handler was installed without SA_RESTART may lose a line that waits for a full pipe; a
+/// cancellation there may leave a part of what is buffered, which the next flush then repeats. Whoever
+/// reopens waits for such a line, too. Lines to a stream of wide orientation vanish, echoed ones too. "%n" is
+/// best not used: it ends the program in a format that isn't constant, and in any while no descriptor is
+/// left.
 ///
 /// @code
 /// ALog log("consoled", stderr);

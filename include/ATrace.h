@@ -13,17 +13,19 @@
 /// A trace file: one line a call, with a millisecond stamp, filtered by a numeric threshold.
 ///
 /// A program creates one trace, points ::gTrace at it and calls Init(). Init(), TraceLog(), Reopen() and
-/// Close() are safe from any thread, and lines never mix. The file is emptied at its first opening in the
-/// life of the object and appended to afterwards. Neither copied nor moved.
+/// Close() are safe from any thread, and lines never mix. The file is emptied at the first attempt to open
+/// one in the life of the object and appended to afterwards. Neither copied nor moved.
 ///
 /// A line reads "YYYY/MM/DD HH:MM:SS_mmm MESSAGE", in local time. No line end is added: the format carries
-/// its own "\n". A message may have any length and hold zero bytes. It ends at an argument that can't be
-/// formatted; such a line, or one for which memory runs out, has at most 2047 characters. Tracing leaves
-/// errno alone, and "%m", which g++ -Wpedantic warns of, shows the caller's. "%n" is best not used: it ends
-/// the program in a format that isn't constant, and in any while no descriptor is left.
+/// its own "\n". A message may have any length and hold zero bytes. One with an argument that can't be
+/// formatted ends there, or at a zero byte before; such a line, or one for which memory runs out, has at most
+/// 2047 characters. Tracing leaves errno alone, and "%m", which g++ -Wpedantic warns of, shows the caller's.
+/// "%n" is best not used: it ends the program in a format that isn't constant, and in any while no descriptor
+/// is left.
 ///
-/// Where the file can't be opened, lines are dropped silently. A full disk may keep a part of one, and a
-/// signal whose handler was installed without SA_RESTART may lose one that waits for a full pipe. Not for
+/// Where the file can't be opened, as a FIFO that nobody reads, lines are dropped silently. A full disk may
+/// keep a part of one, and so may a full pipe when the thread is cancelled; a signal whose handler was
+/// installed without SA_RESTART may lose one that waits for it. Whoever closes or reopens waits, too. Not for
 /// signal handlers, nor for the child of a fork() in a process with threads. Whoever holds the lock of any
 /// stream, as a write function of fopencookie() does, traces only while no thread is in fflush(nullptr): a
 /// line may open a file. Point ::gTrace at a trace before threads trace.
