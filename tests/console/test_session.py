@@ -166,6 +166,7 @@ def test_operator_sees_who_is_in_and_ends_a_session(daemon):
     assert eventually(lambda: daemon.count("session -1: there is none\n") == 1)
     assert daemon.count("session 1: ended") == 1
     assert other.ask(Op.WHO).result == Result.DONE
+    assert other.log_in("user1").text == "logged in already"
 
 
 def test_starts_only_with_options_and_a_service_that_it_knows(daemon):
