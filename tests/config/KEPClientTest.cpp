@@ -142,7 +142,6 @@ TEST_F(KEPClientTest, TextThatFillsTheBufferOrIsNoneIsReadInsideIt)
     std::vector<char> name{'p', 0, '-', '-'};
     EXPECT_EQ(outputOf([&] { m_client.getProperty(name.data(), name.data(), 4); }),
               "kep_config_get_str_n p 4\n -Failed to get a value for property: xxx\n");
-    answers.clear();
     answeredText = "text";
     // No room, not even for an end.
     char bytes[] = "--";
@@ -151,7 +150,6 @@ TEST_F(KEPClientTest, TextThatFillsTheBufferOrIsNoneIsReadInsideIt)
         outputOf([&] { EXPECT_EQ(m_client.getProperty("p", bytes + 1, 0), found == 1); });
         EXPECT_STREQ(bytes, "--");
     }
-    answers.clear();
 }
 
 TEST_F(KEPClientTest, UpdateTellsFailureFromNoChangeForTextsOfAnyLength)

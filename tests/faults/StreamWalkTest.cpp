@@ -129,8 +129,7 @@ TEST(StreamWalkTest, NothingThatHappensToAConnectionLosesADescriptorOrMixesUpByt
               "(-1|4) read, -1 read, copy 55, state 5, Socket recv failed: Connection reset.*\n, 0 arrived"},
              {"write",
               read + "(55, state 5, Socket write failed: Broken pipe\n, [04]|15, state 1, 10) arrived"},
-             // Without a descriptor of the copy.
-             {"fcntl", read + "55, state 1, 10 arrived"},
+             {"fcntl", read + "55, state 1, 10 arrived"}, // without a descriptor of the copy
          },
          {{"connect", cancelled},
           {"poll", cancelled},

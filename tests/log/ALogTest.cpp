@@ -13,7 +13,6 @@
 #include <ctime>
 #include <deque>
 #include <fcntl.h>
-#include <functional>
 #include <gtest/gtest.h>
 #include <langinfo.h>
 #include <regex>
@@ -147,7 +146,6 @@ TEST_F(ALogTest, OpenFailuresDropTheLineAndTheNextLineTriesAgain)
 {
     ALog("off").print("no line, no file\n");
     EXPECT_FALSE(std::filesystem::exists("debug.log"));
-    EXPECT_EQ(m_log.setOutputFile(nullptr), -1);
     EXPECT_EQ(m_log.setOutputFile("missing/own.log"), -1);
     std::filesystem::create_directory("debug.log"); // can't be opened for writing
     m_log.print("dropped\n");
@@ -178,12 +176,17 @@ TEST_F(ALogTest, ReopenedFileKeepsWhatItHoldsAndAFailureKeepsTheStream)
     std::filesystem::create_symlink("kept.log", "link.log");
     mkfifo("fifo", 0600); // which nobody reads yet
     for (const auto& [path, error] :
-         {std::pair{"missing/own.log", ENOENT}, {"link.log", ELOOP}, {"fifo", ENXIO}}) {
+         {std::pair{"missing/own.log", ENOENT}, {"link.log", ELOOP}, {"fifo", ENXIO}, {nullptr, EINVAL}}) {
         EXPECT_EQ(m_log.reopenOutputFile(path), -1);
         EXPECT_EQ(errno, error);
     }
     m_log.print(ALog::INFO, "to the old stream\n");
     EXPECT_EQ(written(), "box -to the old stream\n");
+    std::fputs("buffered", m_file);
+    m_log.setEnabled(false);
+    m_log.print("no line, but a flush\n");
+    m_log.setEnabled(true);
+    EXPECT_EQ(written(), "box -to the old stream\nbuffered");
     const int next = fcntl(1, F_DUPFD, 3);
     close(next);
     close(0);

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <deque>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <thread>
 
@@ -84,13 +85,15 @@ TEST_F(ATraceTest, FileIsEmptiedAtTheFirstOpeningOfAnObjectOnly)
     m_trace.TraceLog(0, "last\n");
     EXPECT_EQ(m_trace.Reopen((m_path + "/missing").c_str()), -1);
     EXPECT_EQ(errno, ENOTDIR);
-    m_trace.TraceLog(3, "%m\n"); // the caller's error, and the old file
+    ::setenv("TZ", "Missing/Zone", 1); // the search for its file sets errno
+    m_trace.TraceLog(3, "%m\n");       // the caller's error, and the old file
+    ::setenv("TZ", "EAST-5:30", 1);
     EXPECT_EQ(m_trace.Reopen(m_path.c_str()), 0);
     m_trace.Close();
     m_trace.TraceLog(3, "reopened\n");
     EXPECT_EQ(readFile(m_path), kStartLine + kStamp + "appended\n" + kStartLine + kStamp + "reopened\n");
-    EXPECT_EQ(readFile(m_other),
-              "kept\n" + kStamp + "after a reopening\n" + kStamp + "last\n" + kStamp + "Not a directory\n");
+    EXPECT_EQ(readFile(m_other), "kept\n" + kStamp + "after a reopening\n" + kStamp +
+                                     "last\n2023/11/14 22:13:20_123 Not a directory\n");
 }
 
 TEST_F(ATraceTest, MessagesAreWholeWhateverTheirFormAndLength)
@@ -138,12 +141,13 @@ TEST_F(ATraceTest, LinesThatCannotBeWrittenAreDropped)
     m_trace.TraceLog(0, "%010000i\n", 1);
     EXPECT_EQ(errno, 0);
     ATrace late;
-    late.Init(0, (m_other + "/trace").c_str());
-    late.TraceLog(0, "lost\n"); // and nothing is emptied any more
-    std::filesystem::create_directory(m_other);
-    std::ofstream(m_other + "/trace") << "kept\n";
+    mkfifo(m_other.c_str(), 0600);
+    late.Init(0, m_other.c_str());
+    late.TraceLog(0, "lost\n"); // as nobody reads it; and nothing is emptied any more
+    std::filesystem::remove(m_other);
+    std::ofstream(m_other) << "kept\n";
     late.TraceLog(0, "written\n");
-    EXPECT_EQ(readFile(m_other + "/trace"), "kept\n" + kStamp + "written\n");
+    EXPECT_EQ(readFile(m_other), "kept\n" + kStamp + "written\n");
 }
 
 TEST_F(ATraceTest, LinesStayWholeWhileTheFileMovesAndAllStreamsAreFlushed)

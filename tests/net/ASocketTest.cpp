@@ -105,7 +105,7 @@ struct Link {
         socklen_t size = sizeof address;
         auto* generic = reinterpret_cast<sockaddr*>(&address);
         ::bind(listener, generic, size);
-        ::listen(listener, 4);
+        ::listen(listener, 8);
         ::getsockname(listener, generic, &size);
         ::connect(peer, generic, size);
         return ::accept(listener, nullptr, nullptr);
@@ -148,6 +148,7 @@ TEST(ASocketTest, ConnectingTellsItsProgressOrThrowsWhatItPrinted)
                   "createIPSocket" + target + progress);
         EXPECT_EQ(::fcntl(socket->getDescriptor(), F_GETFD), FD_CLOEXEC);
     }
+    told([&] { ASocket(("127.0.0." + std::string(2000, '0') + "2").c_str(), port); });
     const std::string name(300, 'x'), message = ("host info not found ip=\"" + name).substr(0, 255);
     EXPECT_PRED2(matches, told([&] { EXPECT_THROW(ASocket(name.c_str(), port), GorvSocketException); }),
                  "*connecting...\ncreateIPSocket " + message +
@@ -226,11 +227,9 @@ TEST(ASocketTest, EachCopyClosesADescriptorOfItsOwnAboveTheStandardOnesAndConnec
         std::optional<ASocket> copied;
         told([&] {
             const int errors = ::dup(STDERR_FILENO);
-            for (const int stream : {STDIN_FILENO, STDERR_FILENO})
-                ::close(stream);
+            ::close(STDERR_FILENO);
             copied.emplace(link.socket);
             link.socket.createIPSocket("127.0.0.2", link.port());
-            ::open("/dev/null", O_RDONLY | O_CLOEXEC); // the standard input again
             ::dup2(errors, STDERR_FILENO);
             ::close(errors);
         });
@@ -437,13 +436,17 @@ TEST(ASocketTest, StallLimitEndsAMessageThatHasBegunAndNoOther)
     EXPECT_EQ(blocked.socket.getSocketState(), ASocket::IO_ERROR);
     EXPECT_FALSE(ASocket().setStallLimit(1));
     Link plain; // with a time-out that its program sets
-    const timeval limit{1, 500'000};
+    timeval limit{1, 0};
     for (const int option : {SO_RCVTIMEO, SO_SNDTIMEO})
         ::setsockopt(plain.end, SOL_SOCKET, option, &limit, sizeof limit);
     plain.send("\0\1"s);
     const std::jthread rest = plain.sendLater(3'500'000, "\2\3");
     EXPECT_PRED2(matches, toldBy(plain.socket, &ASocket::readInt, 0),
                  "4 66051 1 *\nSocket recv failed: Resource temporarily unavailable\n*");
+    plain.socket.setStallLimit(0);
+    socklen_t size = sizeof limit;
+    ::getsockopt(plain.end, SOL_SOCKET, SO_SNDTIMEO, &limit, &size);
+    EXPECT_EQ(limit.tv_sec + limit.tv_usec, 0);
 }
 
 TEST(ASocketTest, CancellationActsInTheWaitsOnlyAndLosesNoDescriptor)

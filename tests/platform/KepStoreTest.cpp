@@ -64,8 +64,11 @@ TEST_F(KepStoreTest, NextProgramFindsWhatWasWrittenLast)
                           kep_config_set_int("p", INT_MIN, true) && kep_config_set_str_n("", "", 1) &&
                           kep_config_set_str_n("text", "\xff'\";--", 1);
         int status = -1;
-        ::waitpid(start([] { return kep_config_set_int("p", 6, true) == 0; }), &status, 0);
-        return done && status == 0; // a child of fork keeps nothing
+        const auto keepsNothing = [] { // and changes nothing with the same value
+            return kep_config_set_int("p", 6, true) == 0 && kep_config_set_int("p", INT_MIN, true) == 1;
+        };
+        ::waitpid(start(keepsNothing), &status, 0); // a child of fork
+        return done && status == 0;
     };
     const auto read = [] {
         bool truth = false;

@@ -23,7 +23,10 @@ INTERPOSED int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
 {
     static const auto s_create = nextDefinition<decltype(::pthread_create)>("pthread_create");
     *thread = 1; // a failed creation may leave anything
-    return s_creationFails ? EAGAIN : s_create(thread, attributes, body, object);
+    if (!s_creationFails)
+        return s_create(thread, attributes, body, object);
+    EXPECT_TRUE(static_cast<AThread*>(object)->isRunning()); // from before the body begins
+    return EAGAIN;
 }
 
 struct Counter : AThread {

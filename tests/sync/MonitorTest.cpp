@@ -99,12 +99,21 @@ TEST(MonitorTest, NotifyAllWakesEveryWaiterAndOnlyTheEndOfTheTimeIsATimeOut)
         while (monitor.waitUntil(end)) {
         }
         EXPECT_GE(std::chrono::steady_clock::now(), end);
-        EXPECT_FALSE(monitor.waitUntil(end));
         EXPECT_FALSE(monitor.waitUntil({}));
         monitor.notifyAll();
     }
     threads.clear();
     EXPECT_EQ(woken, kWaiters);
+}
+
+TEST(MonitorTest, ProcessEndsThoughAThreadWaits)
+{
+    const auto end = [] {
+        static Monitor s_monitor;
+        const auto threads = waiters(s_monitor, [] { s_monitor.wait(); });
+        std::exit(0);
+    };
+    EXPECT_EXIT(end(), testing::ExitedWithCode(0), "");
 }
 
 TEST(MonitorTest, CancelledWaitLeavesTheLockFree)
