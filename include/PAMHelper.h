@@ -143,7 +143,8 @@ public:
     /// Set the client's address, handed to PAM as PAM_RHOST when the next transaction starts. Null changes
     /// nothing. Of an IPv4 address in IPv6-mapped form, "::ffff:10.20.30.40", only the IPv4 part is kept: of
     /// any text with a dot what follows its last colon, unless that colon comes first. So give it neither a
-    /// port nor a zone: "10.0.0.1:5000" becomes "5000", "fe80::1%eth0.100" becomes "1%eth0.100".
+    /// port nor a zone: "10.0.0.1:5000" becomes "5000", "fe80::1%eth0.100" becomes "1%eth0.100". Nor a name:
+    /// PAM may look that up, for as long as it takes, while every login waits.
     void setRemoteIP(const char* address);
     /// Set the address of the interface that the client reached, handed to PAM as "INTERFACE_IP". Null and
     /// mapped addresses as with setRemoteIP().
@@ -157,22 +158,24 @@ public:
     /// Put @p name = @p value (neither null) into the PAM environment; an empty value is kept as such.
     /// @return PAM's status; 0, without effect, before a transaction was started.
     int setEnv(const char* name, const char* value);
-    /// Returns the PAM variable @p name, or null. The text is PAM's and valid until the variable changes or
-    /// the helper is disposed of.
+    /// Returns the PAM variable @p name, or null, as for a null name. The text is PAM's and valid until the
+    /// variable changes or the helper is disposed of.
     const char* getEnv(const char* name);
 
     /// The PAM conversation of every transaction that a helper starts; @p appdata_ptr is the helper. Only PAM
     /// calls it. Answers a prompt without echo with the password if it is "Password: " or contains
     /// "password: ", in this case and with the blank, and fails at any other. Answers a prompt with echo from
-    /// standard input, and writes errors to standard error and information to standard output. A prompt with
-    /// echo reads the process's standard input with the monitor held: give a daemon /dev/null there.
+    /// standard input with the next 511 characters at most, up to a line's end and with it; a signal whose
+    /// handler was installed without SA_RESTART fails it. Writes errors to standard error and information to
+    /// standard output. A prompt with echo reads the process's standard input with the monitor held: give a
+    /// daemon /dev/null there.
     /// @return PAM_SUCCESS with @p resp set to replies that PAM frees, else PAM_CONV_ERR or PAM_BUF_ERR.
     static int converse(int num_msg, const struct pam_message** msg, struct pam_response** resp,
                         void* appdata_ptr);
 
     /// Open the PAM session, and forget one that is open already: stop that first. Take its numeric id from
-    /// the PAM variable "SESSION_ID" (decimal, 0x, 0b or octal; 0 if the variable is absent, unchanged if it
-    /// is no number).
+    /// the PAM variable "SESSION_ID" (what it begins with, in decimal, 0x, 0b or octal, of which the low 32
+    /// bits count; 0 if the variable is absent, unchanged if it begins with no number).
     /// Call it right after a form with a service has returned 0 or 12: such a status that something else left
     /// behind, see getAuthResult(), says nothing about this user.
     /// @return whether the session is open; false, without a call to PAM, unless the last status is 0 or 12.

@@ -83,9 +83,8 @@ bool showText(const char* text, FILE* stream)
 {
     if (text == nullptr || *text == '\0')
         return true;
-    std::fputs(text, stream);
-    if (text[std::strlen(text) - 1] != '\n')
-        std::fputs("\n", stream);
+    const bool hasEnd = text[std::strlen(text) - 1] == '\n';
+    std::fprintf(stream, "%s%s", text, hasEnd ? "" : "\n"); // at once: another thread may close a session
     return true;
 }
 

@@ -16,6 +16,9 @@
 #include <openssl/crypto.h>
 #include <utility>
 
+// The C++ library's own is called. As C++20 has it, a copy would be made here.
+extern template void std::string::swap(std::string&);
+
 // Construction in this order gives the two monitors the ids 2 and 3.
 Monitor PAMHelper::instanceMapMonitor;
 std::map<std::string, PAMHelper*> PAMHelper::instanceMap;
@@ -169,7 +172,7 @@ int PAMHelper::changePassword(const std::string& oldPassword, const std::string&
     m_password = oldPassword;
     // libpam has a copy of the record, so that ours can tell converse() what else to answer.
     m_conv.appdata_ptr = const_cast<char*>(newPassword.c_str());
-    const int status = pam_chauthtok(m_pamHandle, PAM_CHANGE_EXPIRED_AUTHTOK);
+    const int status = pamChangeToken(m_pamHandle, PAM_CHANGE_EXPIRED_AUTHTOK);
     if (status == PAM_SUCCESS)
         setAuthResult(status);
     return status;
@@ -207,7 +210,7 @@ int PAMHelper::setEnv(const char* name, const char* value)
 
 const char* PAMHelper::getEnv(const char* name)
 {
-    return m_pamHandle == nullptr ? nullptr : pam_getenv(m_pamHandle, name);
+    return m_pamHandle == nullptr || name == nullptr ? nullptr : pam_getenv(m_pamHandle, name);
 }
 
 int PAMHelper::converse(int num_msg, const struct pam_message** msg, struct pam_response** resp,

@@ -10,6 +10,7 @@
 extern "C" {
 int pamSetItem(pam_handle_t* handle, int item, const void* value) __asm__("pam_set_item");
 int pamAuthenticate(pam_handle_t* handle, int flags) __asm__("pam_authenticate");
+int pamChangeToken(pam_handle_t* handle, int flags) __asm__("pam_chauthtok");
 int pamOpenSession(pam_handle_t* handle, int flags) __asm__("pam_open_session");
 int pamEnd(pam_handle_t* handle, int status) __asm__("pam_end");
 }

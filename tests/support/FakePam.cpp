@@ -76,7 +76,7 @@ INTERPOSED int pam_acct_mgmt(pam_handle_t* pam, int flags)
     return step(pam, "account", flags);
 }
 
-INTERPOSED int pam_chauthtok(pam_handle_t* pam, int flags)
+INTERPOSED int pamChangeToken(pam_handle_t* pam, int flags)
 {
     const int status = step(pam, "change", flags);
     return fakePam().onChange ? fakePam().onChange(*pam) : status;
