@@ -112,7 +112,7 @@ public:
     /// and SIGKILL two seconds later if the program is still there. What is left of the group when the
     /// program has ended gets SIGKILL in any case. A process that has left the group lives on; what it still
     /// prints isn't waited for. A program that may not be killed, as one that runs as somebody else, is
-    /// waited for.
+    /// waited for. The limit on descriptors (RLIMIT_NOFILE) isn't lowered below 5 meanwhile.
     ///
     /// The program begins with SIGCHLD and SIGPIPE at their defaults, SIGCHLD not blocked and no handler of
     /// the caller's, and otherwise with what a program inherits over exec. Ignore SIGPIPE if it may end

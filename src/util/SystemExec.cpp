@@ -133,10 +133,12 @@ void tell(int descriptor, const char* begin, const char* middle, const char* end
 {
     char ids[64];
     std::snprintf(ids, sizeof ids, ", pid=%i, pgid=%i\n", ::getpid(), ::getpgid(0));
+    const auto before = std::signal(SIGXFSZ, SIG_IGN); // standard output may be a file that is full
     tell(STDOUT_FILENO, "SystemExec child: In forked process for ", command, ids);
     ::sleep(kStartDelaySeconds);
     if (redirectStreams(pipes)) {
         restoreSignals();
+        std::signal(SIGXFSZ, before);
         ::execvp(command, args);
     }
     reportFailure(command, errno, pipes);

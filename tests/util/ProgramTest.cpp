@@ -11,8 +11,6 @@
 #include <sys/eventfd.h>
 #include <sys/wait.h>
 
-// The programs that are run and started beside others: SystemExec::run() and SystemExec::Child.
-
 namespace {
 
 using Outcome = SystemExec::Outcome;

@@ -212,6 +212,21 @@ TEST_F(SystemExecTest, SignalMeetsNoHandlerOfTheCallerInTheChildAndABrokenPipeDo
     std::signal(SIGTERM, SIG_DFL);
 }
 
+TEST_F(SystemExecTest, ChildRunsWhereStandardOutputIsAFullFile)
+{
+    std::signal(SIGXFSZ, [](int) {});
+    rlimit limit{};
+    ::getrlimit(RLIMIT_FSIZE, &limit);
+    const rlimit low{1U << 20, limit.rlim_max};
+    CapturedStream output(stdout);
+    ::lseek(STDOUT_FILENO, 1 << 20, SEEK_SET);
+    ::setrlimit(RLIMIT_FSIZE, &low);
+    start("true");
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    output.text();
+    EXPECT_EQ(statusAfterHandler(), 0);
+}
+
 TEST_F(SystemExecTest, ChildThatIsKilledAtOnceIsReapedWhileTheOutputBlocks)
 {
     pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
