@@ -71,9 +71,9 @@ public:
     /// takes a limited time, knows IPv6 and prints nothing.
     ///
     /// Resolving and connecting block as long as the system lets them; a signal can fail them. On failure the
-    /// state is CONNECT_FAILED (no socket could be made) or CLOSED, no descriptor is held, both standard
-    /// streams have a message, and GorvSocketException is thrown. std::bad_alloc or a cancellation may leave
-    /// a descriptor in the object, which closes it as ever.
+    /// state is CONNECT_FAILED (no socket could be made) or CLOSED, by way of close(), no descriptor is held,
+    /// both standard streams have a message, and GorvSocketException is thrown. std::bad_alloc or a
+    /// cancellation may leave a descriptor in the object, which closes it as ever.
     /// @param ip host name or dotted address
     /// @param port the low 16 bits count
     void createIPSocket(const char* ip, int port);
@@ -87,7 +87,7 @@ public:
     /// state is CONNECT_FAILED, no descriptor is held, and GorvSocketException tells the reason of the last
     /// address, "Connection timed out" for one. A cancellation leaves the same state behind.
     /// @param host name or address; "::1" and "fe80::1%eth0" as well
-    /// @param service the name of one, or a port in digits
+    /// @param service the name of one, or a port in digits, of which the low 16 bits count
     /// @param timeout in seconds; 0 for as long as the system lets it
     void connectTo(const char* host, const char* service, unsigned int timeout);
     /// The same for a port, of which the low 16 bits count.
@@ -173,16 +173,16 @@ public:
     /// @name Receiving
     /// @p timeout is in seconds and bounds each wait for data, not the whole operation; 0 waits without
     /// limit. Once a first byte has come the rest is awaited without limit, until the peer closes, a signal
-    /// arrives (a new wait follows) or the limit of setStallLimit() is reached. The result is a count of
-    /// bytes, 0 after the peer has closed (CLOSED_BY_PEER), -1 after a time-out (the state stays) or a
-    /// failure (IO_ERROR, with a message on standard error). A signal interrupts nothing, but a wait starts
-    /// anew, with its whole time-out.
+    /// or urgent data arrives (a new wait follows) or the limit of setStallLimit() is reached. The result is
+    /// a count of bytes, 0 after the peer has closed (CLOSED_BY_PEER), -1 after a time-out (the state stays)
+    /// or a failure (IO_ERROR, with a message on standard error). A signal interrupts nothing, but a wait
+    /// starts anew, with its whole time-out.
     /// @{
 
     /// Receive once into @p data + @p offset. Fewer than @p len bytes (at least 1) come back when the peer
-    /// closes, a signal arrives or the stall limit has passed since receiving began, though bytes may still
-    /// trickle in. A @p len of 0 waits as well, and then can't be told from a closed peer, not even by the
-    /// state.
+    /// closes, a signal or urgent data arrives or the stall limit has passed since receiving began, though
+    /// bytes may still trickle in. With a log, the first byte at @p data is read, too. A @p len of 0 waits as
+    /// well, and then can't be told from a closed peer, not even by the state.
     /// @return 0 too in every state but CONNECTED
     int read(unsigned char* data, int offset, int len, unsigned int timeout) override;
     /// Receive 4 bytes through readFully().
