@@ -1,13 +1,11 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
-#include <pthread.h>
-
 /// Keeps a cancellation of the calling thread waiting for one scope.
 class CancelBlock {
 public:
-    CancelBlock() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_before); }
-    ~CancelBlock() { pthread_setcancelstate(m_before, nullptr); }
+    CancelBlock() noexcept;
+    ~CancelBlock();
 
     CancelBlock(const CancelBlock&) = delete;
     CancelBlock& operator=(const CancelBlock&) = delete;

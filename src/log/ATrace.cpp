@@ -2,7 +2,6 @@
 #include "ATrace.h"
 
 #include "base/CancelBlock.h"
-#include "base/FileDescriptor.h"
 #include "base/SharedField.h"
 #include "log/KeptErrno.h"
 #include "log/LineFormat.h"
@@ -243,8 +242,9 @@ bool ATrace::openFile()
     const CancelBlock block;
     if (m_firstOpen) {
         m_firstOpen = false;
-        const FileDescriptor emptied(
-            ::open(m_fileName, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, kPermissions));
+        FILE* const emptied = openStream(m_fileName, O_WRONLY | O_TRUNC, kPermissions, "w");
+        if (emptied != nullptr)
+            std::fclose(emptied);
     }
     m_file = openStream(m_fileName, O_WRONLY | O_APPEND, kPermissions, "a");
     return m_file != nullptr;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "OutputFile.h"
 
-#include "base/FileDescriptor.h"
+#include "base/StandardNumbers.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -48,6 +48,7 @@ FILE* openStream(const char* path, int flags, mode_t permissions, const char* mo
         errno = EINVAL;
         return nullptr;
     }
+    const StandardNumbers numbers;
     FileDescriptor file(::open(path, flags | O_CREAT | O_CLOEXEC | O_NONBLOCK, permissions));
     FILE* const stream = leaveStandardNumbers(file) ? ::fdopen(file.get(), mode) : nullptr;
     if (stream != nullptr)

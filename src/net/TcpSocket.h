@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
-#include "base/FileDescriptor.h"
+#include "base/StandardNumbers.h"
 
 #include <cstddef>
 #include <netinet/in.h>
@@ -14,6 +14,7 @@ constexpr std::size_t kFailureTextSize = 256;
 /// failure it is closed, and errno tells why.
 inline FileDescriptor openTcpSocket(int family, int flags)
 {
+    const StandardNumbers numbers;
     FileDescriptor socket(::socket(family, SOCK_STREAM | SOCK_CLOEXEC | flags, IPPROTO_TCP));
     leaveStandardNumbers(socket);
     return socket;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "SystemExec.h"
 #include "base/Deadline.h"
+#include "base/StandardNumbers.h"
 #include "util/ChildPipes.h"
 
 #include <algorithm>
@@ -148,7 +149,7 @@ public:
             ::fcntl(child.m_ends[which], F_SETFL, O_NONBLOCK); // a child may open the other ends as well
         }
         m_entries[Child::Input].events = POLLOUT;
-        m_entries[Stop] = job.stop;
+        m_entries[Stop] = {job.stop.fd, job.stop.events, 0};
     }
 
     /// Returns whether the child has ended within @p deadline, and before it was to stop.

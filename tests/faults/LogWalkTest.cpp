@@ -140,7 +140,7 @@ const Row s_rows[] = {
      "log -next\nopened\nplain 7\nnext\n",
      printPlain,
      CanFail,
-     {{"open", "log -plain 7\nopened\nplain 7\nnext\n"},
+     {{"open", "log -(plain 7|next)\nopened\nplain 7\nnext\n"},
       {"malloc", "opened\nplain 7\nnext\n"},
       {"fdopen", "opened\nplain 7\nnext\n"}}},
     {"reopened",

@@ -34,6 +34,15 @@ INTERPOSED int getaddrinfo(const char* host, const char* service, const addrinfo
     return status;
 }
 
+static bool s_hadStandardNumber = false;
+
+INTERPOSED int socket(int family, int type, int protocol) noexcept
+{
+    const int number = nextDefinition<decltype(::socket)>("socket")(family, type, protocol);
+    s_hadStandardNumber |= number <= STDERR_FILENO;
+    return number;
+}
+
 namespace {
 
 /// Line @p number of the source, with the one before it: a statement may take two.
@@ -244,6 +253,7 @@ TEST(ASocketTest, EachCopyClosesADescriptorOfItsOwnAboveTheStandardOnesAndConnec
         EXPECT_EQ(ASocket(copy).getSocketState(), ASocket::CLOSED);
     }
     EXPECT_EQ(openDescriptors(), before);
+    EXPECT_FALSE(s_hadStandardNumber); // not for a moment
 }
 
 TEST(ASocketTest, SpeaksTheWireFormatAndLogsEveryStep)
