@@ -159,6 +159,7 @@ TEST_F(ProgramTest, StopsWhenItIsTold)
     });
     EXPECT_EQ(run(script("exec sleep 99"), -1), Outcome::Overdue);
     EXPECT_EQ(m_result.status, SIGTERM);
+    EXPECT_TRUE(other.isDone());
     ::close(event);
 }
 
