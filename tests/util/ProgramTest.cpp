@@ -229,10 +229,10 @@ TEST_F(ProgramTest, ManyRunBesideEachOtherAndBesideOtherChildren)
         for (int turn = 0; turn < 20; ++turn) {
             const pid_t other = ::fork();
             if (other == 0)
-                ::_exit(7);
+                ::raise(SIGKILL); // a sanitizer looks for threads at an exit
             int status = -1;
             EXPECT_EQ(::waitpid(other, &status, 0), other); // nobody has taken it
-            EXPECT_EQ(status, W_EXITCODE(7, 0));
+            EXPECT_EQ(status, SIGKILL);
         }
     }
     EXPECT_EQ(right, (std::array<int, 4>{10, 10, 10, 10}));
