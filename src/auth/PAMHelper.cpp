@@ -17,7 +17,7 @@
 #include <utility>
 
 // The C++ library's own is called. As C++20 has it, a copy would be made here.
-extern template void std::string::swap(std::string&);
+extern template void std::basic_string<char>::swap(std::basic_string<char>&);
 
 // Construction in this order gives the two monitors the ids 2 and 3.
 Monitor PAMHelper::instanceMapMonitor;
