@@ -355,6 +355,12 @@ TEST_F(PAMHelperCallsTest, SessionIdTextGivesTheNumericId)
     EXPECT_EQ(PAMHelper::instanceForKEPId(1234), m_helper);
 }
 
+TEST_F(PAMHelperCallsTest, RegistriesMonitorsTakeTheFirstIds)
+{
+    EXPECT_EQ(PAMHelper::instanceMapMonitor.m_id, 2);
+    EXPECT_EQ(PAMHelper::instanceFwMapMonitor.m_id, 3);
+}
+
 TEST_F(PAMHelperCallsTest, FirmwareMapNamesWhoSetEachValueLast)
 {
     auto *a = new Login, *b = new Login; // no transaction, so nothing is stopped

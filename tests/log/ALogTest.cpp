@@ -300,6 +300,11 @@ TEST_F(ALogTest, ForkOfTheThreadThatReadsTheTimeZoneWaitsForNobody)
 
 struct AComponentLogTest : ALogTest {};
 
+// Hosts compile them in.
+static_assert(ALog::INFO == 1 && ALog::WARNING == 2 && ALog::ERROR == 3 && ALog::TRACE == 4);
+static_assert(AComponentLog::INFO == 1 && AComponentLog::WARNING == 2 && AComponentLog::ERROR == 3 &&
+              AComponentLog::TRACE == 4);
+
 void useEveryOperation(AComponentLog& log)
 {
     log.print("m %d\n", 1);
