@@ -27,14 +27,8 @@ public:
         {
             const std::string_view half = std::string_view(m_scrambled).substr(m_scrambled.size() / 2);
             const std::string_view bytes(static_cast<const char*>(block), size);
-            const auto isHere = [&](std::size_t at) {
-                return scrambled(bytes.substr(at, half.size())) == half;
-            };
-            const char first = static_cast<char>(half.front() ^ kMask);
-            for (std::size_t at = 0; (at = bytes.find(first, at)) != bytes.npos; ++at)
-                if (isHere(at))
-                    return true;
-            return false;
+            const auto isSame = [](char plain, char byte) { return (plain ^ kMask) == byte; };
+            return std::search(bytes.begin(), bytes.end(), half.begin(), half.end(), isSame) != bytes.end();
         }
 
     private:
