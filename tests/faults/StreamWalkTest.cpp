@@ -34,9 +34,9 @@ struct Listener {
     sockaddr_in m_address{};
 };
 
-/// A connection that is used, copied and destroyed.
+/// A connection that is made, perhaps in time, used, copied and destroyed.
 struct Talk : Road {
-    Talk()
+    explicit Talk(bool isInTime) : m_isInTime(isInTime)
     {
         m_log.setShowTimestamp(false);
         m_outcome.reserve(100); // only what is watched shall allocate
@@ -46,7 +46,10 @@ struct Talk : Road {
     void walk() override
     {
         try {
-            m_socket->createIPSocket("127.0.0.1", m_listener.port());
+            if (m_isInTime)
+                m_socket->connectTo("127.0.0.1", m_listener.port(), 60);
+            else
+                m_socket->createIPSocket("127.0.0.1", m_listener.port());
             m_peer = m_listener.accept();
             m_socket->setLog(m_log);
             readAndWrite();
@@ -62,7 +65,7 @@ struct Talk : Road {
     std::string arrive() override
     {
         if (m_socket) { // was cancelled
-            m_outcome = "cancelled";
+            m_outcome = "cancelled in state " + std::to_string(m_socket->getSocketState());
             const Listener listener;
             m_socket->createIPSocket("127.0.0.1", listener.port());
             const FileDescriptor peer = listener.accept();
@@ -96,6 +99,7 @@ struct Talk : Road {
         m_outcome += std::to_string(copy.getSocketState());
     }
 
+    const bool m_isInTime;
     const Listener m_listener;
     CapturedStream m_output{stdout}, m_errors{stderr};
     ALog m_log{"talk", stdout};
@@ -109,34 +113,42 @@ TEST(StreamWalkTest, NothingThatHappensToAConnectionLosesADescriptorOrMixesUpByt
 {
     const std::string target = " ip=\"127.0.0.1\" port=[0-9]+\n";
     const std::string read = "4 read, 14 read, copy ", undisturbed = read + "11, state 1, 11 arrived";
+    const std::string uncopied = read + "55, state 1, 10 arrived"; // without a descriptor of the copy
     const std::string noMemory = "no memory, state 1, 0 arrived|no memory, state 0, , 0 arrived";
-    const std::string cancelled = "cancelled, state 1, [0-9]+ arrived";
+    std::map<std::string, std::string> failures = {
+        {"socket",
+         "Failed to open socket" + target + ", state 4, Failed to open socket\n: Too many.*\n, 0 arrived"},
+        {"setsockopt", undisturbed},
+        {"malloc", "host info.*\n, state 2, host info not found: Cannot allocate memory\n, 0 arrived|" +
+                       noMemory + "|" + undisturbed},
+        {"new", noMemory},
+        {"connect",
+         "Unable to connect socket" + target + ", state 2, Unable to.*: Connection refused\n, 0 arrived"},
+        {"poll", undisturbed},
+        {"recv",
+         "(-1|4) read, -1 read, copy 55, state 5, Socket recv failed: Connection reset.*\n, 0 arrived"},
+        {"write", read + "(55, state 5, Socket write failed: Broken pipe\n, [04]|15, state 1, 10) arrived"},
+        {"fcntl", uncopied},
+    };
+    std::map<std::string, std::string> cancellations;
+    for (const char* call : {"connect", "poll", "recv", "write", "fflush"})
+        cancellations[call] = "cancelled in state [014], state 1, [0-9]+ arrived";
     walkEachCall(
-        {"connection",
-         [] { return std::make_unique<Talk>(); },
-         undisturbed,
-         {
-             {"socket", "Failed to open socket" + target +
-                            ", state 4, Failed to open socket\n: Too many.*\n, 0 arrived"},
-             {"setsockopt", undisturbed},
-             {"malloc", "host info.*\n, state 2, host info not found: Cannot allocate memory\n, 0 arrived|" +
-                            noMemory + "|" + undisturbed},
-             {"new", noMemory},
-             {"connect", "Unable to connect socket" + target +
-                             ", state 2, Unable to.*: Connection refused\n, 0 arrived"},
-             {"poll", undisturbed},
-             {"recv",
-              "(-1|4) read, -1 read, copy 55, state 5, Socket recv failed: Connection reset.*\n, 0 arrived"},
-             {"write",
-              read + "(55, state 5, Socket write failed: Broken pipe\n, [04]|15, state 1, 10) arrived"},
-             {"fcntl", read + "55, state 1, 10 arrived"}, // without a descriptor of the copy
-         },
-         {{"connect", cancelled},
-          {"poll", cancelled},
-          {"recv", cancelled},
-          {"write", cancelled},
-          {"fflush", cancelled},
-          {"fflush_unlocked", cancelled}}});
+        {"connection", [] { return std::make_unique<Talk>(false); }, undisturbed, failures, cancellations});
+
+    const auto failed = [](const std::string& reason) {
+        return "Unable to connect socket host=.*: " + reason + "\n, state 4, , 0 arrived";
+    };
+    for (const char* call : {"new", "setsockopt"}) // nothing asks for them, or tells of its progress
+        failures.erase(call);
+    cancellations.erase("fflush");
+    failures["socket"] = failed("Too many open files");
+    failures["malloc"] = "host info not found host=.*: Memory.*\n, state 4, , 0 arrived|" + undisturbed;
+    failures["connect"] = failed("Connection refused");
+    failures["poll"] = failed("Cannot allocate memory") + "|" + undisturbed;
+    failures["fcntl"] = failed("Too many open files") + "|" + uncopied;
+    walkEachCall({"connection in time", [] { return std::make_unique<Talk>(true); }, undisturbed, failures,
+                  cancellations});
 }
 
 } // namespace

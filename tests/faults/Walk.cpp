@@ -244,16 +244,25 @@ void take(const Walk& walk, Step& step)
     EXPECT_TRUE(std::regex_match(step.outcome, std::regex(expected(walk, step))));
 }
 
-/// Returns the names of the calls that were disturbed.
-std::set<std::string> walkWith(const Walk& walk, Kind kind, std::size_t intrusion)
+using Names = std::set<std::string>;
+
+/// Returns the names of the calls that were disturbed, or in which a cancellation acted.
+Names walkWith(const Walk& walk, Kind kind, std::size_t intrusion = 0)
 {
-    std::set<std::string> calls;
+    Names calls;
     for (Step step{kind, 0, intrusion};; step = {kind, step.number + 1, intrusion}) {
         take(walk, step);
         if (Faults::disturbedCall().empty())
             return calls;
-        calls.insert(Faults::disturbedCall());
+        calls.insert(kind == Kind::Cancellation ? Faults::cancelledIn() : Faults::disturbedCall());
     }
+}
+
+/// What a walk names must be met on it.
+void expectMet(const std::map<std::string, std::string>& named, const Names& met)
+{
+    for (const auto& [name, outcome] : named)
+        EXPECT_TRUE(met.contains(name)) << name;
 }
 
 } // namespace
@@ -266,13 +275,12 @@ void walkEachCall(const Walk& walk)
     Step undisturbed;
     take(walk, undisturbed);
     if (walk.canFail) {
-        std::set<std::string> failed = walkWith(walk, Kind::Failure, 0);
+        Names failed = walkWith(walk, Kind::Failure);
         failed.insert("malloc"); // which new doesn't call under a sanitizer
-        for (const auto& [name, outcome] : walk.failures)
-            EXPECT_TRUE(failed.contains(name)) << name;
+        expectMet(walk.failures, failed);
     }
-    walkWith(walk, Kind::Interruption, 0);
-    walkWith(walk, Kind::Cancellation, 0);
+    walkWith(walk, Kind::Interruption);
+    expectMet(walk.cancellations, walkWith(walk, Kind::Cancellation));
     const std::size_t intrusions = intrusionsOn(*walk.begin()).size();
     for (std::size_t i = 0; i < intrusions; ++i)
         walkWith(walk, Kind::Preemption, i);
