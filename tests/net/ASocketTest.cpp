@@ -138,8 +138,8 @@ TEST(ASocketTest, ConnectingTellsItsProgressOrThrowsWhatItPrinted)
     quiet.setSilent(true);
     EXPECT_EQ(told([&] { quiet.createIPSocket("127.0.0.2", port); }), "createIPSocket" + target);
     sockaddr_in address{};
-    ASocket copy(quiet), accepted(::dup(link.end), address); // are not
-    for (ASocket* const socket : {&copy, &accepted}) {
+    ASocket fresh, copy(quiet), accepted(::dup(link.end), address); // are not
+    for (ASocket* const socket : {&fresh, &copy, &accepted}) {
         EXPECT_EQ(told([&] { socket->createIPSocket("127.0.0.2", port); }),
                   "createIPSocket" + target + progress);
         EXPECT_EQ(::fcntl(socket->getDescriptor(), F_GETFD), FD_CLOEXEC);
