@@ -53,7 +53,7 @@ int kep_config_get(const char* name, char* buffer, int* size)
     *size = answeredReads.front().second;
     const int code = answeredReads.front().first;
     answeredReads.pop_front();
-    return code != kThrown ? code : throw kThrown;
+    return code;
 }
 
 int kep_config_get_str_n(const char* name, char* buffer, int size)

@@ -11,7 +11,6 @@
 // own.
 
 extern std::map<std::string, int> answers; // results by the start of a call as printed; success for others
-constexpr int kThrown = 99;                // as a code: is thrown
 extern std::deque<std::pair<int, int>> answeredReads; // code and size, for the next calls of kep_config_get
 extern const char*
     answeredText; // of kep_config_get_str_n, cut without a terminator; null: nothing is written
