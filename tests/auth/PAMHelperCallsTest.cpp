@@ -313,29 +313,6 @@ TEST_F(PAMHelperCallsTest, LastOfManyThatDisposeAtOnceDeletes)
     }
 }
 
-TEST_F(PAMHelperCallsTest, WhatThrowsOutOfACloseLeavesNoLockAndNoHelper)
-{
-    for (const bool stopsBefore : {true, false}) {
-        open();
-        Login::s_deleted = 0;
-        fakePam().onRecord = [](std::string_view call) {
-            if (call.starts_with("close "))
-                throw "out";
-        };
-        PAMHelper::getMonitor()->fastLock();
-        EXPECT_THROW(stopsBefore ? (void)m_helper->stopSession() : m_helper->dispose(), const char*);
-        EXPECT_TRUE(isMonitorHeld()); // the level that is ours
-        PAMHelper::getMonitor()->releaseLock();
-        EXPECT_FALSE(isMonitorHeld());
-        if (stopsBefore)
-            m_helper->dispose();
-        EXPECT_EQ(Login::s_deleted, 1);
-        EXPECT_EQ(takeCalls().back().substr(2), "end 0");
-        m_helper = new Login;
-        forgetCalls();
-    }
-}
-
 TEST_F(PAMHelperCallsTest, SessionIdTextGivesTheNumericId)
 {
     const std::pair<const char*, int> cases[] = {
@@ -407,14 +384,6 @@ TEST_F(PAMHelperCallsTest, AddressesAreReducedToWhatIsMapped)
         EXPECT_EQ(m_helper->getRemoteIP(), reduced);
         EXPECT_EQ(m_helper->m_interfaceIP, reduced);
     }
-}
-
-TEST_F(PAMHelperCallsTest, FailedOpeningForgetsTheSessionBefore)
-{
-    open();
-    fakePam().statuses["open"] = PAM_SESSION_ERR;
-    EXPECT_FALSE(m_helper->startSession());
-    EXPECT_FALSE(m_helper->isValid());
 }
 
 TEST_F(PAMHelperCallsTest, ConversationAnswersOnlyPasswordPromptsWhicheverUserIsChecked)
