@@ -147,6 +147,7 @@ TEST_F(PAMHelperCallsTest, EachFormCallsPamInItsOrder)
 TEST_F(PAMHelperCallsTest, WithoutTransactionPamIsNotCalled)
 {
     EXPECT_EQ(m_helper->getAuthResult(), PAM_AUTHINFO_UNAVAIL);
+    EXPECT_FALSE(m_helper->isValid());
     EXPECT_FALSE(m_helper->startSession());
     EXPECT_EQ(m_helper->stopSession(), 0);
     EXPECT_EQ(m_helper->setEnv("A", "B"), 0);
@@ -275,7 +276,7 @@ TEST_F(PAMHelperCallsTest, RegistriesWaitForTheMonitorThatGuardsThem)
 
 TEST_F(PAMHelperCallsTest, NobodyFindsADisposedHelperAndNoLateStopTakesItsSuccessorsEntry)
 {
-    const std::function<void()> waysToClose[] = {[&] { m_helper->stopSession(); },
+    const std::function<void()> waysToClose[] = {[&] { EXPECT_EQ(m_helper->stopSession(), 0); },
                                                  [&] { m_helper->dispose(); }};
     for (const auto& close : waysToClose) {
         open();
@@ -319,6 +320,7 @@ TEST_F(PAMHelperCallsTest, SessionIdTextGivesTheNumericId)
         {"7", 7},    {"-0X1f", -31}, {"abc", -31}, {"-9223372036854775808", 0}, {"99999999999999999999", -1},
         {nullptr, 0}};
     logIn();
+    EXPECT_EQ(m_helper->getEnv(nullptr), nullptr);
     for (const auto& [text, id] : cases) { // on one helper: what is no number changes nothing
         fakePam().sessionId = text;
         ASSERT_TRUE(m_helper->startSession());
