@@ -106,7 +106,7 @@ TEST_F(KEPClientTest, LowestBitOrByteDecidesAndOnlyWhatChangesIsWritten)
                       (done ? "11111111 text.text. 7 1" : "00000000 .. 0 0"));
     }
     EXPECT_FALSE(m_client.setProperty("p", "text", true) || m_client.setProperty("p", 7, true) ||
-                 m_client.setProperty("p", true, true));
+                 m_client.setProperty("p", true, true) || m_client.setProperty("p", nullptr, true));
 }
 
 TEST_F(KEPClientTest, TextThatFillsTheBufferOrIsNoneIsReadInsideIt)
