@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <climits>
-
 TEST(AIntegerTest, ReadsTheNumberThatATextBeginsWithOrHandsTheTextOverAsData)
 {
     std::string numbers;
@@ -33,16 +31,4 @@ TEST(AIntegerTest, WholeTextIsOneIntegerWithinItsLimits)
                              "08", "0x", "0b", "0xg", static_cast<const char*>(nullptr)})
         EXPECT_FALSE(AInteger::parseWhole(text, -16, 8, value)) << text;
     EXPECT_EQ(value, 0);
-}
-
-TEST(AIntegerTest, FormatsDecimalAndPacksTheMostSignificantByteFirst)
-{
-    EXPECT_EQ(AInteger(7).toString() + AInteger::toString(AInteger(INT_MIN).getValue()), "7-2147483648");
-    unsigned char data[] = "------------";
-    AInteger::encodeInt(data, 0, -2);
-    AInteger::encodeInt(data, 5, INT_MIN + 0x010203);
-    AInteger::encodeShort(data, 10, static_cast<short>(0xFEDC));
-    EXPECT_STREQ(reinterpret_cast<char*>(data), "\xff\xff\xff\xfe-\x80\1\2\3-\xfe\xdc");
-    EXPECT_EQ(AInteger::decodeInt(data, 5), INT_MIN + 0x010203);
-    EXPECT_EQ(AInteger::decodeShort(data, 10), 0xFEDC);
 }
