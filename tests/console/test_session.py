@@ -2,6 +2,7 @@
 """The daemon and its client from outside, as two programs."""
 
 import itertools
+import os
 import random
 import re
 import signal
@@ -151,6 +152,26 @@ def test_one_program_runs_at_a_time_and_the_next_after_it(daemon):
     assert answers[0].text.startswith("uid=")
     assert peers[0].ask(Op.RUN, "disk").result == Result.DONE
     assert daemon.has("fd") == before
+
+
+def test_program_ends_with_its_client_and_with_its_time(daemon, monkeypatch):
+    language = daemon.folder / "languages" / "xx"
+    language.mkdir(parents=True)
+    os.mkfifo(language / "LC_IDENTIFICATION")  # what a program opens first, and nobody writes
+    monkeypatch.setenv("LOCPATH", str(language.parent))
+    monkeypatch.setenv("LC_ALL", "xx")
+    daemon.start()
+    other = daemon.logged_in("user1")
+    before = daemon.has("fd")
+    peer = daemon.logged_in()
+    peer.send(frame(Op.RUN, "id"))
+    assert eventually(lambda: daemon.has("fd") > before + 1)
+    times = [time.monotonic()]
+    del peer
+    assert eventually(lambda: daemon.has("fd") == before)
+    times.append(time.monotonic())
+    assert other.ask(Op.RUN, "id").result == Result.FAILED
+    assert times[1] - times[0] < (time.monotonic() - times[1]) / 2
 
 
 def test_operator_sees_who_is_in_and_ends_a_session(daemon):
