@@ -269,6 +269,10 @@ TEST_F(ProgramTest, ChildIsTalkedToAndEndsWhenItsInputDoes)
     EXPECT_EQ(::read(child.getStdOut(), text, sizeof text), 0);
     EXPECT_EQ(child.end(), 0);
     EXPECT_EQ(child.getStdOut(), -1);
+    m_job.folder = "/no-such-folder";
+    EXPECT_EQ(child.start(m_job), ENOENT);
+    EXPECT_TRUE(child.waitFor(0, status));
+    EXPECT_EQ(status, -1); // not that of the one before
 }
 
 TEST_F(ProgramTest, ChildOutlivesACancelledWaitAndACopyInAnotherProcess)
