@@ -60,7 +60,7 @@ TEST_F(PAMHelperLoginTest, ManyThreadsLogInFindAndDisposeWhileOthersLook)
 {
     std::atomic<int> working = 8;
     PAMHelper* const watched = loggedIn("crowd");
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int t = 0; t < 8; ++t) {
         threads.emplace_back([&, t] {
             for (int round = 0; round < 25; ++round) {
@@ -91,8 +91,7 @@ TEST_F(PAMHelperLoginTest, ManyThreadsLogInFindAndDisposeWhileOthersLook)
         watched->getAuthResult();
         watched->isFwInProgress();
     }
-    for (auto& thread : threads)
-        thread.join();
+    threads.clear(); // waits for them
     watched->dispose();
 }
 

@@ -231,7 +231,7 @@ TEST_F(ALogTest, LinesOfManyThreadsStayWholeWhileFilesMoveAndAHostHoldsTheStream
     ALog unnamed(nullptr, nullptr);
     m_log.setShowTimestamp(true);
     const int before = openDescriptors();
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int t = 0; t < kThreads; ++t)
         threads.emplace_back([&, t] {
             for (int i = 0; i < kLines; ++i) {
@@ -244,8 +244,7 @@ TEST_F(ALogTest, LinesOfManyThreadsStayWholeWhileFilesMoveAndAHostHoldsTheStream
         });
     for (int night = 0; night < 50; ++night)
         EXPECT_EQ((night == 25 ? m_log : unnamed).reopenOutputFile(std::to_string(night).c_str()), 0);
-    for (auto& thread : threads)
-        thread.join();
+    threads.clear();                          // waits for them
     EXPECT_EQ(openDescriptors(), before + 2); // one for each log
     std::string lines;
     for (const auto& file : std::filesystem::directory_iterator("."))

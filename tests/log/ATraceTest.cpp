@@ -153,7 +153,7 @@ TEST_F(ATraceTest, LinesThatCannotBeWrittenAreDropped)
 TEST_F(ATraceTest, LinesStayWholeWhileTheFileMoves)
 {
     m_trace.Init(1, m_path.c_str());
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int i = 0; i < 8; ++i)
         threads.emplace_back([this] {
             for (int line = 0; line < 500; ++line)
@@ -166,8 +166,7 @@ TEST_F(ATraceTest, LinesStayWholeWhileTheFileMoves)
         else
             EXPECT_EQ(m_trace.Reopen(m_path.c_str()), 0);
     }
-    for (std::thread& thread : threads)
-        thread.join();
+    threads.clear(); // waits for them
     std::string expected;
     for (int line = 0; line < 8 * 500; ++line)
         expected += kStamp + "whole line\n";
