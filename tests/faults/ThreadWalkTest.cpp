@@ -23,11 +23,11 @@ struct ThreadRun : Road {
 
     void walk() override
     {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::hours(1);
+        MonitorLock lock = m_poller.m_monitor.acquireLock(); // the first round waits for that of the walker
         m_poller.start();
         if (!m_poller.isJoinable())
             return;
-        const auto end = std::chrono::steady_clock::now() + std::chrono::hours(1);
-        MonitorLock lock = m_poller.m_monitor.acquireLock();
         while (m_poller.m_rounds == 0 && m_poller.m_monitor.waitUntil(end)) {
         }
         lock.releaseLock();
