@@ -267,6 +267,7 @@ STEP(int, pam_open_session, (pam_handle_t * handle, int flags),
 STEP(int, pam_end, (pam_handle_t * handle, int status),
      counted(Faults::s_transactions, -1, real(handle, status)))
 
+CALL(int, pam_putenv, (pam_handle_t * handle, const char* text), real(handle, text), Waits, PAM_SUCCESS, 0)
 STEP(int, pam_close_session, (pam_handle_t * handle, int flags), closed(real(handle, flags)))
 
 /// A cancellation comes when the number is free already, as where a peer takes the last bytes slowly.

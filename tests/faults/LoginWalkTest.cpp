@@ -55,7 +55,7 @@ struct Login : Road {
                 m_outcome += " changed";
             if (m_helper->startSession())
                 m_outcome += " opened";
-            m_helper->setEnv("", "a name that libpam reports");
+            m_helper->setEnv("NAME", "value");
             m_helper->setSessionId(AUtil::generateRandomKey());
             if (PAMHelper::instanceForSessionId(m_helper->getSessionId()) == m_helper)
                 m_outcome += " registered";
