@@ -17,7 +17,6 @@
 #include <langinfo.h>
 #include <regex>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <thread>
 
 #pragma GCC diagnostic ignored "-Wformat" // "%m"
@@ -280,21 +279,6 @@ TEST_F(ALogTest, StreamsAreFreeWhileALineIsComposedAndItsStampIsOfTheSecondItIsW
     EXPECT_EQ(output.text(), expected);
     EXPECT_EQ(written(), expected);
     EXPECT_EQ(keptWaiting, "");
-}
-
-TEST_F(ALogTest, ForkOfTheThreadThatReadsTheTimeZoneWaitsForNobody)
-{
-    int status = -1;
-    setAtPlace("tzset", [&] {
-        const pid_t child = fork();
-        if (child == 0)
-            _exit(0);
-        waitpid(child, &status, 0);
-    });
-    m_log.setShowTimestamp(true);
-    setenv("TZ", "Another", 1);
-    m_log.print("line\n");
-    EXPECT_EQ(status, 0);
 }
 
 struct AComponentLogTest : ALogTest {};
