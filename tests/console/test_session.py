@@ -9,6 +9,7 @@ import signal
 import time
 from concurrent.futures import ThreadPoolExecutor
 
+import pytest
 from daemon import (CLOSED, PASSPHRASE, PASSWORD, SANITIZED, SCALE, Op, Peer, Result, eventually, frame, in_parallel,
                     user)
 
@@ -157,7 +158,8 @@ def test_one_program_runs_at_a_time_and_the_next_after_it(daemon):
 def test_program_ends_with_its_client_and_with_its_time(daemon, monkeypatch):
     language = daemon.folder / "languages" / "xx"
     language.mkdir(parents=True)
-    os.mkfifo(language / "LC_IDENTIFICATION")  # what a program opens first, and nobody writes
+    waiting = language / "LC_IDENTIFICATION"  # what a program of GNU's opens first, and nobody writes
+    os.mkfifo(waiting)
     monkeypatch.setenv("LOCPATH", str(language.parent))
     monkeypatch.setenv("LC_ALL", "xx")
     daemon.start()
@@ -170,6 +172,8 @@ def test_program_ends_with_its_client_and_with_its_time(daemon, monkeypatch):
     del peer
     assert eventually(lambda: daemon.has("fd") == before)
     times.append(time.monotonic())
+    with pytest.raises(OSError):  # nobody opens it any more
+        os.open(waiting, os.O_WRONLY | os.O_NONBLOCK)
     assert other.ask(Op.RUN, "id").result == Result.FAILED
     assert times[1] - times[0] < (time.monotonic() - times[1]) / 2
 
