@@ -326,6 +326,8 @@ TEST_F(PAMHelperCallsTest, SessionIdTextGivesTheNumericId)
         ASSERT_TRUE(m_helper->startSession());
         EXPECT_EQ(m_helper->getKEPSessionId(), id) << (text == nullptr ? "absent" : text);
     }
+    fakePam().statuses["open"] = PAM_SESSION_ERR;
+    EXPECT_FALSE(m_helper->startSession() || m_helper->isValid()); // nor is the one before
     m_helper->setSessionId("S1");
     m_helper->setKEPSessionId(1234);
     EXPECT_EQ(PAMHelper::instanceForKEPId(1234), m_helper);

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: BSD-3-Clause
+#include "GorvVersion.h"
 #include "NumberFormatException.h"
 
 #include <gtest/gtest.h>
@@ -22,4 +23,9 @@ TEST(ExceptionTest, EndAtAnArgumentThatCannotBeFormatted)
 {
     const wchar_t none[] = {0x7FFFFFFF, 0};
     EXPECT_EQ(Exception("before %ls after", none).getMessage(), "before ");
+}
+
+TEST(GorvVersionTest, IsThatOfTheHeader)
+{
+    EXPECT_EQ(gorvVersion(), GORV_VERSION);
 }

@@ -267,7 +267,7 @@ TEST(ASocketTest, SpeaksTheWireFormatAndLogsEveryStep)
                      EXPECT_EQ(socket.read(data, 2, 1, 3), 1);
                      EXPECT_EQ(socket.read(data + 6, -3, 1, 3), 1);
                      EXPECT_EQ(socket.readFully(nullptr, 0, 0, 1), 0);
-                     socket.writeInt(-2);
+                     socket.writeInt(-66052);
                      socket.writeShort(74565);
                      socket.writeByte(0xFE);
                      socket.flush(); // nothing to tell
@@ -278,7 +278,7 @@ TEST(ASocketTest, SpeaksTheWireFormatAndLogsEveryStep)
                  "socket_read data=<0> len=<1> flag=<256> timeout=<3>\nsocket_read :    read 1 bytes\n"
                  "read count=<1>\n*\nread read( 0, -3, 1 )\n*\nread count=<1>\nreadFully m_socketState=<1> "
                  "offset=<0> len=<0> timeout=<1>\n"
-                 "readFully:    read 0 bytes\nwriteInt: writeInt( -2 )\nwrite: write( ff, 4 )\n"
+                 "readFully:    read 0 bytes\nwriteInt: writeInt( -66052 )\nwrite: write( ff, 4 )\n"
                  "writeShort: writeShort( 74565 )\nwrite: write( 23, 2 )\nwriteByte: write( fe, 1 )\n"
                  "writeString : writeString( %s )\nwrite: write( 25, 2 )\n"
                  "writeString : writeString(  )\nwrite: write( 0, 0 )\n");
@@ -286,7 +286,7 @@ TEST(ASocketTest, SpeaksTheWireFormatAndLogsEveryStep)
     socket.close();
     char answer[16];
     EXPECT_EQ(std::string(answer, ::recv(link.peer, answer, sizeof answer, MSG_WAITALL)),
-              "\xff\xff\xff\xfe\x23\x45\xfe%s");
+              "\xff\xfe\xfd\xfc\x23\x45\xfe%s");
 }
 
 TEST(ASocketTest, PeerThatClosesInAFrameIsToldAndNothingPassesAfterwards)
@@ -404,6 +404,7 @@ TEST(ASocketTest, WhatIsThereIsReadAtOnce)
               "socket_read data=<0> len=<6> flag=<0> timeout=<0>\nsocket_read :    read 1 bytes\n");
     EXPECT_STREQ(reinterpret_cast<char*>(data), "abc");
     EXPECT_TRUE(link.socket.shutDown());
+    EXPECT_PRED2(matches, toldBy(link.socket, &ASocket::readByte, 5), "0 77 3 *");
     link.socket.close();
     EXPECT_FALSE(link.socket.shutDown());
     EXPECT_EQ(told([&] { EXPECT_EQ(link.socket.readAvailable(data, 8, 5), -1); }), "");

@@ -51,6 +51,8 @@ TEST(AThreadTest, JoinWaitsForNothingWithoutAThreadToJoin)
     EXPECT_TRUE(thread.isJoinable());
     thread.join();
     EXPECT_FALSE(thread.isJoinable());
+    EXPECT_TRUE(thread.isRunning()); // for good
+    EXPECT_EQ(thread.getThreadID(), ::gettid());
     next.start();
     thread.join(); // must not wait for the next thread, which has taken over the handle
     next.stopThread();

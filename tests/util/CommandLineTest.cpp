@@ -5,14 +5,15 @@
 
 TEST(CommandLineTest, NumberKeepsItsDefaultUnlessOneIsGivenAndWithinItsLimits)
 {
-    const char* words[] = {"program", "-high", "65536", "-none"};
+    const char* words[] = {"program", "-high", "65536", "-none", "-5", "-"};
     CommandLine line(std::size(words), const_cast<char**>(words));
     int number = 50;
     for (const char* name : {"none", "absent", static_cast<const char*>(nullptr)})
         EXPECT_TRUE(line.getInt(name, 1, 65535, number));
     EXPECT_FALSE(line.getInt("high", 1, 65535, number));
     EXPECT_EQ(number, 50);
-    EXPECT_STREQ(line.getUnknown({nullptr}), "high");
+    EXPECT_STREQ(line.getUnknown({nullptr, "hig", "highs"}), "high");
+    EXPECT_STREQ(line.getUnknown({"high", "none", "5"}), ""); // of the last
 }
 
 TEST(CommandLineTest, ArgumentsEndWithTheCountOrANullPointer)

@@ -24,6 +24,7 @@ TEST(SystemExecHandlerTest, IsTheLibrarysThoughTheProgramHasOneOfItsName)
     std::string command = "true";
     runner.setCommand(command);
     runner.execute();
+    ASSERT_NE(runner.getPid(), -1);
     for (int i = 0; i < 1000 && runner.getStdOut() != -1; ++i)
         ::usleep(10'000);
     EXPECT_EQ(runner.getStdOut(), -1);
