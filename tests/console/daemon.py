@@ -64,7 +64,7 @@ class Peer:
     """A raw connection to the daemon, which vanishes with its last reference."""
 
     def __init__(self, port):
-        self.socket = socket.create_connection(("127.0.0.1", port), timeout=60)
+        self.socket = socket.create_connection(("127.0.0.1", port), timeout=600)  # of an emulated machine
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))  # no port waits
         self.stream = self.socket.makefile("rb")
 
