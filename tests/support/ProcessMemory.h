@@ -25,10 +25,10 @@ public:
         /// Looks for the second half: freed memory may have lost the first bytes.
         bool isIn(const void* block, std::size_t size) const
         {
-            const std::string_view half = std::string_view(m_scrambled).substr(m_scrambled.size() / 2);
-            const std::string_view bytes(static_cast<const char*>(block), size);
-            const auto isSame = [](char plain, char byte) { return (plain ^ kMask) == byte; };
-            return std::search(bytes.begin(), bytes.end(), half.begin(), half.end(), isSame) != bytes.end();
+            std::string half = scrambled(std::string_view(m_scrambled).substr(m_scrambled.size() / 2));
+            const bool isHere = ::memmem(block, size, half.data(), half.size()) != nullptr;
+            ::explicit_bzero(half.data(), half.size()); // before the next block is read
+            return isHere;
         }
 
     private:
